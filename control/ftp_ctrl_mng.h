@@ -1,0 +1,63 @@
+// The upload control manager: the task queue, the table of storage disks and the current disk.
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <map>
+
+#include "control/ftp_records.h"
+#include "platform/thread.h"
+
+typedef void (*DataSync_f)(char* mountDir, std::list<ftpFileInfo_t>& taskList, CLock* lock);
+
+// Loads the tasks of the database of the disk mounted at mountDir that are not in taskList
+// yet, appending them under *lock.
+void dataSync(char* mountDir, std::list<ftpFileInfo_t>& taskList, CLock* lock);
+
+struct ftpDiskInfo_t {
+  int32_t id;          // status identifier 1, 5, 6, 7, 8 or 9; never 0
+  char path[64];       // mount directory
+  DataSync_f pfnSync;  // always dataSync
+};
+
+struct ftpCurDisk_t {
+  int32_t id;      // 0: no disk, nothing is scheduled
+  char path[128];  // mount directory
+};
+
+class CFtpCtrlMng {
+ public:
+  // The singleton, created on first use and never destroyed. Safe from any thread.
+  static CFtpCtrlMng* Instance();
+
+  // Follows the storage disks the status service reports (every 5000 ms, main thread).
+  void CheckDiskState(uint32_t seconds);
+  // Admits a task: 0 admitted, -1 refused. Request thread.
+  int InsertFileInfo(ftpFileInfo_t* info);
+  // Transfer control of the tasks (seq, fileType): 0 off, 1 on, 2 delete.
+  void SetFtpTrans(int fileType, unsigned int ctrType, int seq);
+  // One scheduler pass (every 200 ms, main thread).
+  void ScheduleTask(uint32_t seconds);
+
+  // Written only by the scheduler (main thread).
+  uint32_t m_netMask = 0;
+  uint32_t m_lastSecond = 0;
+  // Guards m_taskList and the records in it.
+  CLock m_lock;
+  int32_t m_lastActive = 0;
+  // Written only by CheckDiskState (main thread).
+  ftpCurDisk_t m_curDisk{};
+  // Guarded by m_lock.
+  std::list<ftpFileInfo_t> m_taskList;
+  // Used only on the main thread.
+  std::map<int32_t, ftpDiskInfo_t> m_diskMap;
+
+  CFtpCtrlMng(const CFtpCtrlMng&) = delete;
+  CFtpCtrlMng& operator=(const CFtpCtrlMng&) = delete;
+
+ protected:
+  CFtpCtrlMng() = default;
+
+ private:
+  static CFtpCtrlMng* m_pInstance;
+};

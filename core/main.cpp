@@ -1,0 +1,25 @@
+// velmar: the upload and remote-maintenance service of the vehicle video recorder.
+// It has no command line and no configuration of its own; VELMAR_ROOT (empty on the device)
+// names the sandbox root under which it finds its fixed paths.
+#include <signal.h>
+
+#include <cstdio>
+
+#include "control/ftp_ctrl_mng.h"
+#include "core/main_loop.h"
+#include "platform/clock.h"
+#include "platform/log.h"
+
+int main() {
+  setvbuf(stdout, nullptr, _IOLBF, 0);
+  // A peer that closes a socket must end a transfer, not the service.
+  signal(SIGPIPE, SIG_IGN);
+
+  ClockSleepUs(3 * 1000000ULL);
+  // Created before any thread that could reach it is started.
+  CFtpCtrlMng::Instance();
+
+  WriteDbgLog(0, "Velmar Start\n");
+  CMainLoop loop;
+  loop.Run();
+}

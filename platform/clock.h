@@ -1,0 +1,30 @@
+// Clocks and sleeping. The service takes time and sleeps only through these calls, so that
+// tests can run the long pauses on a fake clock without sleeping.
+#pragma once
+
+#include <ctime>
+#include <cstdint>
+
+// The monotonic millisecond clock minus base; msecdiff(0) is the clock itself.
+int64_t msecdiff(uint64_t base);
+// Broken-down local time of *t, like localtime_r. 0 on success, -1 on failure.
+int comm_localtime_r(const long* t, struct tm* out);
+
+// Wall-clock seconds since 1970, like time(NULL).
+time_t ClockTime();
+// Sleeps for us microseconds.
+void ClockSleepUs(uint64_t us);
+inline void ClockSleepMs(uint64_t ms) { ClockSleepUs(ms * 1000); }
+
+// Test seam: the clock behind the calls above.
+class IClock {
+ public:
+  virtual ~IClock() = default;
+  virtual int64_t MonotonicMs() = 0;
+  virtual time_t WallSeconds() = 0;
+  virtual void SleepUs(uint64_t us) = 0;
+};
+
+// Installs clock (null: the host clock) and returns the previous one. Not thread-safe:
+// install before the threads that use it start.
+IClock* SetClockForTest(IClock* clock);

@@ -1,0 +1,65 @@
+// The file-to-FTP database: one SQLite file new_file_op.db in each disk's mount directory
+// holding the persisted upload queue. All calls are serialised by a lock of its own, so it
+// may be called from several threads.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <list>
+
+#include "platform/ftpserver.h"
+
+// One row, 496 bytes.
+struct __ftp_log {
+  uint32_t seq;
+  uint32_t type;
+  char fullpath[128];
+  char dir[64];
+  char filename[64];
+  uint8_t valid;
+  uint8_t net;
+  uint8_t trans;
+  uint8_t result;
+  UserDefServerSet_t server;
+  uint8_t pad[2];
+};
+static_assert(sizeof(__ftp_log) == 496, "__ftp_log layout");
+static_assert(offsetof(__ftp_log, type) == 4, "type offset");
+static_assert(offsetof(__ftp_log, fullpath) == 8, "fullpath offset");
+static_assert(offsetof(__ftp_log, dir) == 136, "dir offset");
+static_assert(offsetof(__ftp_log, filename) == 200, "filename offset");
+static_assert(offsetof(__ftp_log, valid) == 264, "valid offset");
+static_assert(offsetof(__ftp_log, result) == 267, "result offset");
+static_assert(offsetof(__ftp_log, server) == 268, "server offset");
+
+class CFile2FtpDbMng {
+ public:
+  static CFile2FtpDbMng* Instance();
+
+  // Non-zero while a table is open. Callers write 0 to make the next user reopen.
+  std::atomic<unsigned char> m_bTabOpen{0};
+
+  // Opens mountDir/new_file_op.db (creating it) as the table of the calls below that take no
+  // directory; sets m_bTabOpen. Negative on failure.
+  int OpenTable(const char* mountDir);
+  int Insert(__ftp_log* row);
+  int InsertMore(std::list<__ftp_log>& rows);
+  // Appends every row, in insertion order. Negative on failure.
+  int SearchAll(std::list<__ftp_log>& rows);
+  int SearchBySeqAndType(int seq, unsigned char type, std::list<__ftp_log>& rows);
+  int DeleteBySeqAndType(int seq, unsigned char type);
+  // Rows with seq and type in the database of the disk mounted at mountDir; 0 on failure.
+  int SearchBySeqAndType(const char* mountDir, int seq, unsigned char type);
+  // Deletes the rows whose fullpath equals fullPath from the database at mountDir.
+  int SearchDelete(const char* mountDir, const char* fullPath);
+
+ private:
+  CFile2FtpDbMng();
+
+ public:
+  // The implementation's state; kept public only so that the flag's offset can be checked.
+  struct Impl;
+  Impl* m_pImpl;
+};
+static_assert(offsetof(CFile2FtpDbMng, m_bTabOpen) == 0, "open flag is the first member");

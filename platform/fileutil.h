@@ -1,0 +1,40 @@
+// File and shell helpers of the recorder's platform library.
+#pragma once
+
+#include <cstddef>
+
+// Exactly 1 when path names an existing regular file, 0 otherwise.
+int file_exist(const char* path);
+// 0 when path names an existing file or directory, -1 otherwise.
+int fileisexist(const char* path);
+// Size of the file in bytes (capped at INT32_MAX), -1 when it cannot be examined.
+int getfilesize(const char* path);
+// Reads a whole file (at most 16 MiB) into a new NUL-terminated heap buffer that the caller
+// releases with free(); stores the length in *len. Null on failure or for a larger file.
+char* filetobufwithoutbuf(const char* path, int* len);
+// Non-zero when part occurs in text; 0 otherwise or when either is null.
+int strfind_s(const char* text, const char* part);
+
+// Runs "/bin/sh -c command" in its own process group, with standard input from /dev/null
+// and none of the caller's other descriptors. Waits at most `seconds` seconds; then ends the
+// whole group (TERM, then KILL one second later) and reaps it. No zombie is left behind.
+// Returns the command's exit status (128+signal when it was killed by a signal), or -1 when
+// it could not be started or ran past its limit.
+int systemdump(const char* command, int seconds);
+
+// Runs a command like system(3) (no time limit): the shell's exit status, or -1.
+int system_run(const char* command);
+
+// Test seam for the two calls above: a fake records command lines instead of running them.
+class IShellRunner {
+ public:
+  virtual ~IShellRunner() = default;
+  virtual int RunLimited(const char* command, int seconds) = 0;
+  virtual int RunUnlimited(const char* command) = 0;
+};
+
+// Installs runner (null: the host shell) and returns the previous one.
+IShellRunner* SetShellRunnerForTest(IShellRunner* runner);
+
+// Creates dir and its missing parents (mode 0755). 0 when it exists afterwards, -1 otherwise.
+int MakeDirs(const char* dir);

@@ -1,0 +1,61 @@
+// The FTP client library used by the upload engine.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "platform/ftpserver.h"
+
+constexpr int kFtpListCapacity = 1024;  // entries kept from one directory listing
+
+struct FtpDirEntry_t {
+  int32_t size;    // bytes
+  char name[128];  // NUL-terminated
+};
+
+// The client's data record. Readers rely on: the data-connection descriptor at byte 4, the
+// entry count at byte 500 and the 132-byte entries from byte 504.
+struct FtpClientData_t {
+  int32_t ctrlFd;
+  int32_t dataFd;
+  uint8_t reserved[492];
+  int32_t entryCount;
+  FtpDirEntry_t entries[kFtpListCapacity];
+};
+static_assert(sizeof(FtpDirEntry_t) == 132, "FtpDirEntry_t layout");
+static_assert(offsetof(FtpClientData_t, dataFd) == 4, "dataFd offset");
+static_assert(offsetof(FtpClientData_t, entryCount) == 500, "entryCount offset");
+static_assert(offsetof(FtpClientData_t, entries) == 504, "entries offset");
+
+typedef void (*FtpLogFn_f)(int level, const char* fmt, ...);
+
+// One FTP session at a time. Every call returns a negative value on failure within its time
+// limit; none blocks for ever. Not thread-safe: one thread drives a client.
+class CFtpClient {
+ public:
+  CFtpClient();
+  virtual ~CFtpClient();
+  virtual int Init(FtpLogFn_f log);
+  virtual int FtpSetServerInfo(UserDefServerSet_t* server);
+  virtual int FtpSetLocalInfo(const char* dir, const char* name);
+  // Connects, logs in, sets binary type and changes to server path + dir (creating it).
+  virtual int FtpStart();
+  // Lists the current directory into the data record; -2: the task counts as done.
+  virtual int FtpGetServerDirFile();
+  virtual FtpClientData_t* FtpGetClientData();
+  // Opens the data connection: mode 0 stores anew, mode 1 appends. Returns its descriptor.
+  virtual int FtpCreateDateSockFd(int mode);
+  // Writes all len bytes or fails; timeout in seconds.
+  virtual int FtpWriteDate(int fd, const char* buf, int len, int timeout);
+  // Finishes a transfer (waiting for the server's reply), QUIT and close.
+  virtual int FtpClose();
+
+ protected:
+  struct Impl;
+  Impl* m_pImpl = nullptr;
+};
+
+// Creates the client the engine uses: the host client, or what a test installed.
+CFtpClient* NewFtpClient();
+typedef CFtpClient* (*FtpClientFactory_f)();
+FtpClientFactory_f SetFtpClientFactoryForTest(FtpClientFactory_f factory);

@@ -1,0 +1,235 @@
+// The host event bus. Registry: one file per receiver in $VELMAR_ROOT/run/evbus/, named by the
+// receiver's name with "/" replaced by "_", holding "<16 hex digits mask> <socket path>\n".
+// Wire format of one event, one datagram: "EVB1", event (u32 LE), payload length (u32 LE),
+// payload (at most 8192 bytes). Socket paths lie under the sandbox root.
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <string>
+
+#include "platform/byteorder.h"
+#include "platform/evbus.h"
+#include "platform/fileutil.h"
+#include "platform/log.h"
+#include "platform/paths.h"
+
+namespace {
+
+const char kMagic[4] = {'E', 'V', 'B', '1'};
+constexpr size_t kRecvBufferSize = 16384;
+
+std::string RegistryDir() { return RootedPath("/run/evbus"); }
+
+std::string RegistryFile(const char* name) {
+  std::string file(name);
+  for (char& c : file) {
+    if (c == '/') c = '_';
+  }
+  return RegistryDir() + "/" + file;
+}
+
+// Fills addr with the rooted socket path. False when it does not fit sun_path.
+bool SocketAddress(const char* path, sockaddr_un* addr, socklen_t* len) {
+  std::string full = RootedPath(path);
+  memset(addr, 0, sizeof(*addr));
+  addr->sun_family = AF_UNIX;
+  if (full.empty() || full.size() >= sizeof(addr->sun_path)) return false;
+  memcpy(addr->sun_path, full.c_str(), full.size());
+  *len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + full.size() + 1);
+  return true;
+}
+
+bool WriteFileAtomically(const std::string& path, const std::string& text) {
+  std::string tmp = path + ".tmp";
+  int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) return false;
+  bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  ok = (close(fd) == 0) && ok;
+  if (!ok || rename(tmp.c_str(), path.c_str()) != 0) {
+    unlink(tmp.c_str());
+    return false;
+  }
+  return true;
+}
+
+struct Listener {
+  int fd = -1;
+  pthread_t tid{};
+  std::atomic<bool> stop{false};
+  UnixDomainHandler_f handler = nullptr;
+  void* ctx = nullptr;
+  std::string path;
+};
+
+void* ListenLoop(void* p) {
+  Listener* l = static_cast<Listener*>(p);
+  char* buf = new char[kRecvBufferSize];
+  while (!l->stop.load()) {
+    pollfd pfd{l->fd, POLLIN, 0};
+    int r = poll(&pfd, 1, 100);
+    if (r <= 0) continue;
+    sockaddr_un from;
+    socklen_t fromLen = sizeof(from);
+    ssize_t n = recvfrom(l->fd, buf, kRecvBufferSize, MSG_TRUNC,
+                         reinterpret_cast<sockaddr*>(&from), &fromLen);
+    if (n < 0) continue;
+    if (static_cast<size_t>(n) > kRecvBufferSize) {
+      WriteDbgLog(0, "evbus: dropped a datagram of %zd bytes on %s\n", n, l->path.c_str());
+      continue;
+    }
+    unsigned int len = fromLen;
+    l->handler(l->fd, &from, &len, buf, static_cast<int>(n), l->ctx);
+  }
+  delete[] buf;
+  return nullptr;
+}
+
+class HostPublisher : public IEventPublisher {
+ public:
+  int Distribute(EVENT_E event, int len, const void* data) override {
+    unsigned char datagram[kEventHeaderSize + kEventPayloadMax];
+    int size = EncodeEvent(event, data, len, datagram, sizeof(datagram));
+    if (size < 0 || static_cast<unsigned>(event) > 63) return -1;
+    DIR* dir = opendir(RegistryDir().c_str());
+    if (dir == nullptr) return 0;
+    int sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    int reached = 0;
+    while (sock >= 0) {
+      dirent* entry = readdir(dir);
+      if (entry == nullptr) break;
+      if (entry->d_name[0] == '.' || strstr(entry->d_name, ".tmp") != nullptr) continue;
+      if (SendTo(sock, RegistryDir() + "/" + entry->d_name, event, datagram, size)) ++reached;
+    }
+    if (sock >= 0) close(sock);
+    closedir(dir);
+    return reached;
+  }
+
+ private:
+  // Sends to the receiver registered in file when its mask has the event's bit.
+  static bool SendTo(int sock, const std::string& file, EVENT_E event,
+                     const unsigned char* datagram, int size) {
+    FILE* f = fopen(file.c_str(), "re");
+    if (f == nullptr) return false;
+    char line[512];
+    bool got = fgets(line, sizeof(line), f) != nullptr;
+    fclose(f);
+    uint64_t mask = 0;
+    char path[sizeof(line)];
+    if (!got || sscanf(line, "%16" SCNx64 " %511s", &mask, path) != 2) return false;
+    if ((mask & (1ULL << static_cast<unsigned>(event))) == 0) return false;
+    sockaddr_un addr;
+    socklen_t addrLen;
+    if (!SocketAddress(path, &addr, &addrLen)) return false;
+    ssize_t n = sendto(sock, datagram, static_cast<size_t>(size), MSG_DONTWAIT,
+                       reinterpret_cast<sockaddr*>(&addr), addrLen);
+    return n == size;
+  }
+};
+
+HostPublisher g_hostPublisher;
+std::atomic<IEventPublisher*> g_publisher{&g_hostPublisher};
+
+}  // namespace
+
+IEventPublisher* SetEventPublisherForTest(IEventPublisher* publisher) {
+  return g_publisher.exchange(publisher != nullptr ? publisher : &g_hostPublisher);
+}
+
+int RegisterEventReciever(const char* name, int64_t mask) {
+  if (name == nullptr || name[0] == '\0') return -1;
+  if (MakeDirs(RegistryDir().c_str()) != 0) return -1;
+  char line[600];
+  int n = snprintf(line, sizeof(line), "%016" PRIx64 " %s\n", static_cast<uint64_t>(mask), name);
+  if (n < 0 || static_cast<size_t>(n) >= sizeof(line)) return -1;
+  return WriteFileAtomically(RegistryFile(name), line) ? 0 : -1;
+}
+
+int UnregisterEventReciever(const char* name) {
+  if (name == nullptr || name[0] == '\0') return -1;
+  return unlink(RegistryFile(name).c_str()) == 0 ? 0 : -1;
+}
+
+void* StartUnixDomainListen(const char* path, UnixDomainHandler_f handler, void* ctx) {
+  if (path == nullptr || handler == nullptr) return nullptr;
+  sockaddr_un addr;
+  socklen_t addrLen;
+  if (!SocketAddress(path, &addr, &addrLen)) {
+    WriteDbgLog(2, "evbus: socket path too long: %s\n", RootedPath(path).c_str());
+    return nullptr;
+  }
+  std::string full = addr.sun_path;
+  MakeDirs(full.substr(0, full.rfind('/')).c_str());
+  unlink(full.c_str());  // a stale socket of an earlier run
+  Listener* l = new (std::nothrow) Listener();
+  if (l == nullptr) return nullptr;
+  l->fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (l->fd < 0 || bind(l->fd, reinterpret_cast<sockaddr*>(&addr), addrLen) != 0) {
+    WriteDbgLog(2, "evbus: cannot listen on %s: %s\n", full.c_str(), strerror(errno));
+    if (l->fd >= 0) close(l->fd);
+    delete l;
+    return nullptr;
+  }
+  l->handler = handler;
+  l->ctx = ctx;
+  l->path = full;
+  if (pthread_create(&l->tid, nullptr, ListenLoop, l) != 0) {
+    close(l->fd);
+    unlink(full.c_str());
+    delete l;
+    return nullptr;
+  }
+  pthread_setname_np(l->tid, "evbus listen");
+  return l;
+}
+
+int StopUnixDomainListen(void* handle) {
+  if (handle == nullptr) return -1;
+  Listener* l = static_cast<Listener*>(handle);
+  l->stop.store(true);
+  pthread_join(l->tid, nullptr);
+  close(l->fd);
+  unlink(l->path.c_str());
+  delete l;
+  return 0;
+}
+
+int EncodeEvent(EVENT_E event, const void* data, int len, unsigned char* out, size_t cap) {
+  if (len < 0 || len > kEventPayloadMax || (len > 0 && data == nullptr)) return -1;
+  size_t size = static_cast<size_t>(kEventHeaderSize + len);
+  if (out == nullptr || cap < size) return -1;
+  memcpy(out, kMagic, 4);
+  StoreLE32(out + 4, static_cast<uint32_t>(event));
+  StoreLE32(out + 8, static_cast<uint32_t>(len));
+  if (len > 0) memcpy(out + kEventHeaderSize, data, static_cast<size_t>(len));
+  return static_cast<int>(size);
+}
+
+int ParseRecvEvent(const unsigned char* msg, int len, EVENT_E* event, int* /*reserved*/,
+                   void* payload) {
+  if (msg == nullptr || event == nullptr || payload == nullptr) return -1;
+  if (len < kEventHeaderSize || memcmp(msg, kMagic, 4) != 0) return -1;
+  uint32_t payloadLen = LoadLE32(msg + 8);
+  if (payloadLen > static_cast<uint32_t>(kEventPayloadMax) ||
+      payloadLen != static_cast<uint32_t>(len - kEventHeaderSize)) {
+    return -1;
+  }
+  *event = static_cast<EVENT_E>(LoadLE32(msg + 4));
+  memcpy(payload, msg + kEventHeaderSize, payloadLen);
+  return static_cast<int>(payloadLen);
+}
+
+int DistributeEvent(EVENT_E event, int len, void* data) {
+  return g_publisher.load()->Distribute(event, len, data);
+}

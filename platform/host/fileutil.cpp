@@ -1,0 +1,212 @@
+#include "platform/fileutil.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <climits>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "platform/log.h"
+
+namespace {
+
+constexpr off_t kWholeFileMax = 16 * 1024 * 1024;
+
+int64_t MonotonicMs() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+void SleepMs(int ms) {
+  timespec ts{ms / 1000, (ms % 1000) * 1000000L};
+  nanosleep(&ts, nullptr);
+}
+
+// Closes every descriptor from 3 up. Async-signal-safe.
+void CloseInheritedFds() {
+#ifdef SYS_close_range
+  if (syscall(SYS_close_range, 3U, ~0U, 0U) == 0) return;
+#endif
+  long maxFd = sysconf(_SC_OPEN_MAX);
+  if (maxFd < 0 || maxFd > 65536) maxFd = 65536;
+  for (int fd = 3; fd < maxFd; ++fd) close(fd);
+}
+
+// Body of the intermediate process: leader of the command's process group and subreaper of
+// everything the command starts. Starts the shell, reaps every descendant, and exits with
+// the shell's status. Blocks TERM so that it outlives the group's TERM and reaps the dead;
+// KILL still ends it. Only async-signal-safe calls: the parent may be multi-threaded.
+[[noreturn]] void RunReaper(char* const argv[]) {
+  setpgid(0, 0);
+  prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
+  sigset_t term;
+  sigemptyset(&term);
+  sigaddset(&term, SIGTERM);
+  sigprocmask(SIG_BLOCK, &term, nullptr);
+  CloseInheritedFds();
+  int devNull = open("/dev/null", O_RDONLY);
+  if (devNull >= 0) {
+    dup2(devNull, STDIN_FILENO);
+    if (devNull != STDIN_FILENO) close(devNull);
+  }
+  pid_t shell = fork();
+  if (shell < 0) _exit(127);
+  if (shell == 0) {
+    sigprocmask(SIG_UNBLOCK, &term, nullptr);
+    signal(SIGPIPE, SIG_DFL);
+    execv("/bin/sh", argv);
+    _exit(127);
+  }
+  int shellStatus = 0;
+  for (;;) {
+    int status = 0;
+    pid_t pid = waitpid(-1, &status, 0);
+    if (pid == shell) shellStatus = status;
+    if (pid < 0 && errno != EINTR) break;
+  }
+  if (WIFEXITED(shellStatus)) _exit(WEXITSTATUS(shellStatus));
+  _exit(128 + WTERMSIG(shellStatus));
+}
+
+// Waits up to limitMs for child; true with *status when it ended.
+bool WaitChild(pid_t child, int64_t limitMs, int* status) {
+  int64_t deadline = MonotonicMs() + limitMs;
+  int pauseMs = 2;
+  for (;;) {
+    pid_t r = waitpid(child, status, WNOHANG);
+    if (r == child) return true;
+    if (r < 0 && errno != EINTR) return true;  // not ours any more
+    if (MonotonicMs() >= deadline) return false;
+    SleepMs(pauseMs);
+    if (pauseMs < 50) pauseMs *= 2;
+  }
+}
+
+int HostSystemDump(const char* command, int seconds) {
+  if (command == nullptr) return -1;
+  char shName[] = "sh";
+  char dashC[] = "-c";
+  std::string cmd(command);
+  char* const argv[] = {shName, dashC, &cmd[0], nullptr};
+  pid_t child = fork();
+  if (child < 0) {
+    WriteDbgLog(2, "systemdump: fork failed: %s\n", strerror(errno));
+    return -1;
+  }
+  if (child == 0) RunReaper(argv);
+  setpgid(child, child);  // also done by the child; whichever runs first wins the race
+  int status = 0;
+  int64_t limitMs = static_cast<int64_t>(seconds > 0 ? seconds : 0) * 1000;
+  if (WaitChild(child, limitMs, &status)) {
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    return 128 + WTERMSIG(status);
+  }
+  WriteDbgLog(2, "systemdump: limit of %d s reached, ending: %.200s\n", seconds, command);
+  kill(-child, SIGTERM);
+  if (!WaitChild(child, 1000, &status)) {
+    kill(-child, SIGKILL);
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+  }
+  return -1;
+}
+
+class HostShellRunner : public IShellRunner {
+ public:
+  int RunLimited(const char* command, int seconds) override {
+    return HostSystemDump(command, seconds);
+  }
+  int RunUnlimited(const char* command) override {
+    if (command == nullptr) return -1;
+    int status = system(command);
+    if (status < 0) return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+};
+
+HostShellRunner g_hostRunner;
+std::atomic<IShellRunner*> g_runner{&g_hostRunner};
+
+}  // namespace
+
+IShellRunner* SetShellRunnerForTest(IShellRunner* runner) {
+  return g_runner.exchange(runner != nullptr ? runner : &g_hostRunner);
+}
+
+int systemdump(const char* command, int seconds) {
+  return g_runner.load()->RunLimited(command, seconds);
+}
+
+int system_run(const char* command) { return g_runner.load()->RunUnlimited(command); }
+
+int file_exist(const char* path) {
+  struct stat st;
+  if (path == nullptr || stat(path, &st) != 0) return 0;
+  return S_ISREG(st.st_mode) ? 1 : 0;
+}
+
+int fileisexist(const char* path) {
+  struct stat st;
+  return (path != nullptr && stat(path, &st) == 0) ? 0 : -1;
+}
+
+int getfilesize(const char* path) {
+  struct stat st;
+  if (path == nullptr || stat(path, &st) != 0) return -1;
+  return st.st_size > INT_MAX ? INT_MAX : static_cast<int>(st.st_size);
+}
+
+char* filetobufwithoutbuf(const char* path, int* len) {
+  if (path == nullptr) return nullptr;
+  int fd = open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return nullptr;
+  struct stat st;
+  char* buf = nullptr;
+  if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size <= kWholeFileMax) {
+    size_t size = static_cast<size_t>(st.st_size);
+    buf = static_cast<char*>(malloc(size + 1));
+    size_t got = 0;
+    while (buf != nullptr && got < size) {
+      ssize_t n = read(fd, buf + got, size - got);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+      got += static_cast<size_t>(n);
+    }
+    if (buf != nullptr) {
+      buf[got] = '\0';
+      if (len != nullptr) *len = static_cast<int>(got);
+    }
+  }
+  close(fd);
+  return buf;
+}
+
+int strfind_s(const char* text, const char* part) {
+  if (text == nullptr || part == nullptr) return 0;
+  return strstr(text, part) != nullptr ? 1 : 0;
+}
+
+int MakeDirs(const char* dir) {
+  if (dir == nullptr || dir[0] == '\0') return -1;
+  std::string path(dir);
+  for (size_t i = 1; i <= path.size(); ++i) {
+    if (i == path.size() || path[i] == '/') {
+      std::string part = path.substr(0, i);
+      if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) return -1;
+    }
+  }
+  struct stat st;
+  return (stat(dir, &st) == 0 && S_ISDIR(st.st_mode)) ? 0 : -1;
+}

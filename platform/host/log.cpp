@@ -1,0 +1,104 @@
+#include "platform/log.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+#include <string>
+
+#include "platform/byteorder.h"
+#include "platform/fileutil.h"
+#include "platform/paths.h"
+
+namespace {
+
+std::atomic<ILogSink*> g_sink{nullptr};
+std::mutex g_fileMutex;  // guards the cached descriptors below
+
+struct LogFile {
+  std::string path;
+  int fd = -1;
+};
+LogFile g_dbgFile;
+LogFile g_userFile;
+
+// Returns a descriptor open for appending to root + devicePath, reopening when the sandbox
+// root changed. Caller holds g_fileMutex.
+int AppendFd(LogFile* file, const char* devicePath) {
+  std::string path = RootedPath(devicePath);
+  if (file->fd >= 0 && file->path == path) return file->fd;
+  if (file->fd >= 0) close(file->fd);
+  std::string dir = path.substr(0, path.rfind('/'));
+  MakeDirs(dir.c_str());
+  file->fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  file->path = path;
+  return file->fd;
+}
+
+void WriteAll(int fd, const char* data, size_t len) {
+  while (len > 0) {
+    ssize_t n = write(fd, data, len);
+    if (n <= 0) return;
+    data += n;
+    len -= static_cast<size_t>(n);
+  }
+}
+
+}  // namespace
+
+ILogSink* SetLogSinkForTest(ILogSink* sink) { return g_sink.exchange(sink); }
+
+void WriteDbgLog(int level, const char* fmt, ...) {
+  char text[1024];
+  va_list ap;
+  va_start(ap, fmt);
+  int n = vsnprintf(text, sizeof(text), fmt, ap);
+  va_end(ap);
+  if (n < 0) return;
+  if (ILogSink* sink = g_sink.load()) {
+    sink->OnDbgLine(level, text);
+    return;
+  }
+  timespec ts;
+  clock_gettime(CLOCK_REALTIME, &ts);
+  struct tm tmv;
+  localtime_r(&ts.tv_sec, &tmv);
+  char line[1100];
+  int len = snprintf(line, sizeof(line), "%04d-%02d-%02d %02d:%02d:%02d.%03ld [%d] %s",
+                     tmv.tm_year + 1900, tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour, tmv.tm_min,
+                     tmv.tm_sec, ts.tv_nsec / 1000000, level, text);
+  if (len < 0) return;
+  size_t size = static_cast<size_t>(len) < sizeof(line) ? static_cast<size_t>(len)
+                                                        : sizeof(line) - 1;
+  if (size == 0 || line[size - 1] != '\n') {
+    if (size == sizeof(line) - 1) --size;
+    line[size++] = '\n';
+  }
+  std::lock_guard<std::mutex> guard(g_fileMutex);
+  WriteAll(STDERR_FILENO, line, size);
+  int fd = AppendFd(&g_dbgFile, "/var/log/velmar/velmar.log");
+  if (fd >= 0) WriteAll(fd, line, size);
+}
+
+int WriteUserLog(LOG_TYPE_E type, unsigned int code, unsigned int len, void* data) {
+  if (len > 4096 || (len > 0 && data == nullptr)) return -1;
+  if (ILogSink* sink = g_sink.load()) {
+    sink->OnUserRecord(type, code, data, len);
+    return 0;
+  }
+  unsigned char record[12 + 4096];
+  StoreLE32(record, static_cast<uint32_t>(type));
+  StoreLE32(record + 4, code);
+  StoreLE32(record + 8, len);
+  if (len > 0) memcpy(record + 12, data, len);
+  std::lock_guard<std::mutex> guard(g_fileMutex);
+  int fd = AppendFd(&g_userFile, "/var/log/velmar/user.log");
+  if (fd < 0) return -1;
+  WriteAll(fd, reinterpret_cast<const char*>(record), 12 + len);
+  return 0;
+}

@@ -1,0 +1,32 @@
+// Debug log and user log of the recorder.
+#pragma once
+
+#include <cstddef>
+
+// Kinds of user-log record. Only the watchdog time-out record (type 2) is written here.
+enum LOG_TYPE_E {
+  LOG_TYPE_SYSTEM = 1,
+  LOG_TYPE_ALARM = 2,
+};
+
+// Formats one debug-log line (printf style, cut at 1023 characters) and writes it, with a
+// time stamp and the level, to standard error and to the debug-log file
+// $VELMAR_ROOT/var/log/velmar/velmar.log. Level 0 routine detail, 2 notable events.
+// Safe to call from any thread.
+void WriteDbgLog(int level, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+
+// Appends one record to the user-visible log $VELMAR_ROOT/var/log/velmar/user.log:
+// type, code and length as uint32 little-endian, then len bytes of data (at most 4096).
+// 0 on success, -1 on failure.
+int WriteUserLog(LOG_TYPE_E type, unsigned int code, unsigned int len, void* data);
+
+// Test seam: receives formatted debug lines and user-log records instead of the files.
+class ILogSink {
+ public:
+  virtual ~ILogSink() = default;
+  virtual void OnDbgLine(int level, const char* line) = 0;
+  virtual void OnUserRecord(int type, unsigned int code, const void* data, unsigned int len) = 0;
+};
+
+// Installs sink (null: the host files) and returns the previous one.
+ILogSink* SetLogSinkForTest(ILogSink* sink);

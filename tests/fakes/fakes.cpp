@@ -1,0 +1,223 @@
+#include "tests/fakes/fakes.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+
+#include "platform/text.h"
+
+TempRoot::TempRoot() {
+  const char* old = getenv("VELMAR_ROOT");
+  m_hadRoot = old != nullptr;
+  if (m_hadRoot) m_oldRoot = old;
+  char tmpl[] = "/tmp/velmar-test-XXXXXX";
+  const char* dir = mkdtemp(tmpl);
+  EXPECT_NE(dir, nullptr);
+  m_path = dir != nullptr ? dir : "/tmp";
+  setenv("VELMAR_ROOT", m_path.c_str(), 1);
+}
+
+TempRoot::~TempRoot() {
+  std::string cmd = "rm -rf '" + m_path + "'";
+  if (m_path.rfind("/tmp/velmar-test-", 0) == 0) (void)!system(cmd.c_str());
+  if (m_hadRoot) {
+    setenv("VELMAR_ROOT", m_oldRoot.c_str(), 1);
+  } else {
+    unsetenv("VELMAR_ROOT");
+  }
+}
+
+std::string TempRoot::Make(const std::string& rel) const {
+  std::string full = m_path + rel;
+  MakeDirs(full.substr(0, full.rfind('/')).c_str());
+  return full;
+}
+
+void TempRoot::Write(const std::string& rel, const std::string& text) const {
+  std::ofstream(Make(rel), std::ios::binary) << text;
+}
+
+FakeClock::FakeClock() : m_prev(SetClockForTest(this)) {}
+FakeClock::~FakeClock() { SetClockForTest(m_prev); }
+
+int64_t FakeClock::MonotonicMs() {
+  std::lock_guard<std::mutex> g(m_mutex);
+  return m_nowMs;
+}
+
+time_t FakeClock::WallSeconds() {
+  std::lock_guard<std::mutex> g(m_mutex);
+  return m_wallBase + static_cast<time_t>(m_nowMs / 1000);
+}
+
+void FakeClock::SleepUs(uint64_t us) {
+  std::lock_guard<std::mutex> g(m_mutex);
+  m_sleptUs += us;
+  m_nowMs += static_cast<int64_t>(us / 1000);
+}
+
+void FakeClock::AdvanceMs(int64_t ms) {
+  std::lock_guard<std::mutex> g(m_mutex);
+  m_nowMs += ms;
+}
+
+void FakeClock::SetMs(int64_t ms) {
+  std::lock_guard<std::mutex> g(m_mutex);
+  m_nowMs = ms;
+}
+
+uint64_t FakeClock::sleptUs() const {
+  std::lock_guard<std::mutex> g(m_mutex);
+  return m_sleptUs;
+}
+
+LogCapture::LogCapture() : m_prev(SetLogSinkForTest(this)) {}
+LogCapture::~LogCapture() { SetLogSinkForTest(m_prev); }
+
+void LogCapture::OnDbgLine(int level, const char* line) {
+  std::lock_guard<std::mutex> g(m_mutex);
+  m_lines.push_back(std::to_string(level) + " " + line);
+}
+
+void LogCapture::OnUserRecord(int type, unsigned code, const void* data, unsigned len) {
+  std::lock_guard<std::mutex> g(m_mutex);
+  m_user.push_back({type, code, std::string(static_cast<const char*>(data), len)});
+}
+
+std::vector<std::string> LogCapture::Lines() const {
+  std::lock_guard<std::mutex> g(m_mutex);
+  return m_lines;
+}
+
+std::vector<LogCapture::UserRecord> LogCapture::UserRecords() const {
+  std::lock_guard<std::mutex> g(m_mutex);
+  return m_user;
+}
+
+int LogCapture::Count(const std::string& part) const {
+  int n = 0;
+  for (const std::string& line : Lines()) n += line.find(part) != std::string::npos ? 1 : 0;
+  return n;
+}
+
+FakeStatus::FakeStatus() : m_prev(SetStatusServiceForTest(this)) {}
+FakeStatus::~FakeStatus() { SetStatusServiceForTest(m_prev); }
+
+PartEntry_t FakeStatus::Entry(int type, const std::string& path) {
+  PartEntry_t e{};
+  e.type = type;
+  CopyText(e.path, sizeof(e.path), path.c_str());
+  return e;
+}
+
+int FakeStatus::GetStatus(STATUS_E which, void* buf) {
+  std::lock_guard<std::mutex> g(mutex);
+  calls.push_back(which);
+  memset(buf, 0, StatusRecordSize(which));
+  if (failing[which]) return -1;
+  uint8_t* b = static_cast<uint8_t*>(buf);
+  auto put32 = [](uint8_t* p, int32_t v) { memcpy(p, &v, 4); };
+  switch (which) {
+    case STATUS_RECORDER: put32(b + 128, recorderStatus); return 0;
+    case STATUS_MCU_VERSION: CopyText(reinterpret_cast<char*>(b), 64, mcuVersion.c_str()); return 0;
+    case STATUS_DEVICE: put32(b, deviceType); return 0;
+    case STATUS_NETWORK: put32(b, networkLink); return 0;
+    case STATUS_DISK: {
+      int n = 0;
+      for (const Disk& d : disks) {
+        if (n == 8) break;
+        put32(b + 4 + 12 * n, d.id);
+        put32(b + 12 + 12 * n, d.present);
+        ++n;
+      }
+      put32(b, n);
+      return 0;
+    }
+    case STATUS_PART_LIST_A:
+    case STATUS_PART_LIST_B:
+    case STATUS_PART_LIST_C: {
+      PartStatus_t* list = static_cast<PartStatus_t*>(buf);
+      for (const PartEntry_t& e : partLists[which]) {
+        if (list->count < 8) list->part[list->count++] = e;
+      }
+      return 0;
+    }
+    default: return -1;
+  }
+}
+
+int FakeStatus::SetStatus(STATUS_E which, void* buf) {
+  std::lock_guard<std::mutex> g(mutex);
+  if (which == STATUS_NETWORK) {
+    const uint8_t* b = static_cast<const uint8_t*>(buf);
+    networkSets.emplace_back(b, b + kStatusNetworkSize);
+    return 0;
+  }
+  if (which == STATUS_UPGRADE) {
+    const UpgradeNotify_t* n = static_cast<const UpgradeNotify_t*>(buf);
+    upgradePaths.emplace_back(n->path, n->length);
+    return 0;
+  }
+  return -1;
+}
+
+int FakeStatus::GetDiskForCommUsage(LOG_STATUS_E usage, PartStatus_t* list) {
+  std::lock_guard<std::mutex> g(mutex);
+  memset(list, 0, sizeof(*list));
+  if (failing[1000 + usage]) return -1;
+  for (const PartEntry_t& e : mounts[usage]) {
+    if (list->count < 8) list->part[list->count++] = e;
+  }
+  return 0;
+}
+
+int FakeStatus::CheckDog() {
+  std::lock_guard<std::mutex> g(mutex);
+  return dog;
+}
+
+FakeBus::FakeBus() : m_prev(SetEventPublisherForTest(this)) {}
+FakeBus::~FakeBus() { SetEventPublisherForTest(m_prev); }
+
+int FakeBus::Distribute(EVENT_E event, int len, const void* data) {
+  std::lock_guard<std::mutex> g(m_mutex);
+  const uint8_t* b = static_cast<const uint8_t*>(data);
+  m_events.push_back({event, std::vector<uint8_t>(b, b + len)});
+  return 1;
+}
+
+std::vector<FakeBus::Event> FakeBus::Events() const {
+  std::lock_guard<std::mutex> g(m_mutex);
+  return m_events;
+}
+
+std::vector<FakeBus::Event> FakeBus::Events(EVENT_E event) const {
+  std::vector<Event> out;
+  for (const Event& e : Events()) {
+    if (e.event == event) out.push_back(e);
+  }
+  return out;
+}
+
+FakeShell::FakeShell() : m_prev(SetShellRunnerForTest(this)) {}
+FakeShell::~FakeShell() { SetShellRunnerForTest(m_prev); }
+
+int FakeShell::RunLimited(const char* command, int seconds) {
+  std::lock_guard<std::mutex> g(m_mutex);
+  m_commands.emplace_back(command, seconds);
+  return result;
+}
+
+int FakeShell::RunUnlimited(const char* command) {
+  std::lock_guard<std::mutex> g(m_mutex);
+  m_commands.emplace_back(command, -1);
+  return result;
+}
+
+std::vector<std::pair<std::string, int>> FakeShell::Commands() const {
+  std::lock_guard<std::mutex> g(m_mutex);
+  return m_commands;
+}
