@@ -10,11 +10,11 @@ CFtpCtrlMng* CFtpCtrlMng::Instance() {
   return m_pInstance;
 }
 
-// The disk check, intake, transfer control and scheduler are filled in by the upload-control
-// work; until then they leave the queue alone.
-void CFtpCtrlMng::CheckDiskState(uint32_t /*seconds*/) {}
-int CFtpCtrlMng::InsertFileInfo(ftpFileInfo_t* /*info*/) { return -1; }
-void CFtpCtrlMng::SetFtpTrans(int /*fileType*/, unsigned int /*ctrType*/, int /*seq*/) {}
-void CFtpCtrlMng::ScheduleTask(uint32_t /*seconds*/) {}
+ftpCurDisk_t CFtpCtrlMng::CurDisk() const {
+  CAutoLock guard(&m_curDiskLock);
+  return m_curDisk;
+}
 
-void dataSync(char* /*mountDir*/, std::list<ftpFileInfo_t>& /*taskList*/, CLock* /*lock*/) {}
+// The scheduler is filled in by the upload-scheduler work; until then it leaves the queue
+// alone.
+void CFtpCtrlMng::ScheduleTask(uint32_t /*seconds*/) {}

@@ -45,8 +45,11 @@ class CFtpCtrlMng {
   // Guards m_taskList and the records in it.
   CLock m_lock;
   int32_t m_lastActive = 0;
-  // Written only by CheckDiskState (main thread).
+  // Written only by CheckDiskState (main thread), under m_curDiskLock; other threads read it
+  // through CurDisk().
   ftpCurDisk_t m_curDisk{};
+  // Guards m_curDisk between the main thread and the request thread. Never taken under m_lock.
+  mutable CLock m_curDiskLock;
   // Guarded by m_lock.
   std::list<ftpFileInfo_t> m_taskList;
   // Used only on the main thread.
@@ -55,9 +58,18 @@ class CFtpCtrlMng {
   CFtpCtrlMng(const CFtpCtrlMng&) = delete;
   CFtpCtrlMng& operator=(const CFtpCtrlMng&) = delete;
 
+  // A copy of m_curDisk. Safe from any thread; must not be called with m_lock held.
+  ftpCurDisk_t CurDisk() const;
+
  protected:
   CFtpCtrlMng() = default;
 
  private:
+  // Makes the smallest slot of the disk table the current disk, logging a change.
+  void FollowSmallestSlot();
+  // Database delete and list update of transfer control; see SetFtpTrans.
+  void DeleteTasks(int fileType, int seq, const char* diskPath);
+  void SwitchTasks(int fileType, unsigned int ctrType, int seq, const char* diskPath);
+
   static CFtpCtrlMng* m_pInstance;
 };

@@ -39,7 +39,6 @@ static_assert(offsetof(ftpFileInfo_t, result) == 267, "result offset");
 static_assert(offsetof(ftpFileInfo_t, server) == 268, "server offset");
 
 constexpr size_t kTaskRecordSize = sizeof(ftpFileInfo_t);
-constexpr size_t kServerSetSize = sizeof(UserDefServerSet_t);
 
 // Record from row: type from the row's low 8 bits, texts cut to the record's sizes, bytes
 // 264..267 and the server as they are, bytes 1..3 zero.
@@ -51,5 +50,3 @@ void RowFromRecord(const ftpFileInfo_t& rec, __ftp_log* row);
 // bytes past 496 are ignored). Text fields are terminated at their last byte.
 void DecodeTaskRecord(const uint8_t* bytes, size_t n, ftpFileInfo_t* rec);
 void EncodeTaskRecord(const ftpFileInfo_t& rec, uint8_t out[kTaskRecordSize]);
-void DecodeServerSet(const uint8_t* bytes, size_t n, UserDefServerSet_t* server);
-void EncodeServerSet(const UserDefServerSet_t& server, uint8_t out[kServerSetSize]);

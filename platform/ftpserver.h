@@ -17,3 +17,10 @@ static_assert(offsetof(UserDefServerSet_t, host) == 2, "host offset");
 static_assert(offsetof(UserDefServerSet_t, user) == 34, "user offset");
 static_assert(offsetof(UserDefServerSet_t, password) == 66, "password offset");
 static_assert(offsetof(UserDefServerSet_t, path) == 98, "path offset");
+
+constexpr size_t kServerSetSize = sizeof(UserDefServerSet_t);
+
+// Decodes the first n bytes of a little-endian server block (missing bytes read as zero);
+// every text ends up terminated inside its field.
+void DecodeServerSet(const uint8_t* bytes, size_t n, UserDefServerSet_t* server);
+void EncodeServerSet(const UserDefServerSet_t& server, uint8_t out[kServerSetSize]);

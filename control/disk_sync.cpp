@@ -1,0 +1,166 @@
+// Following the storage disks: the disk table, the current disk and loading each disk's
+// database into the task list.
+#include <cstdlib>
+#include <cstring>
+
+#include "control/ftp_ctrl_mng.h"
+#include "platform/byteorder.h"
+#include "platform/file2ftpdb.h"
+#include "platform/fileutil.h"
+#include "platform/log.h"
+#include "platform/status.h"
+#include "platform/text.h"
+
+namespace {
+
+constexpr int kSlotCount = 6;
+constexpr int kReloadSeconds = 30;
+const char kDbBaseName[] = "new_file_op";
+
+// Status identifier to slot; the smallest slot is preferred. -1 for an identifier without one.
+int SlotOf(int id) {
+  switch (id) {
+    case 1: return 0;
+    case 6: return 1;
+    case 5: return 2;
+    case 7: return 3;
+    case 8: return 4;
+    case 9: return 5;
+    default: return -1;
+  }
+}
+
+int Clamp8(int32_t count) { return count < 0 ? 0 : (count > 8 ? 8 : count); }
+
+// Fills the slot directories from the mount lists: usage 18 for types 1, 6, 5, 7, 8 and
+// usage 14 for type 9; a later entry of the same type wins.
+void ReadSlotDirs(char dirs[kSlotCount][128]) {
+  memset(dirs, 0, kSlotCount * 128);
+  PartStatus_t list;
+  memset(&list, 0, sizeof(list));
+  GetDiskForCommUsage(DISK_USAGE_UPLOAD, &list, nullptr);
+  for (int i = 0; i < Clamp8(list.count); ++i) {
+    int slot = SlotOf(list.part[i].type);
+    if (slot >= 0 && slot < 5) CopyField(dirs[slot], 128, list.part[i].path, 128);
+  }
+  memset(&list, 0, sizeof(list));
+  GetDiskForCommUsage(DISK_USAGE_TYPE9, &list, nullptr);
+  for (int i = 0; i < Clamp8(list.count); ++i) {
+    if (list.part[i].type == 9) CopyField(dirs[5], 128, list.part[i].path, 128);
+  }
+}
+
+}  // namespace
+
+void CFtpCtrlMng::CheckDiskState(uint32_t seconds) {
+  uint8_t disks[kStatusDiskSize] = {};
+  int count = 0;
+  if (GetStatus(STATUS_DISK, disks) == 0) {
+    count = static_cast<int32_t>(LoadLE32(disks));
+    if (count <= 0) return;
+  }
+  char dirs[kSlotCount][128];
+  ReadSlotDirs(dirs);
+  for (int i = 0; i < Clamp8(count); ++i) {
+    const uint8_t* entry = disks + 4 + 12 * i;
+    int id = static_cast<int32_t>(LoadLE32(entry));
+    bool present = LoadLE32(entry + 8) != 0;
+    int slot = SlotOf(id);
+    if (slot < 0) continue;
+    auto it = m_diskMap.find(slot);
+    if (it != m_diskMap.end()) {
+      if (!present) {
+        m_diskMap.erase(it);  // the disk is gone; its tasks stay queued
+        continue;
+      }
+      // Compared as stored (cut to 63 characters), so a long mount path is not reloaded on
+      // every check.
+      char stored[64];
+      CopyText(stored, sizeof(stored), dirs[slot]);
+      if (strcmp(it->second.path, stored) != 0) {
+        memcpy(it->second.path, stored, sizeof(stored));
+        it->second.pfnSync(it->second.path, m_taskList, &m_lock);
+      }
+    } else if (present && strfind_s(dirs[slot], "/mnt/")) {
+      ftpDiskInfo_t disk{};
+      disk.id = id;
+      CopyText(disk.path, sizeof(disk.path), dirs[slot]);
+      disk.pfnSync = dataSync;
+      m_diskMap[slot] = disk;
+      dataSync(m_diskMap[slot].path, m_taskList, &m_lock);
+    }
+  }
+
+  uint8_t recorder[kStatusRecorderSize] = {};
+  if (GetStatus(STATUS_RECORDER, recorder) != 0 || LoadLE32(recorder + 128) != 1 ||
+      m_diskMap.empty()) {
+    return;
+  }
+  FollowSmallestSlot();
+  bool idle;
+  {
+    CAutoLock guard(&m_lock);
+    idle = m_taskList.empty();
+  }
+  if (llabs(static_cast<int64_t>(seconds) - m_lastActive) >= kReloadSeconds && idle) {
+    char path[128];
+    CopyText(path, sizeof(path), CurDisk().path);
+    dataSync(path, m_taskList, &m_lock);
+    m_lastActive = static_cast<int32_t>(seconds);
+  }
+}
+
+void CFtpCtrlMng::FollowSmallestSlot() {
+  const ftpDiskInfo_t& first = m_diskMap.begin()->second;
+  ftpCurDisk_t cur = CurDisk();
+  if (first.id == cur.id && strcmp(first.path, cur.path) == 0) return;
+  {
+    CAutoLock guard(&m_curDiskLock);
+    memset(&m_curDisk, 0, sizeof(m_curDisk));
+    m_curDisk.id = first.id;
+    CopyText(m_curDisk.path, sizeof(m_curDisk.path), first.path);
+  }
+  // The library keeps one table open; make the next intake open the new disk's database
+  // rather than go on writing into the old one.
+  CFile2FtpDbMng::Instance()->m_bTabOpen = 0;
+  WriteDbgLog(0, "%s:%d disk changed [%d,%s]\n", "CheckDiskState", 349, first.id, first.path);
+}
+
+void dataSync(char* mountDir, std::list<ftpFileInfo_t>& taskList, CLock* lock) {
+  if (!strfind_s(mountDir, "/mnt/")) return;
+  char dbFile[128];
+  FormatBounded(dbFile, sizeof(dbFile), "%s/%s.db", mountDir, kDbBaseName);
+  if (file_exist(dbFile) != 1) return;  // this loader never creates a database
+
+  CFile2FtpDbMng* db = CFile2FtpDbMng::Instance();
+  db->m_bTabOpen = 0;
+  if (db->OpenTable(mountDir) < 0) {
+    WriteDbgLog(0, "%s:%d open :%s db file error\n", "dataSync", 62, kDbBaseName);
+  }
+  std::list<__ftp_log> rows;
+  if (db->SearchAll(rows) < 0) {
+    WriteDbgLog(0, "%s:%d SearchAllLogFromDb error\n", "dataSync", 69);
+  }
+  if (rows.empty()) return;
+
+  std::list<ftpFileInfo_t> loaded;
+  for (const __ftp_log& row : rows) {
+    ftpFileInfo_t rec;
+    RecordFromRow(row, &rec);
+    WriteDbgLog(0, "%s:%d type:%d fileDir:%s fileName:%s fullNmae:%s\n", "dataSync", 92,
+                rec.type, rec.fileDir, rec.fileName, rec.fullName);
+    loaded.push_back(rec);
+  }
+
+  CAutoLock guard(lock);
+  for (const ftpFileInfo_t& queued : taskList) {
+    for (auto it = loaded.begin(); it != loaded.end(); ++it) {
+      if (strcmp(it->fullName, queued.fullName) == 0) {
+        loaded.erase(it);
+        break;
+      }
+    }
+  }
+  taskList.splice(taskList.end(), loaded);
+  db->m_bTabOpen = 0;  // the next intake or transfer control reopens the current disk
+}

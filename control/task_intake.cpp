@@ -1,0 +1,100 @@
+// Intake of new tasks and transfer control. The database is always changed before the
+// list, and the engine is told while the list lock is held.
+#include <cstring>
+
+#include "control/ftp_ctrl_mng.h"
+#include "platform/file2ftpdb.h"
+#include "platform/log.h"
+#include "upload/ftp_upload_file_mng.h"
+
+namespace {
+
+constexpr size_t kTaskListMax = 1000;
+const char kDbBaseName[] = "new_file_op";
+
+bool Matches(const ftpFileInfo_t& rec, int fileType, int seq) {
+  return rec.type == static_cast<uint32_t>(fileType) && rec.seq == static_cast<uint32_t>(seq);
+}
+
+// Opens the current disk's table when the library has none open.
+void EnsureTableOpen(const char* diskPath, int line) {
+  CFile2FtpDbMng* db = CFile2FtpDbMng::Instance();
+  if (db->m_bTabOpen == 0 && db->OpenTable(diskPath) < 0) {
+    WriteDbgLog(0, "%s:%d open :%s db file error\n", "SetFtpTrans", line, kDbBaseName);
+  }
+}
+
+}  // namespace
+
+int CFtpCtrlMng::InsertFileInfo(ftpFileInfo_t* info) {
+  ftpCurDisk_t disk = CurDisk();
+  if (disk.id == 0) {
+    WriteDbgLog(0, "%s:%d no disk ret\n", "InsertFileInfo", 156);
+    if (info->type == 1) return -1;  // a recording needs its disk
+  }
+  CAutoLock guard(&m_lock);
+  if (m_taskList.size() >= kTaskListMax) return -1;
+
+  info->result = 0;
+  __ftp_log row;
+  RowFromRecord(*info, &row);
+  WriteDbgLog(0, "set db info=>net:%d type:%d seq:%d dir:%s filename:%s fullpath:%s\n", row.net,
+              static_cast<int>(row.type), static_cast<int>(row.seq), row.dir, row.filename,
+              row.fullpath);
+  CFile2FtpDbMng* db = CFile2FtpDbMng::Instance();
+  if (db->m_bTabOpen == 0) {
+    WriteDbgLog(0, "CFile2FtpDbMng Tab not open \n");
+    if (db->OpenTable(disk.path) < 0) WriteDbgLog(0, "CFile2FtpDbMng open :%s error\n", disk.path);
+  }
+  if (db->Insert(&row) < 0) {
+    // The task is still queued: it is sent in this run, only not remembered across a restart.
+    WriteDbgLog(0, "CFile2FtpDbMng::Instance()->Insert error \n");
+  }
+  char* path = info->server.path;
+  if (path[0] == '/') {
+    memmove(path, path + 1, sizeof(info->server.path) - 1);
+    path[sizeof(info->server.path) - 1] = '\0';
+  }
+  m_taskList.push_back(*info);
+  return 0;
+}
+
+void CFtpCtrlMng::SetFtpTrans(int fileType, unsigned int ctrType, int seq) {
+  WriteDbgLog(0, "%s:%d filetype:%d ctrtype:%d seq:%d \n", "SetFtpTrans", 361, fileType,
+              static_cast<int>(ctrType), seq);
+  ftpCurDisk_t disk = CurDisk();
+  if (ctrType == 2) {
+    DeleteTasks(fileType, seq, disk.path);
+  } else if (ctrType == 0 || ctrType == 1) {
+    SwitchTasks(fileType, ctrType, seq, disk.path);
+  }
+}
+
+void CFtpCtrlMng::DeleteTasks(int fileType, int seq, const char* diskPath) {
+  EnsureTableOpen(diskPath, 368);
+  CFile2FtpDbMng::Instance()->DeleteBySeqAndType(seq, static_cast<unsigned char>(fileType));
+  CAutoLock guard(&m_lock);
+  m_taskList.remove_if([&](const ftpFileInfo_t& rec) { return Matches(rec, fileType, seq); });
+  CFtpUploadFileMng::Instance()->SetTaskTrans(0, 0);
+}
+
+void CFtpCtrlMng::SwitchTasks(int fileType, unsigned int ctrType, int seq, const char* diskPath) {
+  EnsureTableOpen(diskPath, 400);
+  CFile2FtpDbMng* db = CFile2FtpDbMng::Instance();
+  std::list<__ftp_log> rows;
+  db->SearchBySeqAndType(seq, static_cast<unsigned char>(fileType), rows);
+  if (rows.empty()) return;  // nothing of this sequence number is stored: nothing changes
+  for (__ftp_log& row : rows) {
+    if (row.type == static_cast<uint32_t>(fileType) && row.seq == static_cast<uint32_t>(seq)) {
+      row.trans = static_cast<uint8_t>(ctrType);
+    }
+  }
+  db->DeleteBySeqAndType(seq, static_cast<unsigned char>(fileType));
+  db->InsertMore(rows);
+
+  CAutoLock guard(&m_lock);
+  for (ftpFileInfo_t& rec : m_taskList) {
+    if (Matches(rec, fileType, seq)) rec.trans = static_cast<uint8_t>(ctrType);
+  }
+  CFtpUploadFileMng::Instance()->SetTaskTrans(1, static_cast<uint8_t>(ctrType));
+}

@@ -1,0 +1,301 @@
+// The host file-to-FTP database on SQLite. One file new_file_op.db per disk, one table of
+// rows in insertion order. Every call is serialised by one mutex, because the library is
+// called from the main thread, the request thread and the upload thread.
+//
+// Durability: once Insert has returned 0 the row survives a kill of the process and a power
+// loss. The database uses a rollback journal in TRUNCATE mode with synchronous=FULL: every
+// commit is on the medium before it returns. A rollback journal rather than WAL, because the
+// recorder's disks are SD cards, often FAT-formatted and sometimes mounted read-only, where
+// WAL's shared-memory file is a liability and a read-only WAL database cannot be read at all;
+// the queue sees a few inserts per minute, so WAL's write savings do not matter here.
+#include <sqlite3.h>
+
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <string>
+
+#include "platform/file2ftpdb.h"
+#include "platform/log.h"
+#include "platform/text.h"
+
+namespace {
+
+constexpr int kSchemaVersion = 1;
+constexpr int kBusyTimeoutMs = 2000;  // a busy database is waited for at most this long
+const char kDbBaseName[] = "new_file_op";
+
+const char kCreateSchema[] =
+    "CREATE TABLE IF NOT EXISTS ftp_log ("
+    " id INTEGER PRIMARY KEY AUTOINCREMENT,"
+    " seq INTEGER NOT NULL, type INTEGER NOT NULL, fullpath TEXT NOT NULL,"
+    " dir TEXT NOT NULL, filename TEXT NOT NULL, valid INTEGER NOT NULL,"
+    " net INTEGER NOT NULL, trans INTEGER NOT NULL, result INTEGER NOT NULL,"
+    " server BLOB NOT NULL);"
+    "CREATE INDEX IF NOT EXISTS ftp_log_seq_type ON ftp_log(seq, type);"
+    "CREATE INDEX IF NOT EXISTS ftp_log_fullpath ON ftp_log(fullpath);";
+
+const char kColumns[] = "seq, type, fullpath, dir, filename, valid, net, trans, result, server";
+
+std::string DbPath(const char* mountDir) {
+  return std::string(mountDir) + "/" + kDbBaseName + ".db";
+}
+
+void LogDbError(sqlite3* db, const char* what, const std::string& path) {
+  WriteDbgLog(2, "new_file_op db %s failed on %s: %s\n", what, path.c_str(),
+              db != nullptr ? sqlite3_errmsg(db) : "cannot allocate");
+}
+
+// Opens an existing database file (create: or makes it) with the durable settings and the
+// schema in place. Null on failure, with one log line.
+sqlite3* OpenDb(const std::string& path, bool create) {
+  sqlite3* db = nullptr;
+  int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | (create ? SQLITE_OPEN_CREATE : 0);
+  if (sqlite3_open_v2(path.c_str(), &db, flags, nullptr) != SQLITE_OK) {
+    LogDbError(db, "open", path);
+    sqlite3_close(db);
+    return nullptr;
+  }
+  sqlite3_busy_timeout(db, kBusyTimeoutMs);
+  sqlite3_stmt* st = nullptr;
+  int version = -1;
+  if (sqlite3_prepare_v2(db, "PRAGMA user_version", -1, &st, nullptr) == SQLITE_OK &&
+      sqlite3_step(st) == SQLITE_ROW) {
+    version = sqlite3_column_int(st, 0);
+  }
+  sqlite3_finalize(st);
+  if (version < 0) {
+    LogDbError(db, "read", path);  // not a database, or unreadable
+    sqlite3_close(db);
+    return nullptr;
+  }
+  if (version > kSchemaVersion) {
+    WriteDbgLog(2, "new_file_op db %s has schema %d, newer than %d\n", path.c_str(), version,
+                kSchemaVersion);
+    sqlite3_close(db);
+    return nullptr;
+  }
+  // A read-only medium refuses these; reading the queue still works.
+  sqlite3_exec(db, "PRAGMA journal_mode=TRUNCATE; PRAGMA synchronous=FULL;", nullptr, nullptr,
+               nullptr);
+  if (version < kSchemaVersion) {
+    char sql[sizeof(kCreateSchema) + 64];
+    snprintf(sql, sizeof(sql), "BEGIN; %s PRAGMA user_version=%d; COMMIT;", kCreateSchema,
+             kSchemaVersion);
+    if (sqlite3_exec(db, sql, nullptr, nullptr, nullptr) != SQLITE_OK) {
+      LogDbError(db, "schema", path);
+      sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+  }
+  return db;
+}
+
+void BindRow(sqlite3_stmt* st, const __ftp_log& row) {
+  char text[128];
+  sqlite3_bind_int64(st, 1, row.seq);
+  sqlite3_bind_int64(st, 2, row.type);
+  CopyField(text, sizeof(text), row.fullpath, sizeof(row.fullpath));
+  sqlite3_bind_text(st, 3, text, -1, SQLITE_TRANSIENT);
+  CopyField(text, sizeof(row.dir), row.dir, sizeof(row.dir));
+  sqlite3_bind_text(st, 4, text, -1, SQLITE_TRANSIENT);
+  CopyField(text, sizeof(row.filename), row.filename, sizeof(row.filename));
+  sqlite3_bind_text(st, 5, text, -1, SQLITE_TRANSIENT);
+  sqlite3_bind_int(st, 6, row.valid);
+  sqlite3_bind_int(st, 7, row.net);
+  sqlite3_bind_int(st, 8, row.trans);
+  sqlite3_bind_int(st, 9, row.result);
+  uint8_t server[kServerSetSize];
+  EncodeServerSet(row.server, server);
+  sqlite3_bind_blob(st, 10, server, sizeof(server), SQLITE_TRANSIENT);
+}
+
+void CopyColumnText(sqlite3_stmt* st, int col, char* dst, size_t cap) {
+  const unsigned char* t = sqlite3_column_text(st, col);
+  int n = sqlite3_column_bytes(st, col);
+  CopyField(dst, cap, reinterpret_cast<const char*>(t), t != nullptr ? static_cast<size_t>(n) : 0);
+}
+
+void ReadRow(sqlite3_stmt* st, __ftp_log* row) {
+  memset(row, 0, sizeof(*row));
+  row->seq = static_cast<uint32_t>(sqlite3_column_int64(st, 0));
+  row->type = static_cast<uint32_t>(sqlite3_column_int64(st, 1));
+  CopyColumnText(st, 2, row->fullpath, sizeof(row->fullpath));
+  CopyColumnText(st, 3, row->dir, sizeof(row->dir));
+  CopyColumnText(st, 4, row->filename, sizeof(row->filename));
+  row->valid = static_cast<uint8_t>(sqlite3_column_int(st, 5));
+  row->net = static_cast<uint8_t>(sqlite3_column_int(st, 6));
+  row->trans = static_cast<uint8_t>(sqlite3_column_int(st, 7));
+  row->result = static_cast<uint8_t>(sqlite3_column_int(st, 8));
+  const void* blob = sqlite3_column_blob(st, 9);
+  int size = sqlite3_column_bytes(st, 9);
+  if (blob != nullptr && size > 0) {
+    DecodeServerSet(static_cast<const uint8_t*>(blob), static_cast<size_t>(size), &row->server);
+  }
+}
+
+// Runs a statement to completion; SQLITE_DONE or SQLITE_ROW count as success.
+bool Exec(sqlite3* db, const char* sql, const std::function<void(sqlite3_stmt*)>& bind,
+          const std::function<void(sqlite3_stmt*)>& onRow, const std::string& path) {
+  sqlite3_stmt* st = nullptr;
+  if (sqlite3_prepare_v2(db, sql, -1, &st, nullptr) != SQLITE_OK) {
+    LogDbError(db, "prepare", path);
+    return false;
+  }
+  if (bind) bind(st);
+  int rc;
+  while ((rc = sqlite3_step(st)) == SQLITE_ROW) {
+    if (onRow) onRow(st);
+  }
+  sqlite3_finalize(st);
+  if (rc != SQLITE_DONE) {
+    LogDbError(db, "statement", path);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+struct CFile2FtpDbMng::Impl {
+  std::mutex mutex;
+  // State below is protected by mutex.
+  sqlite3* db = nullptr;
+  std::string path;  // file of the open table
+
+  void Close() {
+    if (db != nullptr) sqlite3_close(db);
+    db = nullptr;
+    path.clear();
+  }
+};
+
+CFile2FtpDbMng::CFile2FtpDbMng() : m_pImpl(new Impl()) {}
+
+CFile2FtpDbMng* CFile2FtpDbMng::Instance() {
+  static CFile2FtpDbMng* instance = new CFile2FtpDbMng();
+  return instance;
+}
+
+int CFile2FtpDbMng::OpenTable(const char* mountDir) {
+  std::lock_guard<std::mutex> guard(m_pImpl->mutex);
+  m_pImpl->Close();
+  m_bTabOpen = 0;
+  if (mountDir == nullptr || mountDir[0] == '\0') {
+    WriteDbgLog(2, "new_file_op db: no mount directory to open\n");
+    return -1;
+  }
+  std::string path = DbPath(mountDir);
+  sqlite3* db = OpenDb(path, true);
+  if (db == nullptr) return -1;
+  m_pImpl->db = db;
+  m_pImpl->path = path;
+  m_bTabOpen = 1;
+  return 0;
+}
+
+int CFile2FtpDbMng::Insert(__ftp_log* row) {
+  if (row == nullptr) return -1;
+  std::list<__ftp_log> one{*row};
+  return InsertMore(one);
+}
+
+int CFile2FtpDbMng::InsertMore(std::list<__ftp_log>& rows) {
+  std::lock_guard<std::mutex> guard(m_pImpl->mutex);
+  sqlite3* db = m_pImpl->db;
+  if (db == nullptr) return -1;
+  const std::string& path = m_pImpl->path;
+  std::string sql = std::string("INSERT INTO ftp_log (") + kColumns +
+                    ") VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
+  if (sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK) {
+    LogDbError(db, "begin", path);
+    return -1;
+  }
+  for (const __ftp_log& row : rows) {
+    if (!Exec(db, sql.c_str(), [&](sqlite3_stmt* st) { BindRow(st, row); }, nullptr, path)) {
+      sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+      return -1;
+    }
+  }
+  if (sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) {
+    LogDbError(db, "commit", path);
+    sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+    return -1;
+  }
+  return 0;
+}
+
+int CFile2FtpDbMng::SearchAll(std::list<__ftp_log>& rows) {
+  std::lock_guard<std::mutex> guard(m_pImpl->mutex);
+  if (m_pImpl->db == nullptr) return -1;
+  std::string sql = std::string("SELECT ") + kColumns + " FROM ftp_log ORDER BY id";
+  bool ok = Exec(m_pImpl->db, sql.c_str(), nullptr,
+                 [&](sqlite3_stmt* st) {
+                   __ftp_log row;
+                   ReadRow(st, &row);
+                   rows.push_back(row);
+                 },
+                 m_pImpl->path);
+  return ok ? 0 : -1;
+}
+
+int CFile2FtpDbMng::SearchBySeqAndType(int seq, unsigned char type, std::list<__ftp_log>& rows) {
+  std::lock_guard<std::mutex> guard(m_pImpl->mutex);
+  if (m_pImpl->db == nullptr) return -1;
+  std::string sql =
+      std::string("SELECT ") + kColumns + " FROM ftp_log WHERE seq = ? AND type = ? ORDER BY id";
+  bool ok = Exec(m_pImpl->db, sql.c_str(),
+                 [&](sqlite3_stmt* st) {
+                   sqlite3_bind_int64(st, 1, static_cast<uint32_t>(seq));
+                   sqlite3_bind_int(st, 2, type);
+                 },
+                 [&](sqlite3_stmt* st) {
+                   __ftp_log row;
+                   ReadRow(st, &row);
+                   rows.push_back(row);
+                 },
+                 m_pImpl->path);
+  return ok ? static_cast<int>(rows.size()) : -1;
+}
+
+int CFile2FtpDbMng::DeleteBySeqAndType(int seq, unsigned char type) {
+  std::lock_guard<std::mutex> guard(m_pImpl->mutex);
+  if (m_pImpl->db == nullptr) return -1;
+  bool ok = Exec(m_pImpl->db, "DELETE FROM ftp_log WHERE seq = ? AND type = ?",
+                 [&](sqlite3_stmt* st) {
+                   sqlite3_bind_int64(st, 1, static_cast<uint32_t>(seq));
+                   sqlite3_bind_int(st, 2, type);
+                 },
+                 nullptr, m_pImpl->path);
+  return ok ? 0 : -1;
+}
+
+int CFile2FtpDbMng::SearchBySeqAndType(const char* mountDir, int seq, unsigned char type) {
+  if (mountDir == nullptr || mountDir[0] == '\0') return 0;
+  std::lock_guard<std::mutex> guard(m_pImpl->mutex);
+  std::string path = DbPath(mountDir);
+  sqlite3* db = OpenDb(path, false);
+  if (db == nullptr) return 0;
+  int count = 0;
+  Exec(db, "SELECT COUNT(*) FROM ftp_log WHERE seq = ? AND type = ?",
+       [&](sqlite3_stmt* st) {
+         sqlite3_bind_int64(st, 1, static_cast<uint32_t>(seq));
+         sqlite3_bind_int(st, 2, type);
+       },
+       [&](sqlite3_stmt* st) { count = sqlite3_column_int(st, 0); }, path);
+  sqlite3_close(db);
+  return count;
+}
+
+int CFile2FtpDbMng::SearchDelete(const char* mountDir, const char* fullPath) {
+  if (mountDir == nullptr || mountDir[0] == '\0' || fullPath == nullptr) return -1;
+  std::lock_guard<std::mutex> guard(m_pImpl->mutex);
+  std::string path = DbPath(mountDir);
+  sqlite3* db = OpenDb(path, false);
+  if (db == nullptr) return -1;
+  bool ok = Exec(db, "DELETE FROM ftp_log WHERE fullpath = ?",
+                 [&](sqlite3_stmt* st) { sqlite3_bind_text(st, 1, fullPath, -1, SQLITE_TRANSIENT); },
+                 nullptr, path);
+  sqlite3_close(db);
+  return ok ? 0 : -1;
+}

@@ -1,0 +1,63 @@
+// The upload engine: sends one task at a time on its own thread. Upload control hands it a
+// task with SetTask and steers it with SetTaskTrans.
+//
+// Sharing rules. m_nBusy and m_nTransState are atomics. The control bytes of m_stTask
+// (valid, net, trans, result) are only ever read and written with atomic byte operations, so
+// other threads may flip valid/trans while the thread reads them. Every other byte of
+// m_stTask is guarded by m_taskLock; whole-record copies go through SetTask and SnapshotTask.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "control/ftp_records.h"
+#include "platform/ftpclient.h"
+#include "platform/thread.h"
+
+// Atomic access to the control bytes of a shared record.
+inline uint8_t LoadControlByte(const uint8_t* b) { return __atomic_load_n(b, __ATOMIC_ACQUIRE); }
+inline void StoreControlByte(uint8_t* b, uint8_t v) { __atomic_store_n(b, v, __ATOMIC_RELEASE); }
+
+// The four control bytes valid, net, trans, result, read in one 32-bit load.
+struct TaskControl_t {
+  uint8_t valid;
+  uint8_t net;
+  uint8_t trans;
+  uint8_t result;
+};
+TaskControl_t LoadTaskControl(const ftpFileInfo_t* task);
+
+class CFtpUploadFileMng {
+ public:
+  // The singleton, created on first use. Safe from any thread.
+  static CFtpUploadFileMng* Instance();
+
+  // Logs, resets the transfer state, copies the task and clears its result. Called by the
+  // scheduler only while m_nBusy is 0.
+  void SetTask(const ftpFileInfo_t* task);
+  // Stores valid and trans into the held task, whatever it is; a 0 resets the transfer state.
+  // Safe from any thread.
+  void SetTaskTrans(uint8_t valid, uint8_t trans);
+  // Distributes the task status event.
+  void SendTaskStatus(int seq, int status);
+  // A consistent copy of the held task. Safe from any thread.
+  ftpFileInfo_t SnapshotTask() const;
+
+  uint8_t m_bStarted = 0;
+  std::atomic<int16_t> m_nBusy{0};        // 1 while the thread works a pass
+  std::atomic<int16_t> m_nTransState{0};  // 0 idle/new, 1 sending, 2 send ended
+  CFtpClient* m_pFtpClient = nullptr;     // owned by the upload thread
+  ftpFileInfo_t m_stTask{};               // see the sharing rules above
+  CommonCthread m_thread;
+  mutable CLock m_taskLock;
+
+  CFtpUploadFileMng(const CFtpUploadFileMng&) = delete;
+  CFtpUploadFileMng& operator=(const CFtpUploadFileMng&) = delete;
+
+ protected:
+  CFtpUploadFileMng() = default;
+  ~CFtpUploadFileMng();
+
+ private:
+  static CFtpUploadFileMng* m_pInstance;
+};
