@@ -6,9 +6,11 @@
 #include <cstdio>
 
 #include "control/ftp_ctrl_mng.h"
+#include "core/ftp_upload_interface.h"
 #include "core/main_loop.h"
 #include "platform/clock.h"
 #include "platform/log.h"
+#include "upload/ftp_upload_file_mng.h"
 
 int main() {
   setvbuf(stdout, nullptr, _IOLBF, 0);
@@ -16,8 +18,11 @@ int main() {
   signal(SIGPIPE, SIG_IGN);
 
   ClockSleepUs(3 * 1000000ULL);
-  // Created before any thread that could reach it is started.
+  // Created before any thread that could reach them is started.
   CFtpCtrlMng::Instance();
+  CFtpUploadFileMng::Instance();
+
+  CFtpUploadInterface::Instance()->StartListen();
 
   WriteDbgLog(0, "Velmar Start\n");
   CMainLoop loop;

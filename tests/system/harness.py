@@ -117,3 +117,45 @@ class Velmar:
         if self.proc.poll() is None:
             os.killpg(self.proc.pid, signal.SIGKILL)
         self.proc.wait(timeout=10)
+
+
+def velmarctl(root, *args, timeout=30):
+    """Runs velmarctl in root; returns the CompletedProcess."""
+    env = dict(os.environ)
+    env["VELMAR_ROOT"] = root.path
+    return subprocess.run([os.path.join(BUILD_DIR, "velmarctl")] + list(args), env=env,
+                          capture_output=True, text=True, timeout=timeout)
+
+
+def db_rows(mount_dir):
+    """The rows of the task database in mount_dir as dicts, in queue order."""
+    import sqlite3
+    path = os.path.join(mount_dir, "new_file_op.db")
+    if not os.path.exists(path):
+        return []
+    con = sqlite3.connect("file:%s?mode=ro" % path, uri=True)
+    try:
+        rows = con.execute("SELECT seq, type, fullpath, dir, filename, valid, net, trans, "
+                           "result, server FROM ftp_log ORDER BY id").fetchall()
+    finally:
+        con.close()
+    out = []
+    for r in rows:
+        server = r[9]
+        out.append({"seq": r[0], "type": r[1], "fullpath": r[2], "dir": r[3], "filename": r[4],
+                    "valid": r[5], "net": r[6], "trans": r[7], "result": r[8],
+                    "port": struct.unpack_from("<H", server)[0],
+                    "host": server[2:34].split(b"\0")[0].decode(),
+                    "user": server[34:66].split(b"\0")[0].decode(),
+                    "password": server[66:98].split(b"\0")[0].decode(),
+                    "path": server[98:226].split(b"\0")[0].decode()})
+    return out
+
+
+def wait_until(predicate, timeout, step=0.1):
+    deadline = time.time() + timeout
+    while time.time() < deadline:
+        if predicate():
+            return True
+        time.sleep(step)
+    return predicate()
