@@ -29,6 +29,13 @@ static_assert(offsetof(FtpClientData_t, entries) == 504, "entries offset");
 
 typedef void (*FtpLogFn_f)(int level, const char* fmt, ...);
 
+// Time limits of a client, in milliseconds. The defaults suit a mobile link; tests shorten them.
+struct FtpTimeLimits_t {
+  int connectMs = 10000;   // each TCP connect, control and data
+  int replyMs = 30000;     // each control reply, counted from the command
+  int listingMs = 120000;  // receiving one whole directory listing
+};
+
 // One FTP session at a time. Every call returns a negative value on failure within its time
 // limit; none blocks for ever. Not thread-safe: one thread drives a client.
 class CFtpClient {
@@ -49,6 +56,9 @@ class CFtpClient {
   virtual int FtpWriteDate(int fd, const char* buf, int len, int timeout);
   // Finishes a transfer (waiting for the server's reply), QUIT and close.
   virtual int FtpClose();
+
+  // Replaces the time limits; takes effect with the next call.
+  void FtpSetTimeLimits(const FtpTimeLimits_t& limits);
 
  protected:
   struct Impl;
