@@ -57,7 +57,7 @@ FtpReplyParser::Status FtpReplyParser::Feed(const char* data, size_t len, size_t
 }
 
 FtpReplyParser::Status FtpReplyParser::EndLine() {
-  const std::string& l = m_line;
+  const std::string& l = m_line;  // cleared once the line is used
   if (l.size() > kFtpMaxReplyLine) return Fail("reply line too long");
   if (m_reply.text.size() + l.size() + 1 > kFtpMaxReplyBytes) return Fail("reply too large");
   bool hasCode = l.size() >= 3 && l[0] >= '1' && l[0] <= '5' && IsDigit(l[1]) && IsDigit(l[2]) &&
@@ -65,20 +65,22 @@ FtpReplyParser::Status FtpReplyParser::EndLine() {
   int code = hasCode ? (l[0] - '0') * 100 + (l[1] - '0') * 10 + (l[2] - '0') : 0;
   if (!m_inMulti) {
     if (!hasCode) return Fail("not an FTP reply");
+    bool multi = l.size() > 3 && l[3] == '-';
     m_reply.code = code;
     m_reply.text = l;
     m_line.clear();
-    if (l.size() > 3 && l[3] == '-') {
+    if (multi) {
       m_inMulti = true;
       return kNeedMore;
     }
     m_done = true;
     return kDone;
   }
+  bool last = hasCode && code == m_reply.code && (l.size() == 3 || l[3] == ' ');
   m_reply.text.push_back('\n');
   m_reply.text += l;
   m_line.clear();
-  if (hasCode && code == m_reply.code && (l.size() == 3 || l[3] == ' ')) {
+  if (last) {
     m_inMulti = false;
     m_done = true;
     return kDone;
