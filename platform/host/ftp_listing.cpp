@@ -37,7 +37,7 @@ bool ParseSize(const char* line, Token t, int64_t* size) {
   int64_t v = 0;
   for (size_t i = t.begin; i < t.end; ++i) {
     if (!IsDigit(line[i])) return false;
-    if (v < kSizeCap) v = v * 10 + (line[i] - '0');
+    v = v < kSizeCap / 10 ? v * 10 + (line[i] - '0') : kSizeCap;  // no signed overflow
   }
   *size = v < kSizeCap ? v : kSizeCap;
   return true;
