@@ -72,6 +72,7 @@ struct CFtpClient::Impl {
   FtpControl ctrl;
   int dataFd = -1;
   bool transferOpen = false;  // a STOR/APPE waits for its transfer reply
+  int writeIdleMs = -1;       // send time-out set on dataFd; -1: not yet (still non-blocking)
   int mlsd = -1;              // -1 not asked yet, 0 no, 1 the server offers MLSD
   bool epsvRefused = false;
 
@@ -100,6 +101,7 @@ void CFtpClient::Impl::CloseData() {
   dataFd = -1;
   data.dataFd = -1;
   transferOpen = false;
+  writeIdleMs = -1;
 }
 
 void CFtpClient::Impl::CloseSession() {
@@ -417,7 +419,14 @@ int CFtpClient::FtpWriteDate(int fd, const char* buf, int len, int timeout) {
   }
   int idleMs = (timeout > 0 ? timeout : kDefaultWriteSeconds) * 1000;
   std::string err;
-  if (FtpSendAll(fd, buf, static_cast<size_t>(len), idleMs, &err) != 0) {
+  if (idleMs != s.writeIdleMs) {
+    if (!FtpMakeBlockingSender(fd, idleMs)) {
+      s.Log(2, "cannot set the write time-out");
+      return -1;
+    }
+    s.writeIdleMs = idleMs;
+  }
+  if (FtpSendAllBlocking(fd, buf, static_cast<size_t>(len), &err) != 0) {
     s.Log(2, "data write: %s", err.c_str());
     return -1;
   }

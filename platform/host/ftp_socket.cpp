@@ -136,6 +136,30 @@ int FtpSendAll(int fd, const char* data, size_t len, int idleMs, std::string* er
   return 0;
 }
 
+bool FtpMakeBlockingSender(int fd, int idleMs) {
+  int flags = fcntl(fd, F_GETFL);
+  if (flags < 0 || fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) return false;
+  timeval tv{idleMs / 1000, (idleMs % 1000) * 1000};
+  return setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv)) == 0;
+}
+
+int FtpSendAllBlocking(int fd, const char* data, size_t len, std::string* err) {
+  while (len > 0) {
+    ssize_t n = send(fd, data, len, MSG_NOSIGNAL);
+    if (n > 0) {
+      data += n;
+      len -= static_cast<size_t>(n);
+      continue;
+    }
+    if (n < 0 && errno == EINTR) continue;
+    *err = n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) ? "send: timed out"
+           : n < 0                                            ? Errno("send")
+                                                              : "send: nothing sent";
+    return -1;
+  }
+  return 0;
+}
+
 ssize_t FtpRecvSome(int fd, char* buf, size_t cap, int64_t deadlineMs, std::string* err) {
   for (;;) {
     ssize_t n = recv(fd, buf, cap, MSG_DONTWAIT);

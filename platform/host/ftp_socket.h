@@ -26,6 +26,13 @@ bool FtpPeerAddress(int fd, sockaddr_storage* addr);
 // Sends all len bytes; fails when no byte could be sent for idleMs. 0 or -1.
 int FtpSendAll(int fd, const char* data, size_t len, int idleMs, std::string* err);
 
+// Makes fd blocking with sends bounded by idleMs without progress (SO_SNDTIMEO). For a data
+// connection that moves bulk data: one system call per block instead of send, poll, send.
+bool FtpMakeBlockingSender(int fd, int idleMs);
+
+// Sends all len bytes on a descriptor prepared with FtpMakeBlockingSender. 0 or -1.
+int FtpSendAllBlocking(int fd, const char* data, size_t len, std::string* err);
+
 // Receives up to cap bytes, waiting until deadlineMs (FtpNowMs time). Returns the count,
 // 0 at end of stream, -1 on error or time-out.
 ssize_t FtpRecvSome(int fd, char* buf, size_t cap, int64_t deadlineMs, std::string* err);
