@@ -29,6 +29,13 @@ static_assert(offsetof(FtpClientData_t, entries) == 504, "entries offset");
 
 typedef void (*FtpLogFn_f)(int level, const char* fmt, ...);
 
+// Time limits of a client, in milliseconds. The defaults suit a mobile link; tests shorten them.
+struct FtpTimeLimits_t {
+  int connectMs = 10000;   // each TCP connect, control and data
+  int replyMs = 30000;     // each control reply, counted from the command
+  int listingMs = 120000;  // receiving one whole directory listing
+};
+
 // One FTP session at a time. Every call returns a negative value on failure within its time
 // limit; none blocks for ever. Not thread-safe: one thread drives a client.
 class CFtpClient {
@@ -40,15 +47,23 @@ class CFtpClient {
   virtual int FtpSetLocalInfo(const char* dir, const char* name);
   // Connects, logs in, sets binary type and changes to server path + dir (creating it).
   virtual int FtpStart();
-  // Lists the current directory into the data record; -2: the task counts as done.
+  // Lists the current directory into the data record (regular files only, listing order, at
+  // most kFtpListCapacity; the file named by FtpSetLocalInfo is always kept when listed).
+  // -2 only when the server answers the listing with 550 (permanent): the task counts as done.
   virtual int FtpGetServerDirFile();
   virtual FtpClientData_t* FtpGetClientData();
-  // Opens the data connection: mode 0 stores anew, mode 1 appends. Returns its descriptor.
+  // Opens the passive data connection (EPSV, else PASV; always to the control connection's
+  // peer): mode 0 stores anew, mode 1 appends. Returns its descriptor, also stored at byte 4.
   virtual int FtpCreateDateSockFd(int mode);
-  // Writes all len bytes or fails; timeout in seconds.
+  // Writes all len bytes on the open data connection or fails (-1); timeout: seconds without
+  // progress. Returns len.
   virtual int FtpWriteDate(int fd, const char* buf, int len, int timeout);
-  // Finishes a transfer (waiting for the server's reply), QUIT and close.
+  // Finishes a transfer (waiting for the server's reply; -1 unless it is 2xx), QUIT and close.
+  // Safe to call in any state.
   virtual int FtpClose();
+
+  // Replaces the time limits; takes effect with the next call.
+  void FtpSetTimeLimits(const FtpTimeLimits_t& limits);
 
  protected:
   struct Impl;

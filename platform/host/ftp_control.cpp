@@ -1,0 +1,77 @@
+#include "platform/host/ftp_control.h"
+
+#include <unistd.h>
+
+#include "platform/host/ftp_socket.h"
+
+void FtpControl::Attach(int fd) {
+  Close();
+  m_fd = fd;
+}
+
+void FtpControl::Close() {
+  if (m_fd >= 0) close(m_fd);
+  m_fd = -1;
+  m_pending.clear();
+  m_parser.Reset();
+}
+
+int FtpControl::Send(const std::string& command, int timeoutMs, std::string* err) {
+  if (m_fd < 0) {
+    *err = "not connected";
+    return -1;
+  }
+  if (command.find_first_of(std::string("\r\n\0", 3)) != std::string::npos) {
+    *err = "command contains a line break or NUL";
+    return -1;
+  }
+  std::string line = command + "\r\n";
+  return FtpSendAll(m_fd, line.data(), line.size(), timeoutMs, err);
+}
+
+int FtpControl::ReadReply(FtpReply* reply, int timeoutMs, std::string* err) {
+  if (m_fd < 0) {
+    *err = "not connected";
+    return -1;
+  }
+  int64_t deadline = FtpNowMs() + timeoutMs;
+  m_parser.Reset();
+  char buf[4096];
+  for (;;) {
+    if (!m_pending.empty()) {
+      size_t used = 0;
+      FtpReplyParser::Status s = m_parser.Feed(m_pending.data(), m_pending.size(), &used);
+      m_pending.erase(0, used);
+      if (s == FtpReplyParser::kDone) {
+        *reply = m_parser.reply();
+        return reply->code;
+      }
+      if (s == FtpReplyParser::kError) {
+        *err = m_parser.error();
+        return -1;
+      }
+    }
+    ssize_t n = FtpRecvSome(m_fd, buf, sizeof(buf), deadline, err);
+    if (n < 0) return -1;
+    if (n == 0) {
+      *err = "connection closed by server";
+      return -1;
+    }
+    m_pending.append(buf, static_cast<size_t>(n));
+  }
+}
+
+int FtpControl::Command(const std::string& command, FtpReply* reply, int timeoutMs,
+                        std::string* err) {
+  int64_t deadline = FtpNowMs() + timeoutMs;
+  if (Send(command, timeoutMs, err) != 0) return -1;
+  for (;;) {
+    int left = static_cast<int>(deadline - FtpNowMs());
+    if (left <= 0) {
+      *err = "timed out waiting for a final reply";
+      return -1;
+    }
+    int code = ReadReply(reply, left, err);
+    if (code < 100 || code >= 200) return code;
+  }
+}

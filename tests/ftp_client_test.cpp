@@ -1,0 +1,307 @@
+// The host FTP client against a real server: pyftpdlib on 127.0.0.1, started per test on a
+// free port over a temporary directory, and stopped by the fixture.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <netinet/in.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "platform/ftpclient.h"
+#include "platform/log.h"
+#include "platform/text.h"
+#include "tests/fakes/fakes.h"
+
+namespace {
+
+std::string ServerScript() {
+  const char* src = getenv("VELMAR_SOURCE_DIR");
+  if (src != nullptr) return std::string(src) + "/tests/servers/ftpd.py";
+  std::string here = __FILE__;
+  return here.substr(0, here.rfind('/')) + "/servers/ftpd.py";
+}
+
+// pyftpdlib serving root; killed and reaped on destruction.
+class PyFtpd {
+ public:
+  PyFtpd(const std::string& root, const std::vector<std::string>& extra) {
+    int out[2];
+    if (pipe(out) != 0) return;
+    m_pid = fork();
+    if (m_pid == 0) {
+      dup2(out[1], 1);
+      close(out[0]);
+      close(out[1]);
+      std::vector<std::string> args = {"/usr/bin/python3", ServerScript(), "--root", root,
+                                       "--lifetime", "120"};
+      args.insert(args.end(), extra.begin(), extra.end());
+      std::vector<char*> argv;
+      for (std::string& a : args) argv.push_back(&a[0]);
+      argv.push_back(nullptr);
+      execv(argv[0], argv.data());
+      _exit(127);
+    }
+    close(out[1]);
+    std::string line;
+    char c;
+    pollfd p{out[0], POLLIN, 0};
+    while (poll(&p, 1, 10000) > 0 && read(out[0], &c, 1) == 1 && c != '\n') line.push_back(c);
+    close(out[0]);
+    m_port = atoi(line.c_str());
+  }
+  ~PyFtpd() {
+    if (m_pid > 0) {
+      kill(m_pid, SIGKILL);
+      waitpid(m_pid, nullptr, 0);
+    }
+  }
+  int port() const { return m_port; }
+
+ private:
+  pid_t m_pid = -1;
+  int m_port = 0;
+};
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+std::string RandomBytes(size_t n, unsigned seed) {
+  std::mt19937 gen(seed);
+  std::string s(n, '\0');
+  for (char& c : s) c = static_cast<char>(gen());
+  return s;
+}
+
+// Writes bytes on the open data connection in 16384-byte blocks, as the upload engine does.
+// Returns the number of failed writes.
+int SendBlocks(CFtpClient* c, int fd, const std::string& bytes) {
+  int failures = 0;
+  for (size_t off = 0; off < bytes.size(); off += 16384) {
+    int n = static_cast<int>(std::min<size_t>(16384, bytes.size() - off));
+    if (c->FtpWriteDate(fd, bytes.data() + off, n, 10) != n) ++failures;
+  }
+  return failures;
+}
+
+std::map<std::string, int> Listed(CFtpClient* c) {
+  std::map<std::string, int> out;
+  FtpClientData_t* d = c->FtpGetClientData();
+  for (int i = 0; i < d->entryCount; ++i) out[d->entries[i].name] = d->entries[i].size;
+  return out;
+}
+
+class FtpClientServerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    m_store = m_root.path() + "/store";
+    mkdir(m_store.c_str(), 0755);
+  }
+
+  void TearDown() override {
+    if (HasFailure()) {
+      for (const std::string& line : m_log.Lines()) fprintf(stderr, "log: %s", line.c_str());
+    }
+  }
+
+  void StartServer(const std::vector<std::string>& extra = {}) {
+    m_server.reset(new PyFtpd(m_store, extra));
+    ASSERT_GT(m_server->port(), 0) << "pyftpdlib did not start";
+  }
+
+  std::unique_ptr<CFtpClient> Client(const char* path, const char* dir, const char* name,
+                                     const char* password = "secret", const char* host = "127.0.0.1") {
+    std::unique_ptr<CFtpClient> c(NewFtpClient());
+    c->Init(WriteDbgLog);
+    FtpTimeLimits_t limits;
+    limits.connectMs = 3000;
+    limits.replyMs = 5000;
+    limits.listingMs = 10000;
+    c->FtpSetTimeLimits(limits);
+    UserDefServerSet_t s;
+    memset(&s, 0, sizeof(s));
+    s.port = static_cast<uint16_t>(m_server ? m_server->port() : 21);
+    CopyText(s.host, sizeof(s.host), host);
+    CopyText(s.user, sizeof(s.user), "user");
+    CopyText(s.password, sizeof(s.password), password);
+    CopyText(s.path, sizeof(s.path), path);
+    c->FtpSetServerInfo(&s);
+    c->FtpSetLocalInfo(dir, name);
+    return c;
+  }
+
+  TempRoot m_root;
+  LogCapture m_log;
+  std::string m_store;
+  std::unique_ptr<PyFtpd> m_server;
+};
+
+TEST_F(FtpClientServerTest, UploadsNewFileThenListsItWithItsSize) {
+  StartServer();
+  const std::string local = RandomBytes(5 * 16384 + 123, 1);
+  auto c = Client("/", "", "clip.avi");
+  ASSERT_EQ(c->FtpStart(), 0);
+  ASSERT_EQ(c->FtpGetServerDirFile(), 0);
+  EXPECT_EQ(c->FtpGetClientData()->entryCount, 0);
+  int fd = c->FtpCreateDateSockFd(0);
+  ASSERT_GE(fd, 0);
+  int32_t atByte4;
+  memcpy(&atByte4, reinterpret_cast<const char*>(c->FtpGetClientData()) + 4, 4);
+  EXPECT_EQ(atByte4, fd);
+  EXPECT_EQ(SendBlocks(c.get(), fd, local), 0);
+  EXPECT_EQ(c->FtpClose(), 0);
+  EXPECT_EQ(ReadFile(m_store + "/clip.avi"), local);
+
+  ASSERT_EQ(c->FtpStart(), 0);
+  ASSERT_EQ(c->FtpGetServerDirFile(), 0);
+  EXPECT_EQ(Listed(c.get()), (std::map<std::string, int>{{"clip.avi", int(local.size())}}));
+  // Mode 0 stores anew: a second, shorter upload replaces the file.
+  fd = c->FtpCreateDateSockFd(0);
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(SendBlocks(c.get(), fd, "short"), 0);
+  EXPECT_EQ(c->FtpClose(), 0);
+  EXPECT_EQ(ReadFile(m_store + "/clip.avi"), "short");
+}
+
+TEST_F(FtpClientServerTest, AppendsAfterPartialFile) {
+  StartServer();
+  const std::string local = RandomBytes(3 * 16384 + 999, 2);
+  std::ofstream(m_store + "/part.bin", std::ios::binary) << local.substr(0, 1000);
+  auto c = Client("", "", "part.bin");
+  ASSERT_EQ(c->FtpStart(), 0);
+  ASSERT_EQ(c->FtpGetServerDirFile(), 0);
+  ASSERT_EQ(Listed(c.get())["part.bin"], 1000);
+  int fd = c->FtpCreateDateSockFd(1);
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(SendBlocks(c.get(), fd, local.substr(1000)), 0);
+  EXPECT_EQ(c->FtpClose(), 0);
+  EXPECT_EQ(ReadFile(m_store + "/part.bin"), local);
+}
+
+TEST_F(FtpClientServerTest, ListsFilesWithSizesByMlsdAndByList) {
+  std::ofstream(m_store + "/empty.txt");
+  std::ofstream(m_store + "/one.bin") << "x";
+  std::ofstream(m_store + "/with space.bin") << std::string(5000, 'y');
+  mkdir((m_store + "/subdir").c_str(), 0755);
+  const std::map<std::string, int> expected = {
+      {"empty.txt", 0}, {"one.bin", 1}, {"with space.bin", 5000}};
+  for (bool mlsd : {true, false}) {
+    SCOPED_TRACE(mlsd ? "MLSD" : "LIST");
+    StartServer(mlsd ? std::vector<std::string>{} : std::vector<std::string>{"--no-mlsd"});
+    auto c = Client("/", "", "one.bin");
+    ASSERT_EQ(c->FtpStart(), 0);
+    ASSERT_EQ(c->FtpGetServerDirFile(), 0);
+    EXPECT_EQ(Listed(c.get()), expected);
+    EXPECT_EQ(m_log.Count(mlsd ? "MLSD: 3 files" : "LIST: 3 files"), 1);
+    EXPECT_EQ(c->FtpClose(), 0);
+  }
+}
+
+TEST_F(FtpClientServerTest, CreatesNestedRemoteDirectory) {
+  StartServer();
+  mkdir((m_store + "/base").c_str(), 0755);
+  auto c = Client("/base/", "2024/01//31", "a.bin");
+  ASSERT_EQ(c->FtpStart(), 0);
+  struct stat st;
+  ASSERT_EQ(stat((m_store + "/base/2024/01/31").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISDIR(st.st_mode));
+  int fd = c->FtpCreateDateSockFd(0);
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(SendBlocks(c.get(), fd, "abc"), 0);
+  EXPECT_EQ(c->FtpClose(), 0);
+  EXPECT_EQ(ReadFile(m_store + "/base/2024/01/31/a.bin"), "abc");
+  // The directory now exists: a second session enters it directly.
+  ASSERT_EQ(c->FtpStart(), 0);
+  ASSERT_EQ(c->FtpGetServerDirFile(), 0);
+  EXPECT_EQ(Listed(c.get())["a.bin"], 3);
+  c->FtpClose();
+}
+
+TEST_F(FtpClientServerTest, LoginAndConnectFailuresAreNegative) {
+  StartServer();
+  auto wrong = Client("/", "", "a", "wrong");
+  EXPECT_LT(wrong->FtpStart(), 0);
+  EXPECT_EQ(m_log.Count("login refused"), 1);
+  EXPECT_LT(wrong->FtpGetServerDirFile(), 0);  // no session after a failed start
+
+  // A port nobody listens on: bind one, note it, close it.
+  int s = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof(a);
+  ASSERT_EQ(bind(s, reinterpret_cast<sockaddr*>(&a), sizeof(a)), 0);
+  ASSERT_EQ(getsockname(s, reinterpret_cast<sockaddr*>(&a), &len), 0);
+  close(s);
+  m_server.reset();
+  auto refused = Client("/", "", "a");
+  UserDefServerSet_t srv{};
+  srv.port = ntohs(a.sin_port);
+  CopyText(srv.host, sizeof(srv.host), "127.0.0.1");
+  refused->FtpSetServerInfo(&srv);
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_LT(refused->FtpStart(), 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+
+  CopyText(srv.host, sizeof(srv.host), "no-such-host.invalid");
+  refused->FtpSetServerInfo(&srv);
+  EXPECT_LT(refused->FtpStart(), 0);
+  EXPECT_EQ(refused->FtpClose(), 0);  // nothing open: closing is harmless
+}
+
+TEST_F(FtpClientServerTest, ConnectsByHostName) {
+  StartServer();
+  // "localhost" may resolve to ::1 first, where nothing listens: the next address is tried.
+  auto c = Client("/", "", "a", "secret", "localhost");
+  ASSERT_EQ(c->FtpStart(), 0);
+  EXPECT_EQ(c->FtpGetServerDirFile(), 0);
+  EXPECT_EQ(c->FtpClose(), 0);
+}
+
+TEST_F(FtpClientServerTest, CallsOutsideASessionFailWithoutSideEffects) {
+  StartServer();
+  auto c = Client("/", "", "a.bin");
+  EXPECT_LT(c->FtpGetServerDirFile(), 0);
+  EXPECT_LT(c->FtpCreateDateSockFd(0), 0);
+  int devnull = open("/dev/null", O_WRONLY);
+  EXPECT_LT(c->FtpWriteDate(devnull, "x", 1, 1), 0);  // not the data connection
+  close(devnull);
+  ASSERT_EQ(c->FtpStart(), 0);
+  EXPECT_LT(c->FtpCreateDateSockFd(7), 0);  // unknown mode
+  auto bad = Client("/", "", "../escape");
+  ASSERT_EQ(bad->FtpStart(), 0);
+  EXPECT_LT(bad->FtpCreateDateSockFd(0), 0);  // a name with "/" is not stored
+  auto inject = Client("/", "", "a\r\nDELE b");
+  ASSERT_EQ(inject->FtpStart(), 0);
+  EXPECT_LT(inject->FtpCreateDateSockFd(0), 0);
+  EXPECT_EQ(c->FtpClose(), 0);
+}
+
+TEST_F(FtpClientServerTest, UnlistableDirectoryCountsTaskDone) {
+  StartServer({"--perm", "ewadfmT"});  // may store, may not list
+  auto c = Client("/", "", "a.bin");
+  ASSERT_EQ(c->FtpStart(), 0);
+  EXPECT_EQ(c->FtpGetServerDirFile(), -2);
+  EXPECT_EQ(c->FtpGetClientData()->entryCount, 0);
+  c->FtpClose();
+}
+
+}  // namespace

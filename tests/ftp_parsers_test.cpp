@@ -1,0 +1,125 @@
+// The FTP reply and listing parsers on their own, fed in pieces as a socket delivers them.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "platform/host/ftp_listing.h"
+#include "platform/host/ftp_reply.h"
+
+namespace {
+
+// Feeds text in chunks of step bytes; returns the replies completed, or "ERR" at an error.
+std::vector<std::string> Replies(const std::string& text, size_t step) {
+  std::vector<std::string> out;
+  FtpReplyParser p;
+  std::string pending;
+  for (size_t off = 0; off < text.size(); off += step) {
+    pending += text.substr(off, step);
+    for (;;) {
+      size_t used = 0;
+      FtpReplyParser::Status s = p.Feed(pending.data(), pending.size(), &used);
+      pending.erase(0, used);
+      if (s == FtpReplyParser::kError) return out.push_back("ERR"), out;
+      if (s == FtpReplyParser::kNeedMore) break;
+      out.push_back(std::to_string(p.reply().code) + ":" + p.reply().text);
+      p.Reset();
+    }
+  }
+  return out;
+}
+
+TEST(FtpReplyParserTest, SameRepliesWhateverTheChunking) {
+  const std::string text = "220-a\r\n220-b\r\n 220 c\r\n220 d\r\n331 pw\n230\r\n";
+  const std::vector<std::string> expected = {"220:220-a\n220-b\n 220 c\n220 d", "331:331 pw", "230:230"};
+  for (size_t step : {1, 2, 7, 100}) EXPECT_EQ(Replies(text, step), expected) << step;
+}
+
+TEST(FtpReplyParserTest, RejectsWhatIsNotAReply) {
+  EXPECT_EQ(Replies("HTTP/1.0 200 OK\r\n", 5), std::vector<std::string>{"ERR"});
+  EXPECT_EQ(Replies("620 bad class\r\n", 5), std::vector<std::string>{"ERR"});
+  EXPECT_EQ(Replies("22 short\r\n", 5), std::vector<std::string>{"ERR"});
+  EXPECT_EQ(Replies("220x\r\n", 5), std::vector<std::string>{"ERR"});
+  EXPECT_EQ(Replies("220 " + std::string(kFtpMaxReplyLine, 'x') + "\r\n", 64),
+            std::vector<std::string>{"ERR"});
+  std::string many = "211-x\r\n";
+  for (int i = 0; i < 200; ++i) many += std::string(1000, 'y') + "\r\n";
+  EXPECT_EQ(Replies(many, 4096), std::vector<std::string>{"ERR"});
+  // The longest line allowed still passes.
+  EXPECT_EQ(Replies("220 " + std::string(kFtpMaxReplyLine - 4, 'x') + "\r\n", 64).size(), 1u);
+}
+
+TEST(FtpReplyParserTest, PassivePorts) {
+  EXPECT_EQ(ParseEpsvPort("229 Entering Extended Passive Mode (|||6446|)"), 6446);
+  EXPECT_EQ(ParseEpsvPort("229 ok (!!!1!)"), 1);
+  EXPECT_EQ(ParseEpsvPort("229 ok (|||0|)"), -1);
+  EXPECT_EQ(ParseEpsvPort("229 ok (|||65536|)"), -1);
+  EXPECT_EQ(ParseEpsvPort("229 ok (||1|)"), -1);
+  EXPECT_EQ(ParseEpsvPort("229 ok (|||12"), -1);
+  EXPECT_EQ(ParsePasvPort("227 Entering Passive Mode (192,168,1,2,19,137)."), 19 * 256 + 137);
+  EXPECT_EQ(ParsePasvPort("227 =127,0,0,1,4,1"), 1025);
+  EXPECT_EQ(ParsePasvPort("227 (1,2,3,4,256,1)"), -1);
+  EXPECT_EQ(ParsePasvPort("227 (1,2,3,4,5)"), -1);
+  EXPECT_EQ(ParsePasvPort("227 (1,2,3,4,0,0)"), -1);
+  EXPECT_TRUE(FeatOffersMlsd("211-Features:\n MDTM\n MLST type*;size*;\n211 End"));
+  EXPECT_FALSE(FeatOffersMlsd("211-Features:\n MLSTX\n211 MLST"));
+}
+
+FtpListItem Line(const std::string& line, FtpListFormat fmt = FtpListFormat::kList) {
+  FtpListItem item;
+  if (!ParseFtpListLine(line.data(), line.size(), fmt, &item)) item.name = "<none>";
+  return item;
+}
+
+TEST(FtpListingTest, UnixWindowsAndMlsdLines) {
+  struct Case {
+    std::string line;
+    std::string name;
+    int64_t size;
+  } cases[] = {
+      {"-rw-r--r--   1 owner group   1234 Jan 31 10:15 a.avi", "a.avi", 1234},
+      {"-rw-r--r--   1 owner   99 Dec  1  2023 no group", "no group", 99},
+      {"-rwxr-xr-x 1 1000 1000 0 feb 29 23:59  leading space", " leading space", 0},
+      {"drwxr-xr-x   2 owner group   4096 Jan 31 10:15 dir", "<none>", 0},
+      {"lrwxrwxrwx   1 owner group      7 Jan 31 10:15 ln -> a.avi", "<none>", 0},
+      {"total 12", "<none>", 0},
+      {"-rw-r--r-- 1 owner group 12x Jan 31 10:15 badsize", "<none>", 0},
+      {"01-31-24  10:15PM              5678 win file.avi", "win file.avi", 5678},
+      {"01-31-2024  22:15       <DIR>          folder", "<none>", 0},
+      {"2024/01/31  22:15  42 iso.bin", "iso.bin", 42},
+  };
+  for (const Case& k : cases) {
+    FtpListItem item = Line(k.line);
+    EXPECT_EQ(item.name, k.name) << k.line;
+    if (k.name != "<none>") {
+      EXPECT_EQ(item.size, k.size) << k.line;
+    }
+  }
+  EXPECT_EQ(Line("Type=FILE;Size=7;Modify=1; m.bin", FtpListFormat::kMlsd).size, 7);
+  EXPECT_EQ(Line("type=dir;size=7; d", FtpListFormat::kMlsd).name, "<none>");
+  EXPECT_EQ(Line("type=file;size=; e", FtpListFormat::kMlsd).name, "<none>");
+  EXPECT_EQ(Line("type=file;size=3;", FtpListFormat::kMlsd).name, "<none>");
+}
+
+TEST(FtpListingTest, CapacityKeepsWantedAndResynchronisesAfterLongLines) {
+  FtpDirEntry_t entries[3];
+  FtpListingParser p(FtpListFormat::kMlsd, "w", entries, 3);
+  std::string text;
+  for (const char* n : {"a", "b", "c", "d"}) text += std::string("type=file;size=1; ") + n + "\n";
+  text += "type=file;size=2;" + std::string(kFtpMaxListLine + 10, 'x') + " w\n";  // skipped whole
+  text += "type=file;size=3; w\r\ntype=file;size=4; w";  // the second "w" is a duplicate
+  for (char ch : text) p.Feed(&ch, 1);
+  p.Finish();
+  ASSERT_EQ(p.count(), 3);
+  EXPECT_TRUE(p.haveWanted());
+  EXPECT_STREQ(entries[0].name, "a");
+  EXPECT_STREQ(entries[1].name, "b");
+  EXPECT_STREQ(entries[2].name, "w");
+  EXPECT_EQ(entries[2].size, 3);
+  EXPECT_EQ(p.dropped(), 3);  // c, d and the duplicate w
+  EXPECT_FALSE(IsUsableFtpName(".", 1));
+  EXPECT_TRUE(IsUsableFtpName("...", 3));
+  EXPECT_FALSE(IsUsableFtpName("a\x7f", 2));
+}
+
+}  // namespace

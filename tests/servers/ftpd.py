@@ -1,0 +1,54 @@
+"""An FTP server for the client's integration tests (pyftpdlib).
+
+Serves --root for one user on 127.0.0.1, on a free port that it prints as the first line of
+standard output. Ends by itself after --lifetime seconds in case the test that started it
+does not stop it. --no-mlsd hides MLST/MLSD so that the client has to use LIST; --perm sets the user's
+pyftpdlib permissions (without "l" the server refuses listings).
+"""
+import argparse
+import logging
+import os
+import sys
+import threading
+
+from pyftpdlib.authorizers import DummyAuthorizer
+from pyftpdlib.handlers import FTPHandler
+from pyftpdlib.servers import FTPServer
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--root", required=True)
+    ap.add_argument("--user", default="user")
+    ap.add_argument("--password", default="secret")
+    ap.add_argument("--lifetime", type=float, default=120.0)
+    ap.add_argument("--no-mlsd", action="store_true")
+    ap.add_argument("--perm", default="elradfmwMT")
+    args = ap.parse_args()
+
+    logging.basicConfig(level=logging.WARNING)
+    authorizer = DummyAuthorizer()
+    authorizer.add_user(args.user, args.password, args.root, perm=args.perm)
+
+    proto = dict(FTPHandler.proto_cmds)
+    if args.no_mlsd:
+        proto.pop("MLSD", None)
+        proto.pop("MLST", None)
+
+    class Handler(FTPHandler):
+        proto_cmds = proto
+
+    Handler.authorizer = authorizer
+    Handler.passive_ports = None
+    Handler.auth_failed_timeout = 0.1
+    server = FTPServer(("127.0.0.1", 0), Handler)
+    print(server.address[1], flush=True)
+
+    timer = threading.Timer(args.lifetime, lambda: os._exit(3))
+    timer.daemon = True
+    timer.start()
+    server.serve_forever(timeout=0.5, handle_exit=False)
+
+
+if __name__ == "__main__":
+    sys.exit(main())
