@@ -289,11 +289,11 @@ TEST_F(FtpClientHostileTest, DataConnectionClosedHalfWay) {
   }
 }
 
-TEST_F(FtpClientHostileTest, OnlyA550ListingRefusalCountsDone) {
+TEST_F(FtpClientHostileTest, A550ListingRefusalListsEmptyOtherFailuresAreRetried) {
   struct Case {
     const char* reply;
     int expected;
-  } cases[] = {{"550 No such directory\r\n", -2}, {"450 busy, try later\r\n", -1},
+  } cases[] = {{"550 No such directory\r\n", 0}, {"450 busy, try later\r\n", -1},
                {"425 cannot open data connection\r\n", -1}};
   for (const Case& k : cases) {
     ScriptServer server([&](ScriptConn& c) {

@@ -295,13 +295,16 @@ TEST_F(FtpClientServerTest, CallsOutsideASessionFailWithoutSideEffects) {
   EXPECT_EQ(c->FtpClose(), 0);
 }
 
-TEST_F(FtpClientServerTest, UnlistableDirectoryCountsTaskDone) {
+TEST_F(FtpClientServerTest, UnlistableDirectoryListsAsEmptySoTheFileIsStillSent) {
   StartServer({"--perm", "ewadfmT"});  // may store, may not list
   auto c = Client("/", "", "a.bin");
   ASSERT_EQ(c->FtpStart(), 0);
-  EXPECT_EQ(c->FtpGetServerDirFile(), -2);
+  EXPECT_EQ(c->FtpGetServerDirFile(), 0);
   EXPECT_EQ(c->FtpGetClientData()->entryCount, 0);
-  c->FtpClose();
+  int fd = c->FtpCreateDateSockFd(0);
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(c->FtpWriteDate(fd, "hello", 5, 10), 5);
+  EXPECT_EQ(c->FtpClose(), 0);
 }
 
 }  // namespace

@@ -42,7 +42,10 @@ CFtpUploadFileMng* CFtpUploadFileMng::Instance() {
   return m_pInstance;
 }
 
-CFtpUploadFileMng::~CFtpUploadFileMng() { m_thread.Join(); }
+CFtpUploadFileMng::~CFtpUploadFileMng() {
+  m_thread.Join();
+  delete m_pFtpClient;
+}
 
 void CFtpUploadFileMng::SetTask(const ftpFileInfo_t* task) {
   WriteDbgLog(0, "set task seq:%d trans:%d file:%s\n", static_cast<int>(task->seq), task->trans,

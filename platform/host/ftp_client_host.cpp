@@ -339,10 +339,12 @@ int CFtpClient::FtpStart() {
   return 0;
 }
 
-// -2 (the task counts as done) only when the server answers the listing with 550, a permanent
-// "cannot list this directory" about the directory the session has just entered: asking again
-// gets the same answer, and without a listing the size the server holds cannot be known. Every
-// other failure (time-out, lost connection, 4xx, other refusals) is -1, so the task is retried.
+// This client never answers -2 ("count the task as done"): no listing failure proves that the
+// server holds the file. A permanent refusal to list (550) in the directory the session has
+// just entered is taken as an empty listing, so the engine sends the whole file; a server that
+// then refuses the store too makes the engine give the task up and announce it, rather than
+// report an upload that never happened. Every other failure (time-out, lost connection, 4xx,
+// other refusals) is -1, so the task is retried.
 int CFtpClient::FtpGetServerDirFile() {
   Impl& s = *m_pImpl;
   s.data.entryCount = 0;
@@ -365,8 +367,9 @@ int CFtpClient::FtpGetServerDirFile() {
   r = s.RunListing(FtpListFormat::kList);
   if (r == 0) return 0;
   if (r == 550) {
-    s.Log(2, "directory of %s cannot be listed (550): task counted done", s.name.c_str());
-    return -2;
+    s.Log(2, "directory of %s cannot be listed (550): sending as if empty", s.name.c_str());
+    s.data.entryCount = 0;
+    return 0;
   }
   return -1;
 }
