@@ -14,7 +14,3 @@ ftpCurDisk_t CFtpCtrlMng::CurDisk() const {
   CAutoLock guard(&m_curDiskLock);
   return m_curDisk;
 }
-
-// The scheduler is filled in by the upload-scheduler work; until then it leaves the queue
-// alone.
-void CFtpCtrlMng::ScheduleTask(uint32_t /*seconds*/) {}

@@ -36,10 +36,12 @@ class CFtpCtrlMng {
   int InsertFileInfo(ftpFileInfo_t* info);
   // Transfer control of the tasks (seq, fileType): 0 off, 1 on, 2 delete.
   void SetFtpTrans(int fileType, unsigned int ctrType, int seq);
+  // Distributes the task status event (status 0: every task of seq is done).
+  void SendTaskStatus(int seq, int status);
   // One scheduler pass (every 200 ms, main thread).
   void ScheduleTask(uint32_t seconds);
 
-  // Written only by the scheduler (main thread).
+  // Written only by the scheduler (main thread); read by tests.
   uint32_t m_netMask = 0;
   uint32_t m_lastSecond = 0;
   // Guards m_taskList and the records in it.
@@ -67,6 +69,13 @@ class CFtpCtrlMng {
  private:
   // Makes the smallest slot of the disk table the current disk, logging a change.
   void FollowSmallestSlot();
+  // The once-a-second network step of the scheduler. False when the status is unreadable.
+  bool UpdateNetwork(uint32_t seconds);
+  // Scheduler steps with m_lock held: follow the engine's task, or hand over the head task.
+  void FollowEngineTask(const ftpFileInfo_t& held, uint32_t seconds);
+  void OfferHeadTask(uint32_t seconds);
+  // Removes the head task from the list and its rows (and, if flagged, its file) per disk.
+  void DropHeadTask();
   // Database delete and list update of transfer control; see SetFtpTrans.
   void DeleteTasks(int fileType, int seq, const char* diskPath);
   void SwitchTasks(int fileType, unsigned int ctrType, int seq, const char* diskPath);

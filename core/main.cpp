@@ -23,6 +23,7 @@ int main() {
   CFtpUploadFileMng::Instance();
 
   CFtpUploadInterface::Instance()->StartListen();
+  CFtpUploadFileMng::Instance()->StartSyncThread();
 
   WriteDbgLog(0, "Velmar Start\n");
   CMainLoop loop;

@@ -78,3 +78,13 @@ ftpFileInfo_t CFtpUploadFileMng::SnapshotTask() const {
   copy.result = c.result;
   return copy;
 }
+
+void CFtpUploadFileMng::ClearTask() {
+  ftpFileInfo_t zero{};
+  CAutoLock guard(&m_taskLock);
+  CopyPlainBytes(&m_stTask, &zero);
+  StoreControlByte(&m_stTask.valid, 0);
+  StoreControlByte(&m_stTask.net, 0);
+  StoreControlByte(&m_stTask.trans, 0);
+  StoreControlByte(&m_stTask.result, 0);
+}

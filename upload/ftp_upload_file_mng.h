@@ -43,6 +43,16 @@ class CFtpUploadFileMng {
   // A consistent copy of the held task. Safe from any thread.
   ftpFileInfo_t SnapshotTask() const;
 
+  // Starts the upload thread once; 0 when it runs (also when it already ran).
+  int StartSyncThread();
+  // The thread body: passes over the held task until the thread is told to stop.
+  void FileSyncProcess();
+  // One pass over a runnable task with transfer on: log in, compare with the server's copy,
+  // send or resume. Returns after the pass's closing pause. Upload thread only.
+  void RunPass(ftpFileInfo_t* previous);
+  // Sends path from offset (mode 0 anew, 1 append) while the task stays runnable.
+  void SendFile2FtpServer(const char* path, int mode, int offset);
+
   uint8_t m_bStarted = 0;
   std::atomic<int16_t> m_nBusy{0};        // 1 while the thread works a pass
   std::atomic<int16_t> m_nTransState{0};  // 0 idle/new, 1 sending, 2 send ended
@@ -57,6 +67,17 @@ class CFtpUploadFileMng {
  protected:
   CFtpUploadFileMng() = default;
   ~CFtpUploadFileMng();
+
+ private:
+  // Waits in 100 ms steps for a runnable task, clearing trans meanwhile. False when the
+  // thread is to stop.
+  bool WaitRunnable();
+  // Zeroes the held task (no task: valid 0).
+  void ClearTask();
+  // Adds to the engine-owned counters of the held task.
+  void CountSend();
+  void CountConnFail();
+  void ResetConnFail();
 
  private:
   static CFtpUploadFileMng* m_pInstance;

@@ -51,12 +51,16 @@ class RandomDatagramTest(unittest.TestCase):
         sock.close()
         self.assertGreater(sent, 9000)
         self.assertTrue(self.velmar.alive(), self.velmar.log()[-2000:])
-        r = velmarctl(self.root, "upload", "--file", "/data/after.bin", "--seq", "3",
-                      "--server", "ftp://u:p@127.0.0.1:21/x")
+        # A real file and a server nobody listens on, so the task stays queued while we look.
+        local = self.root.under("/after.bin")
+        with open(local, "wb") as f:
+            f.write(b"after")
+        r = velmarctl(self.root, "upload", "--file", local, "--seq", "3",
+                      "--server", "ftp://u:p@127.0.0.1:9/x")
         self.assertEqual(r.returncode, 0, r.stderr)
         sd1 = self.root.under("/mnt/sd1")
         self.assertTrue(wait_until(
-            lambda: any(row["fullpath"] == "/data/after.bin" for row in db_rows(sd1)), 15))
+            lambda: any(row["fullpath"] == local for row in db_rows(sd1)), 15))
         self.assertTrue(self.velmar.alive())
 
 

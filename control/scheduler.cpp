@@ -1,0 +1,117 @@
+// The upload scheduler: one pass every 200 ms on the main thread. It hands the head task to
+// the engine, follows the engine's task until it has an outcome, and then completes it.
+#include <cstdio>
+#include <cstring>
+
+#include "control/ftp_ctrl_mng.h"
+#include "platform/byteorder.h"
+#include "platform/file2ftpdb.h"
+#include "platform/log.h"
+#include "platform/status.h"
+#include "upload/ftp_upload_file_mng.h"
+#include "upload/task_status.h"
+#include "upload/xfile.h"
+
+namespace {
+
+// Network link of status 11 to the mask of links allowed now.
+uint32_t MaskOfLink(int32_t link) {
+  switch (link) {
+    case 1:
+    case 2: return 4;
+    case 3:
+    case 4: return 1;
+    case 5: return 2;
+    default: return 0;
+  }
+}
+
+}  // namespace
+
+bool CFtpCtrlMng::UpdateNetwork(uint32_t seconds) {
+  m_lastSecond = seconds;
+  uint8_t block[kStatusNetworkSize] = {};
+  if (GetStatus(STATUS_NETWORK, block) < 0) return false;
+  m_netMask = MaskOfLink(static_cast<int32_t>(LoadLE32(block)));
+  int32_t state = CFtpUploadFileMng::Instance()->m_nTransState.load();  // sign-extended
+  StoreLE32(block + 4, static_cast<uint32_t>(state));
+  SetStatus(STATUS_NETWORK, block);
+  return true;
+}
+
+void CFtpCtrlMng::DropHeadTask() {
+  ftpFileInfo_t head = m_taskList.front();
+  // The file goes with the rows, disk by disk: with no disk known, no file is removed.
+  for (const auto& slot : m_diskMap) {
+    CFile2FtpDbMng::Instance()->SearchDelete(slot.second.path, head.fullName);
+    if (head.delAfterUpload == 1) remove(head.fullName);
+  }
+  m_taskList.pop_front();
+}
+
+void CFtpCtrlMng::ScheduleTask(uint32_t seconds) {
+  if (m_curDisk.id == 0) return;  // the main thread is the only writer of m_curDisk
+  if (seconds != m_lastSecond && !UpdateNetwork(seconds)) return;
+  CAutoLock guard(&m_lock);
+  if (m_taskList.empty()) return;
+  ftpFileInfo_t held = CFtpUploadFileMng::Instance()->SnapshotTask();
+  if (held.valid == 1) {
+    FollowEngineTask(held, seconds);
+  } else {
+    OfferHeadTask(seconds);
+  }
+}
+
+void CFtpCtrlMng::FollowEngineTask(const ftpFileInfo_t& held, uint32_t seconds) {
+  CFtpUploadFileMng* engine = CFtpUploadFileMng::Instance();
+  auto it = m_taskList.begin();
+  while (it != m_taskList.end() && strcmp(it->fullName, held.fullName) != 0) ++it;
+  if (it == m_taskList.end()) return;  // the engine's task has left the queue
+
+  uint8_t valid = it->valid;
+  uint8_t trans = it->trans;
+  if (held.result == 0) {
+    if (engine->m_nTransState == 2 && held.sendTimes > 3) {
+      m_taskList.erase(it);  // its rows stay: it comes back with the next reload
+      valid = 0;
+    } else if ((it->net & m_netMask) == 0) {
+      valid = 0;  // the present link is not allowed: stop, keep it queued
+    }
+  } else {
+    int remaining = 0;
+    for (const auto& slot : m_diskMap) {
+      CFile2FtpDbMng* db = CFile2FtpDbMng::Instance();
+      db->SearchDelete(slot.second.path, held.fullName);
+      remaining += db->SearchBySeqAndType(slot.second.path, static_cast<int>(held.seq), held.type);
+    }
+    if ((held.result == 1 || held.result == 2) && remaining == 0) {
+      SendTaskStatus(static_cast<int>(held.seq), 0);
+      if (held.delAfterUpload == 1) remove(held.fullName);
+    }
+    m_taskList.erase(it);
+    valid = 0;
+  }
+  engine->SetTaskTrans(valid, trans);
+  m_lastActive = static_cast<int32_t>(seconds);
+}
+
+void CFtpCtrlMng::OfferHeadTask(uint32_t seconds) {
+  ftpFileInfo_t head = m_taskList.front();
+  CXFile source(head.type);
+  if (source.Xexist(head.fullName) == 0) {
+    WriteDbgLog(0, "file does not exist\n");
+    DropHeadTask();
+  } else if (head.valid == 1) {
+    if ((head.net & m_netMask) == 0) {
+      m_taskList.pop_front();  // not for the present link: to the back
+      m_taskList.push_back(head);
+    } else if (CFtpUploadFileMng::Instance()->m_nBusy == 0) {
+      CFtpUploadFileMng::Instance()->SetTask(&head);
+    }
+    m_lastActive = static_cast<int32_t>(seconds);
+  } else {
+    DropHeadTask();  // no longer valid: dropped unsent
+  }
+}
+
+void CFtpCtrlMng::SendTaskStatus(int seq, int status) { SendTaskStatusEvent(seq, status); }

@@ -1,0 +1,253 @@
+// The upload thread: one task at a time, sent or resumed from the size the server holds.
+#include <errno.h>
+#include <pthread.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "control/ftp_ctrl_mng.h"
+#include "platform/clock.h"
+#include "platform/log.h"
+#include "upload/ftp_upload_file_mng.h"
+#include "upload/xfile.h"
+
+namespace {
+
+constexpr int kBlockSize = 16384;
+constexpr int kWriteTimeoutSeconds = 10;
+constexpr int kRecordingTolerance = 100;  // bytes a resent recording may differ by
+constexpr uint64_t kPollUs = 100000;
+constexpr uint64_t kRepeatPauseUs = 200000;
+constexpr uint64_t kLoginFailPauseUs = 10000000;
+constexpr uint64_t kFailPauseUs = 1000000;
+constexpr uint64_t kPassPauseUs = 3000000;
+
+std::atomic<bool> g_niceRefusalLogged{false};
+
+pid_t ThreadId() { return static_cast<pid_t>(syscall(SYS_gettid)); }
+
+// Raises the calling thread's priority for a send and puts it back afterwards. A refusal
+// (no privilege) is logged once; the send goes on at the normal priority.
+class SendPriority {
+ public:
+  SendPriority() {
+    errno = 0;
+    m_previous = getpriority(PRIO_PROCESS, static_cast<id_t>(ThreadId()));
+    errno = 0;
+    if (nice(-20) == -1 && errno != 0) {
+      if (!g_niceRefusalLogged.exchange(true)) {
+        WriteDbgLog(2, "nice(-20) refused (%s): uploads run at normal priority\n",
+                    strerror(errno));
+      }
+      return;
+    }
+    m_raised = true;
+  }
+  ~SendPriority() {
+    if (m_raised) setpriority(PRIO_PROCESS, static_cast<id_t>(ThreadId()), m_previous);
+  }
+
+ private:
+  int m_previous = 0;
+  bool m_raised = false;
+};
+
+void* SyncThreadEntry(void* arg) {
+  static_cast<CFtpUploadFileMng*>(arg)->FileSyncProcess();
+  return nullptr;
+}
+
+bool Runnable(const TaskControl_t& c) { return c.valid == 1 && c.result == 0; }
+bool Sending(const TaskControl_t& c) { return c.valid == 1 && c.trans == 1; }
+
+}  // namespace
+
+int CFtpUploadFileMng::StartSyncThread() {
+  if (m_bStarted) return 0;
+  m_nBusy = 0;
+  m_nTransState = 0;
+  ClearTask();
+  int r = m_thread.Start(SyncThreadEntry, this, "FTP File Sync Process thread");
+  m_bStarted = r == 0 ? 1 : 0;
+  return r;
+}
+
+void CFtpUploadFileMng::CountSend() {
+  CAutoLock guard(&m_taskLock);
+  ++m_stTask.sendTimes;
+}
+
+void CFtpUploadFileMng::CountConnFail() {
+  CAutoLock guard(&m_taskLock);
+  ++m_stTask.connFailTimes;
+}
+
+void CFtpUploadFileMng::ResetConnFail() {
+  CAutoLock guard(&m_taskLock);
+  m_stTask.connFailTimes = 0;
+}
+
+bool CFtpUploadFileMng::WaitRunnable() {
+  for (;;) {
+    if (m_thread.GetStatus() == 0) return false;
+    ClockSleepUs(kPollUs);
+    TaskControl_t c = LoadTaskControl(&m_stTask);
+    if (Runnable(c)) return true;
+    if (c.trans != 0) StoreControlByte(&m_stTask.trans, 0);
+  }
+}
+
+void CFtpUploadFileMng::FileSyncProcess() {
+  if (m_pFtpClient == nullptr) m_pFtpClient = NewFtpClient();
+  m_pFtpClient->Init(WriteDbgLog);
+  ftpFileInfo_t previous{};
+  while (WaitRunnable()) {
+    if (LoadTaskControl(&m_stTask).trans != 1) continue;
+    RunPass(&previous);
+  }
+  m_pFtpClient->FtpClose();
+  delete m_pFtpClient;
+  m_pFtpClient = nullptr;
+  m_thread.Stop();
+}
+
+void CFtpUploadFileMng::RunPass(ftpFileInfo_t* previous) {
+  m_nBusy = 1;
+  ftpFileInfo_t task = SnapshotTask();
+  if (task.connFailTimes > 3) {
+    SendTaskStatus(static_cast<int>(task.seq), 1);
+    CFtpCtrlMng::Instance()->SetFtpTrans(task.type, 2, static_cast<int>(task.seq));
+    ResetConnFail();
+    task = SnapshotTask();
+  }
+  if (memcmp(&task, previous, sizeof(task)) == 0) ClockSleepUs(kRepeatPauseUs);
+  CFtpClient* client = m_pFtpClient;
+  client->FtpSetServerInfo(&task.server);
+  client->FtpSetLocalInfo(task.fileDir, task.fileName);
+  *previous = task;
+
+  if (client->FtpStart() < 0) {
+    CountConnFail();
+    ClockSleepUs(kLoginFailPauseUs);
+    m_nBusy = 0;
+    return;
+  }
+  int listed = client->FtpGetServerDirFile();
+  if (listed < 0) {
+    if (listed == -2) StoreControlByte(&m_stTask.result, 1);
+  } else {
+    const FtpClientData_t* data = client->FtpGetClientData();
+    const FtpDirEntry_t* match = nullptr;
+    for (int i = 0; data != nullptr && i < data->entryCount && i < kFtpListCapacity; ++i) {
+      if (!Sending(LoadTaskControl(&m_stTask))) continue;
+      if (strncmp(data->entries[i].name, task.fileName, sizeof(data->entries[i].name)) == 0) {
+        match = &data->entries[i];
+        break;
+      }
+      WriteDbgLog(0, "\n\n%s:%d exist!\n\n", task.fileName, i);
+    }
+    if (match == nullptr) {
+      SendFile2FtpServer(task.fullName, 0, 0);
+      CountSend();
+    } else {
+      CXFile source(task.type);
+      if (source.Xexist(task.fullName) != 1) {
+        WriteDbgLog(0, "\n\n%s:%d file:%s not exist!\n\n", "FileSyncProcess", 373, task.fullName);
+        StoreControlByte(&m_stTask.result, 1);
+      } else {
+        int32_t serverSize = match->size;
+        int32_t localSize = source.XsizeByPath(task.fullName);
+        bool complete = serverSize >= localSize ||
+                        (task.type == 1 && SnapshotTask().sendTimes != 0 &&
+                         localSize <= serverSize + kRecordingTolerance);
+        WriteDbgLog(0, "seq:%d file:%s size[%d,%d] %s\n", static_cast<int>(task.seq),
+                    task.fullName, serverSize, localSize, complete ? "finish!" : "...");
+        if (complete) {
+          StoreControlByte(&m_stTask.result, 1);
+        } else {
+          SendFile2FtpServer(task.fullName, 1, serverSize);
+          CountSend();
+        }
+      }
+    }
+  }
+  m_nBusy = 0;
+  client->FtpClose();
+  ClockSleepUs(kPassPauseUs);
+}
+
+void CFtpUploadFileMng::SendFile2FtpServer(const char* path, int mode, int offset) {
+  char* buffer = static_cast<char*>(malloc(kBlockSize));
+  if (buffer == nullptr) return;
+  SendPriority priority;
+  ftpFileInfo_t task = SnapshotTask();
+  CFtpClient* client = m_pFtpClient;
+  FtpClientData_t* data = client->FtpGetClientData();
+  if (client->FtpCreateDateSockFd(mode) < 0 || data == nullptr) {
+    CountConnFail();
+    WriteDbgLog(0, "ftp Create DateSockFd faild cnt:%d\n", SnapshotTask().connFailTimes);
+    free(buffer);
+    ClockSleepUs(kFailPauseUs);
+    return;
+  }
+  CXFile source(task.type);
+  if (source.Xopen(path, "r+b") == -1) {
+    WriteDbgLog(0, "ftp Xopen file:%s faild\n", path);
+    StoreControlByte(&m_stTask.result, 2);
+    free(buffer);
+    ClockSleepUs(kFailPauseUs);
+    return;
+  }
+  if (source.Xseek(offset, SEEK_SET) != 0) {
+    source.Xclose();
+    m_nTransState = 2;
+    WriteDbgLog(0, "ftp Xseek file:%d faild cnt:%d\n", offset, task.sendTimes);
+    free(buffer);
+    ClockSleepUs(kFailPauseUs);
+    return;
+  }
+  time_t start = ClockTime();
+  time_t lastReport = start;
+  int64_t total = 0;
+  int64_t sinceReport = 0;
+  int emptyReads = 0;
+  m_nTransState = 1;
+  while (Sending(LoadTaskControl(&m_stTask))) {
+    int32_t n = source.Xread(buffer, 1, kBlockSize);
+    if (n <= 0) {
+      if (++emptyReads < 3) continue;
+      printf("ftp trans file:%s return:%d\n", path, n);
+      break;
+    }
+    int r = client->FtpWriteDate(data->dataFd, buffer, n, kWriteTimeoutSeconds);
+    if (r < 0) {
+      WriteDbgLog(0, "FtpWriteDate len:%d, ret:%d trans next\n", n, r);
+      break;
+    }
+    total += n;
+    sinceReport += n;
+    emptyReads = 0;
+    time_t now = ClockTime();
+    if (now != lastReport) {
+      WriteDbgLog(0, "ftp trans %.2f kb/s\n", static_cast<float>(sinceReport * (1.0 / 1024)));
+      sinceReport = 0;
+      lastReport = now;
+    }
+  }
+  time_t end = ClockTime();
+  TaskControl_t c = LoadTaskControl(&m_stTask);
+  int stopBy = c.trans != 1 ? 2 : (c.valid != 1 ? 1 : 0);
+  if (c.valid != 1) StoreControlByte(&m_stTask.result, 3);
+  printf("send data:%d    vaild:%d       trans:%d\n", static_cast<int>(total), c.valid, c.trans);
+  WriteDbgLog(2, "%s:%d tarns %s file used time:%d s stop by:%d \n", "SendFile2FtpServer", 230,
+              path, static_cast<int>(end - start), stopBy);
+  source.Xclose();
+  ClockSleepUs(20);
+  m_nTransState = 2;
+  free(buffer);
+}

@@ -1,0 +1,125 @@
+#include "upload/xfile.h"
+
+#include <errno.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+#include "avi/read_avi.h"
+#include "platform/fileutil.h"
+#include "platform/text.h"
+
+CXFile::CXFile() : CXFile(XFILE_NORMAL) {}
+
+CXFile::CXFile(int type)
+    : m_nType(type), m_pHandle(nullptr), m_pAviReader(nullptr), m_szPath() {}
+
+CXFile::~CXFile() {
+  if (m_nType == XFILE_AVI && m_pAviReader != nullptr) {
+    m_pAviReader->ReadAviClose(Avi());
+    delete m_pAviReader;
+  }
+}
+
+int CXFile::Xexist(const char* path) {
+  if (m_nType == XFILE_NORMAL) return file_exist(path);
+  if (m_nType != XFILE_AVI) return 0;
+  if (m_pHandle != nullptr) return 1;
+  CReadAvi reader;
+  AviFileInfo_t* h = reader.ReadAviOpen(path);
+  if (h == nullptr) return 0;
+  reader.ReadAviClose(h);
+  return 1;
+}
+
+int CXFile::Xopen(const char* path, const char* mode) {
+  m_pHandle = nullptr;
+  // Paths longer than 127 characters are cut; the task record cannot carry more.
+  CopyText(m_szPath, sizeof(m_szPath), path);
+  if (m_nType == XFILE_NORMAL) {
+    FILE* f = fopen(m_szPath, mode);
+    if (f == nullptr) {
+      printf("fopen faild %s\n", strerror(errno));
+      return -1;
+    }
+    m_pHandle = f;
+    return 0;
+  }
+  if (m_nType != XFILE_AVI) return -1;
+  if (m_pAviReader == nullptr) m_pAviReader = new (std::nothrow) CReadAvi();
+  if (m_pAviReader == nullptr) return -1;
+  m_pHandle = m_pAviReader->ReadAviOpen(m_szPath);
+  return m_pHandle != nullptr ? 0 : -1;
+}
+
+int32_t CXFile::Xsize() {
+  if (m_pHandle == nullptr) return -1;
+  if (m_nType == XFILE_NORMAL) {
+    struct stat st;
+    if (stat(m_szPath, &st) != 0) return -1;
+    return static_cast<int32_t>(st.st_size);
+  }
+  if (m_nType == XFILE_AVI && m_pAviReader != nullptr) {
+    return static_cast<int32_t>(m_pAviReader->ReadAviGetSize(Avi()));
+  }
+  return -1;
+}
+
+int32_t CXFile::XsizeByPath(const char* path) {
+  if (m_nType == XFILE_NORMAL) {
+    struct stat st;
+    if (path == nullptr || stat(path, &st) != 0) return 0;
+    return static_cast<int32_t>(st.st_size);
+  }
+  if (m_nType != XFILE_AVI) return 0;
+  CReadAvi reader;
+  AviFileInfo_t* h = reader.ReadAviOpen(path);
+  int32_t size = h != nullptr ? static_cast<int32_t>(reader.ReadAviGetSize(h)) : 0;
+  reader.ReadAviClose(h);
+  return size;
+}
+
+int32_t CXFile::Xread(void* buf, int size, int count) {
+  if (m_nType == XFILE_NORMAL) {
+    if (m_pHandle == nullptr) return -1;
+    size_t n = fread(buf, static_cast<size_t>(size), static_cast<size_t>(count),
+                     static_cast<FILE*>(m_pHandle));
+    printf("Xread: %d ret = %d\n", size * count, static_cast<int>(n));
+    return static_cast<int32_t>(n);
+  }
+  if (m_nType != XFILE_AVI) return -1;
+  if (m_pAviReader == nullptr) return 0;  // the stream refuses a null handle
+  uint8_t* data = nullptr;
+  int32_t length = 0;
+  if (m_pAviReader->ReadAviRead(Avi(), &data, &length, size * count) != 0) return 0;
+  if (length > 0) memcpy(buf, data, static_cast<size_t>(length));
+  return length;
+}
+
+int CXFile::Xseek(long offset, int whence) {
+  if (m_pHandle == nullptr) return -1;
+  if (m_nType == XFILE_NORMAL) return fseek(static_cast<FILE*>(m_pHandle), offset, whence);
+  if (m_nType != XFILE_AVI || m_pAviReader == nullptr) return -1;
+  return m_pAviReader->ReadAviSeek(Avi(), static_cast<uint32_t>(offset));  // always absolute
+}
+
+int CXFile::Xclose() {
+  if (m_pHandle == nullptr) return -1;
+  if (m_nType == XFILE_NORMAL) return fclose(static_cast<FILE*>(m_pHandle));
+  if (m_nType != XFILE_AVI || m_pAviReader == nullptr) return -1;
+  int r = m_pAviReader->ReadAviClose(Avi());
+  delete m_pAviReader;
+  m_pAviReader = nullptr;
+  m_pHandle = nullptr;
+  return r;
+}
+
+int32_t CXFile::Xwrite(const void* buf, int size, int count) {
+  if (m_nType != XFILE_NORMAL || m_pHandle == nullptr) return -1;
+  return static_cast<int32_t>(fwrite(buf, static_cast<size_t>(size), static_cast<size_t>(count),
+                                     static_cast<FILE*>(m_pHandle)));
+}
+
+const char* CXFile::XgetPath() { return m_pHandle != nullptr ? m_szPath : nullptr; }

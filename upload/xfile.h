@@ -1,0 +1,41 @@
+// An upload source: a plain file or a recording read as an AVI file, behind one interface.
+// The kind is fixed at construction from the task's file type and never changes.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+class CReadAvi;
+struct AviFileInfo_t;
+
+enum XFILE_TYPE_E {
+  XFILE_NORMAL = 0,  // plain file
+  XFILE_AVI = 1,     // recording
+};
+
+class CXFile {
+ public:
+  CXFile();                  // a plain-file source
+  explicit CXFile(int type); // type 0 plain, 1 recording; any other: every operation fails
+  ~CXFile();                 // releases a recording's stream; a plain file needs Xclose
+  CXFile(const CXFile&) = delete;
+  CXFile& operator=(const CXFile&) = delete;
+
+  int Xexist(const char* path);             // 1 when the file (recording) can be found
+  int Xopen(const char* path, const char* mode);  // 0 or -1
+  int32_t Xsize();                          // size of the open source, -1
+  int32_t XsizeByPath(const char* path);    // size without opening; 0 on failure
+  int32_t Xread(void* buf, int size, int count);
+  int Xseek(long offset, int whence);       // recordings: absolute offset
+  int Xclose();
+  int32_t Xwrite(const void* buf, int size, int count);
+  const char* XgetPath();                   // the open path, or null
+
+  int32_t m_nType;
+  void* m_pHandle;           // FILE* or AviFileInfo_t*
+  CReadAvi* m_pAviReader;    // owned; recordings only
+  char m_szPath[128];
+
+ private:
+  AviFileInfo_t* Avi() const { return static_cast<AviFileInfo_t*>(m_pHandle); }
+};
