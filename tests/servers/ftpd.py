@@ -12,7 +12,7 @@ import sys
 import threading
 
 from pyftpdlib.authorizers import DummyAuthorizer
-from pyftpdlib.handlers import FTPHandler
+from pyftpdlib.handlers import FTPHandler, ThrottledDTPHandler
 from pyftpdlib.servers import FTPServer
 
 
@@ -24,6 +24,8 @@ def main():
     ap.add_argument("--lifetime", type=float, default=120.0)
     ap.add_argument("--no-mlsd", action="store_true")
     ap.add_argument("--perm", default="elradfmwMT")
+    ap.add_argument("--port", type=int, default=0)
+    ap.add_argument("--throttle", type=int, default=0, help="upload limit in bytes/s")
     args = ap.parse_args()
 
     logging.basicConfig(level=logging.WARNING)
@@ -38,10 +40,15 @@ def main():
     class Handler(FTPHandler):
         proto_cmds = proto
 
+    if args.throttle > 0:
+        class Throttled(ThrottledDTPHandler):
+            read_limit = args.throttle
+        Handler.dtp_handler = Throttled
     Handler.authorizer = authorizer
     Handler.passive_ports = None
     Handler.auth_failed_timeout = 0.1
-    server = FTPServer(("127.0.0.1", 0), Handler)
+    FTPServer.allow_reuse_address = True
+    server = FTPServer(("127.0.0.1", args.port), Handler)
     print(server.address[1], flush=True)
 
     timer = threading.Timer(args.lifetime, lambda: os._exit(3))
