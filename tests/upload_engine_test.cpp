@@ -11,6 +11,7 @@
 #include "control/ftp_ctrl_mng.h"
 #include "platform/byteorder.h"
 #include "tests/fakes/fake_ftp_client.h"
+#include "tests/fakes/fake_readdisk.h"
 #include "tests/fakes/fakes.h"
 #include "upload/ftp_upload_file_mng.h"
 #include "upload/xfile.h"
@@ -181,6 +182,41 @@ TEST_F(UploadEngineTest, FourFailedConnectionsGiveTheTaskUp) {
   EXPECT_EQ(held.result, 3);           // the send found the task cleared
   EXPECT_TRUE(ftp.s().written.empty());
   EXPECT_EQ(log.Count("SetFtpTrans:361 filetype:0 ctrtype:2 seq:321"), 1);
+}
+
+TEST_F(UploadEngineTest, RecordingToleranceAppliesOnlyAfterTheFirstSend) {
+  FakeRecording recording;
+  recording.SetParam(25, 3);
+  for (int i = 0; i < 10; ++i) recording.Add(100000000ULL + i * 40000, i == 0 ? 1 : 0, 1000, i);
+  status.partLists[15] = {FakeStatus::Entry(1, "/mnt/part1")};
+  ftpFileInfo_t t = PlainTask("/0001_0000000a_1_100_101_1_0.avi");
+  t.type = 1;
+  CXFile probe(1);
+  int32_t size = probe.XsizeByPath(t.fullName);
+  ASSERT_GT(size, 4096);
+
+  // 50 bytes short on the first attempt: continued, and exactly the missing tail is sent.
+  Hold(t);
+  ftp.s().listing = {FakeFtpClient::Entry("remote.bin", size - 50)};
+  Pass();
+  EXPECT_EQ(ftp.s().modes, std::vector<int>{1});
+  EXPECT_EQ(ftp.s().written.size(), 50u);
+  EXPECT_EQ(engine->SnapshotTask().sendTimes, 1);
+  // Sent once already: the same 50 bytes are within the tolerance, so it is complete.
+  Pass();
+  EXPECT_EQ(engine->SnapshotTask().result, 1);
+  EXPECT_EQ(ftp.s().modes.size(), 1u);
+
+  // More than 100 bytes short is continued even after a send.
+  Hold(t);
+  {
+    CAutoLock guard(&engine->m_taskLock);
+    engine->m_stTask.sendTimes = 1;
+  }
+  ftp.s().listing = {FakeFtpClient::Entry("remote.bin", size - 101)};
+  Pass();
+  EXPECT_EQ(ftp.s().modes.size(), 2u);
+  EXPECT_EQ(ftp.s().written.size(), 50u + 101u);
 }
 
 TEST_F(UploadEngineTest, ListingFailureClosesAndMinusTwoCountsAsDone) {
