@@ -22,6 +22,8 @@ struct CReadDisk::Impl {
 
 namespace {
 
+constexpr size_t kReadAheadLen = 256 * 1024;
+
 // One started read.
 struct ReadHandle {
   int fd = -1;
@@ -31,6 +33,11 @@ struct ReadHandle {
   uint64_t startPos = 0;  // first frame at or after startUs
   uint64_t endUs = 0;     // frames at or after this time are outside the span
   bool ended = false;
+  // Read-ahead window: bytes [winAt, winAt + winLen) of the file. Frames are read in order,
+  // so one read of the file serves many frame heads and payloads.
+  uint8_t* window = nullptr;
+  uint64_t winAt = 0;
+  size_t winLen = 0;
 };
 
 bool ReadAt(int fd, void* buf, size_t len, uint64_t at) {
@@ -43,6 +50,26 @@ bool ReadAt(int fd, void* buf, size_t len, uint64_t at) {
     len -= static_cast<size_t>(n);
     at += static_cast<uint64_t>(n);
   }
+  return true;
+}
+
+// Copies len bytes at file offset at into buf through h's read-ahead window. A request larger
+// than the window is read directly. False when the file ends first.
+bool Fetch(ReadHandle* h, void* buf, size_t len, uint64_t at) {
+  if (at >= h->winAt && at + len <= h->winAt + h->winLen) {
+    memcpy(buf, h->window + (at - h->winAt), len);
+    return true;
+  }
+  if (len >= kReadAheadLen / 2 || h->window == nullptr) return ReadAt(h->fd, buf, len, at);
+  uint64_t want = h->size > at ? h->size - at : 0;
+  if (want > kReadAheadLen) want = kReadAheadLen;
+  if (want < len || !ReadAt(h->fd, h->window, static_cast<size_t>(want), at)) {
+    h->winLen = 0;
+    return false;
+  }
+  h->winAt = at;
+  h->winLen = static_cast<size_t>(want);
+  memcpy(buf, h->window, len);
   return true;
 }
 
@@ -69,9 +96,9 @@ int OpenStore(const char* dir, const RecordItem_t* item, EncodeParam_t* param, u
 }
 
 // Reads the frame head at h->pos. False when there is no whole, sane frame there.
-bool FrameHead(const ReadHandle* h, uint64_t* timeUs, uint32_t* type, uint32_t* len) {
+bool FrameHead(ReadHandle* h, uint64_t* timeUs, uint32_t* type, uint32_t* len) {
   uint8_t head[kFrameStoreFrameHeadLen];
-  if (h->pos + sizeof(head) > h->size || !ReadAt(h->fd, head, sizeof(head), h->pos)) return false;
+  if (h->pos + sizeof(head) > h->size || !Fetch(h, head, sizeof(head), h->pos)) return false;
   *timeUs = LoadLE64(head);
   *type = LoadLE32(head + 8);
   *len = LoadLE32(head + 12);
@@ -110,7 +137,9 @@ void* CReadDisk::StartRead(int, RecordItem_t* item) {
   if (m_pImpl == nullptr || item == nullptr) return nullptr;
   ReadHandle* h = new ReadHandle;
   h->fd = OpenStore(m_pImpl->partPath, item, nullptr, &h->size);
+  h->window = static_cast<uint8_t*>(malloc(kReadAheadLen));  // without it: direct reads
   if (h->fd < 0) {
+    free(h->window);
     delete h;
     return nullptr;
   }
@@ -139,7 +168,7 @@ int CReadDisk::ReadFrame(void* handle, FrameInfo_t* info, void** data) {
     return -1;
   }
   void* buf = malloc(len > 0 ? len : 1);
-  if (buf == nullptr || !ReadAt(h->fd, buf, len, h->pos + kFrameStoreFrameHeadLen)) {
+  if (buf == nullptr || !Fetch(h, buf, len, h->pos + kFrameStoreFrameHeadLen)) {
     free(buf);
     h->ended = true;
     return -1;
@@ -170,6 +199,7 @@ int CReadDisk::StopRead(void* handle) {
   ReadHandle* h = static_cast<ReadHandle*>(handle);
   if (h == nullptr) return -1;
   close(h->fd);
+  free(h->window);
   delete h;
   return 0;
 }
