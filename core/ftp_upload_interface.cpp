@@ -4,21 +4,25 @@
 #include <mutex>
 
 #include "control/ftp_ctrl_mng.h"
+#include "maintain/ftp_maintain_mng.h"
 #include "platform/byteorder.h"
 
 const char kRequestSocket[] = "/tmp/ftpuploadfile.listen";
 
 namespace {
 
-// Remote maintenance is connected to these once its manager exists; until then the two
-// maintenance requests are dropped like unknown codes.
+// Remote commands (event 16) are connected once their handlers exist; until then they are
+// dropped like unknown codes.
 class ServiceTargets : public IRequestTargets {
  public:
   void InsertTask(ftpFileInfo_t* task) override { CFtpCtrlMng::Instance()->InsertFileInfo(task); }
   void SetTransfer(int fileType, unsigned int ctrType, int seq) override {
     CFtpCtrlMng::Instance()->SetFtpTrans(fileType, ctrType, seq);
   }
-  void ConnectTo(const char*, const char*, const char*, uint16_t, const char*) override {}
+  void ConnectTo(const char* user, const char* password, const char* host, uint16_t port,
+                 const char* path) override {
+    CFtpMaintainMng::Instance()->FtpConnectTo(user, password, host, port, path);
+  }
   void RemoteCommand(const char*) override {}
 };
 

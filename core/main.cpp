@@ -8,6 +8,7 @@
 #include "control/ftp_ctrl_mng.h"
 #include "core/ftp_upload_interface.h"
 #include "core/main_loop.h"
+#include "maintain/ftp_maintain_mng.h"
 #include "platform/clock.h"
 #include "platform/log.h"
 #include "upload/ftp_upload_file_mng.h"
@@ -18,6 +19,7 @@ int main() {
   signal(SIGPIPE, SIG_IGN);
 
   ClockSleepUs(3 * 1000000ULL);
+  CFtpMaintainMng::Instance();
   // Created before any thread that could reach them is started.
   CFtpCtrlMng::Instance();
   CFtpUploadFileMng::Instance();

@@ -1,0 +1,166 @@
+// The server's file list: fetching, parsing and judging whether this recorder needs an entry.
+#include <tinyxml.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "maintain/ftp_maintain_mng.h"
+#include "maintain/shell_values.h"
+#include "platform/byteorder.h"
+#include "platform/clock.h"
+#include "platform/config.h"
+#include "platform/fileutil.h"
+#include "platform/log.h"
+#include "platform/paths.h"
+#include "platform/status.h"
+#include "platform/text.h"
+
+namespace {
+
+// Fills one field of item from an attribute, by the first of the names its name contains.
+void ApplyAttribute(const TiXmlAttribute* a, FtpFileItem_t* item) {
+  const char* name = a->Name();
+  const char* value = a->Value() != nullptr ? a->Value() : "";
+  if (strstr(name, "filetype") != nullptr) {
+    item->FileType = atoi(value);
+  } else if (strstr(name, "size") != nullptr) {
+    item->FileSize = atoi(value);
+  } else if (strstr(name, "devtype") != nullptr) {
+    item->DevType = atoi(value);
+  } else if (strstr(name, "crcvalue") != nullptr) {
+    CopyText(item->CrcValue, sizeof(item->CrcValue), value);
+  } else if (strstr(name, "expirydate") != nullptr) {
+    CopyText(item->ExpiryDate, sizeof(item->ExpiryDate), value);
+  } else if (strstr(name, "scope") != nullptr) {
+    CopyText(item->Scope, sizeof(item->Scope), value);
+  }
+}
+
+// The expiry time of an entry. An expiry date that is missing or not of the form
+// 20YYMMDD-hhmmss counts as expired: an entry that cannot say how long it is meant for is
+// not acted on.
+bool ExpiryTime(const char* text, time_t* out, int f[6]) {
+  if (sscanf(text, "20%02d%02d%02d-%02d%02d%02d", &f[0], &f[1], &f[2], &f[3], &f[4], &f[5]) != 6) {
+    return false;
+  }
+  struct tm tmv = {};
+  tmv.tm_year = f[0] + 100;
+  tmv.tm_mon = f[1] - 1;
+  tmv.tm_mday = f[2];
+  tmv.tm_hour = f[3];
+  tmv.tm_min = f[4];
+  tmv.tm_sec = f[5];
+  tmv.tm_isdst = -1;
+  *out = mktime(&tmv);
+  return *out != static_cast<time_t>(-1);
+}
+
+long long DeviceNumber() {
+  JTBaseSet_t base;
+  CConfig::Instance()->GetConfig(&base, nullptr);
+  char text[sizeof(base.deviceNo) + 1] = {};
+  memcpy(text, base.deviceNo, sizeof(base.deviceNo));
+  return strtoll(text, nullptr, 10);
+}
+
+}  // namespace
+
+int CFtpMaintainMng::GetFileList(const UpgradeSet_t* account, const char* dir) {
+  char path[256];
+  FormatBounded(path, sizeof(path), "%s/%s", dir, "FileList.xml");
+  remove(path);
+  char user[80], password[80], host[80], where[200];
+  if (!ShellWord(account->user, user, sizeof(user)) ||
+      !ShellWord(account->password, password, sizeof(password)) ||
+      !ShellWord(account->host, host, sizeof(host)) || !ShellWord(dir, where, sizeof(where))) {
+    WriteDbgLog(2, "GetFileList: the maintenance account or directory is unusable\n");
+    return 0;
+  }
+  char command[255];
+  FormatBounded(command, sizeof(command), "ftpget -u %s -p %s -P %d %s %s/%s %s", user, password,
+                account->port, host, where, "FileList.xml", "FileList.xml");
+  WriteDbgLog(0, "%s\n", command);
+  systemdump(command, 600);
+  return 0;
+}
+
+int CFtpMaintainMng::ParseFileList(const char* path, FtpFileList_t* list) {
+  TiXmlDocument doc;
+  doc.LoadFile(path, TIXML_ENCODING_UNKNOWN);
+  const TiXmlElement* root = doc.RootElement();
+  if (root == nullptr) {
+    WriteDbgLog(0, "LoadFile %s Failed\n", path);
+    return -1;
+  }
+  int before = list->count;
+  for (const TiXmlElement* e = root->FirstChildElement(); e != nullptr; e = e->NextSiblingElement()) {
+    const char* text = e->GetText();
+    if (strstr(e->Value(), "FILE") == nullptr || text == nullptr) continue;
+    FtpFileItem_t* grown = static_cast<FtpFileItem_t*>(
+        realloc(list->pItems, sizeof(FtpFileItem_t) * static_cast<size_t>(list->count + 1)));
+    if (grown == nullptr) continue;
+    list->pItems = grown;
+    FtpFileItem_t* item = &grown[list->count];
+    memset(item, 0, sizeof(*item));
+    for (const TiXmlAttribute* a = e->FirstAttribute(); a != nullptr; a = a->Next()) {
+      ApplyAttribute(a, item);
+    }
+    CopyText(item->FileName, sizeof(item->FileName), text);
+    printf("FtpFileItem [%d]: %d, %d, %d, %s, %s, %s, %s\n", list->count, item->FileType,
+           item->FileSize, item->DevType, item->ExpiryDate, item->Scope, item->CrcValue,
+           item->FileName);
+    list->count += 1;
+  }
+  return list->count == before ? -1 : 0;
+}
+
+int CFtpMaintainMng::HandleFileDownloadCmd(const char* path) {
+  if (m_pData == nullptr) return -1;
+  CAutoLock guard(&m_lock);
+  RootedPath("/tmp", m_pData->onlineList.dir, sizeof(m_pData->onlineList.dir));
+  return ParseFileList(path, &m_pData->onlineList);
+}
+
+int CFtpMaintainMng::IsNeedLoadFile(const FtpFileItem_t* item) {
+  uint8_t device[kStatusDeviceSize] = {};
+  GetStatus(STATUS_DEVICE, device);
+  int32_t localType = static_cast<int32_t>(LoadLE32(device));
+  if (localType != item->DevType) {
+    WriteDbgLog(2, "IsNeedLoadFile DevType Mismatch: Local = %d, Ftp = %d\n", localType,
+                item->DevType);
+    return -1;
+  }
+  int f[6] = {};
+  time_t expiry = 0;
+  time_t now = ClockTime();
+  if (!ExpiryTime(item->ExpiryDate, &expiry, f) || expiry < now) {
+    WriteDbgLog(2, "IsNeedLoadFile out of date: ExpiryDate = %s, %d, %d, (%d, %d, %d, %d, %d, %d)\n",
+                item->ExpiryDate, static_cast<int>(now), static_cast<int>(expiry), f[0], f[1],
+                f[2], f[3], f[4], f[5]);
+    return -1;
+  }
+  long long deviceNo = DeviceNumber();
+  if (item->Scope[0] == '\0') {
+    puts("IsNeedLoadFile is TRUE");
+    return 0;
+  }
+  printf("IsNeedLoadFile Scope: %s\n", item->Scope);
+  const char* cursor = item->Scope;
+  for (;;) {
+    long long lo = 0, hi = 0;
+    sscanf(cursor, "%lld~%lld", &lo, &hi);
+    fprintf(stderr, "IsNeedLoadFile : %s --> %lld~%lld, %lld\n", cursor, lo, hi, deviceNo);
+    if (lo <= deviceNo && deviceNo <= hi) {
+      puts("IsNeedLoadFile is TRUE");
+      return 0;
+    }
+    const char* semi = strchr(cursor, ';');
+    if (semi == nullptr || semi[1] == '\0') break;
+    printf("IsNeedLoadFile Next: %s\n", semi);
+    cursor = semi + 1;
+  }
+  WriteDbgLog(2, "IsNeedLoadFile not in scope\n");
+  return -1;
+}

@@ -1,0 +1,103 @@
+// Remote maintenance: the maintenance FTP account and the two file lists.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+
+#include "platform/config.h"
+#include "platform/thread.h"
+
+enum FTP_FILE_TYPE_E {
+  FTP_FILE_UPGRADE = 1,  // firmware package, "*.sw"
+  FTP_FILE_LOGCMD = 2,   // log-command file
+  FTP_FILE_USRCMD = 3,   // user-command file
+  FTP_FILE_MCU = 4,      // microcontroller image, "*.crc"
+  FTP_FILE_CONFIG = 5,   // configuration archive, "*.tar"
+};
+
+enum FILE_STATUS_E {
+  FILE_STATUS_WAIT = 0,
+  FILE_STATUS_SKIP = 1,  // not for this recorder, already installed, or refused as unsafe
+  FILE_STATUS_DONE = 2,
+  FILE_STATUS_FAIL = 3,
+};
+
+// One entry of a file list.
+struct FtpFileItem_t {
+  int32_t FileType;
+  int32_t FileSize;
+  int32_t DevType;
+  char ExpiryDate[32];  // 20YYMMDD-hhmmss
+  char Scope[256];      // lo~hi;lo~hi;...
+  char CrcValue[128];   // kept and logged, not verified
+  char FileName[128];
+  int32_t ErrTimes;
+  int32_t Status;
+};
+
+struct FtpFileList_t {
+  char dir[128];  // local directory of this list's downloads
+  int32_t count;
+  int32_t index;
+  FtpFileItem_t* pItems;  // realloc'ed array of count entries; null when empty
+};
+
+struct FtpMaintainData_t {
+  int32_t state;  // cycle state; 8 while FtpConnectTo replaces the account
+  CommonThread_st* pThread;
+  UpgradeSet_t upgradeSet;
+  FtpFileList_t fileList;    // the periodic list
+  FtpFileList_t onlineList;  // entries of FileDownloadCmd files
+};
+
+class CFtpMaintainMng {
+ public:
+  // The singleton, created on first use. Safe from any thread.
+  static CFtpMaintainMng* Instance();
+
+  // Installs a new account and restarts the cycle at once. Request thread.
+  int FtpConnectTo(const char* user, const char* password, const char* host, uint16_t port,
+                   const char* path);
+
+  // Fetches FileList.xml from the account's login directory into dir (always 0).
+  int GetFileList(const UpgradeSet_t* account, const char* dir);
+  // Appends the entries of the XML file at path to list: 0 when at least one was added.
+  int ParseFileList(const char* path, FtpFileList_t* list);
+  // Parses a FileDownloadCmd file into the online list.
+  int HandleFileDownloadCmd(const char* path);
+  // 0 when this recorder needs the entry, -1 when not.
+  int IsNeedLoadFile(const FtpFileItem_t* item);
+
+  // Mode 0 fetches the file list, mode 1 loads the periodic list's current entry.
+  int LoadFtpFile(int mode);
+  int DownloadFile(FtpFileItem_t* item, const UpgradeSet_t* account, const char* dir);
+  int LoadUpgradeFile(FtpFileItem_t* item, const UpgradeSet_t* account, const char* dir);
+  int LoadLogCmdFile(FtpFileItem_t* item, const UpgradeSet_t* account, const char* dir);
+  int LoadUsrCmdFile(FtpFileItem_t* item, const UpgradeSet_t* account, const char* dir);
+  int LoadMcuFile(FtpFileItem_t* item, const UpgradeSet_t* account, const char* dir);
+  int LoadConfigFile(FtpFileItem_t* item, const UpgradeSet_t* account, const char* dir);
+  // The package name of the running software, into a 256-byte buffer.
+  int GetUpgradeFileName(char* out);
+
+  // A copy of the account. Safe from any thread.
+  UpgradeSet_t Account();
+
+  FtpMaintainData_t* m_pData;
+  time_t m_lastStepTime = 0;
+  // Serialises the lists, their arrays and the account between the request thread and the
+  // maintenance thread. Never held across a shell command.
+  CLock m_lock;
+
+  CFtpMaintainMng(const CFtpMaintainMng&) = delete;
+  CFtpMaintainMng& operator=(const CFtpMaintainMng&) = delete;
+
+ protected:
+  CFtpMaintainMng();
+  ~CFtpMaintainMng();
+
+ private:
+  static CFtpMaintainMng* m_pInstance;
+};
+
+// Empties a list (count, index 0; array freed). Caller holds the manager's lock.
+void ClearFileList(FtpFileList_t* list);

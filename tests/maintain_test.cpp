@@ -1,0 +1,247 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <string>
+
+#include "maintain/ftp_maintain_mng.h"
+#include "maintain/shell_values.h"
+#include "tests/fakes/fakes.h"
+
+namespace {
+
+class TestMaintMng : public CFtpMaintainMng {};
+
+class MaintainTest : public ::testing::Test {
+ protected:
+  MaintainTest() {
+    root.Write("/etc/velmar/config/jtbase.xml", "<jtbase deviceNo=\"150\"/>");
+    root.Write("/etc/velmar/version.xml",
+               "<version prefix=\"VLM\" v1=\"1\" v2=\"2\" v3=\"3\" v4=\"4\"/>");
+    std::lock_guard<std::mutex> g(status.mutex);
+    status.deviceType = 3;
+    status.mcuVersion = "V1.2";
+    status.mounts[DISK_USAGE_UPLOAD] = {FakeStatus::Entry(1, "/mnt/sd1"),
+                                        FakeStatus::Entry(6, "/mnt/sd2")};
+  }
+  // A date text "20YYMMDD-hhmmss" of the fake clock's now + delta seconds, local time.
+  std::string Date(int delta) {
+    time_t t = clock.WallSeconds() + delta;
+    struct tm tmv;
+    localtime_r(&t, &tmv);
+    char text[32];
+    strftime(text, sizeof(text), "20%y%m%d-%H%M%S", &tmv);
+    return text;
+  }
+  FtpFileItem_t Item(const std::string& name, int type, const std::string& scope = "") {
+    FtpFileItem_t item{};
+    item.FileType = type;
+    item.DevType = 3;
+    strcpy(item.ExpiryDate, Date(3600).c_str());
+    strcpy(item.Scope, scope.c_str());
+    strcpy(item.FileName, name.c_str());
+    return item;
+  }
+  UpgradeSet_t Account() {
+    UpgradeSet_t a{};
+    strcpy(a.host, "10.1.1.1");
+    a.port = 21;
+    strcpy(a.user, "maint");
+    strcpy(a.password, "pw");
+    return a;
+  }
+  std::vector<std::string> Commands() {
+    std::vector<std::string> out;
+    for (auto& c : shell.Commands()) out.push_back(c.first + " @" + std::to_string(c.second));
+    return out;
+  }
+
+  TempRoot root;
+  FakeClock clock;
+  FakeStatus status;
+  FakeShell shell;
+  LogCapture log;
+  TestMaintMng mng;
+};
+
+TEST_F(MaintainTest, ParsesEntriesBySubstringAndAppends) {
+  root.Write("/list.xml",
+             "<Anything>"
+             "<FILE filetype=\"1\" filesize=\"3145728\" devtypes=\"3\" expirydate=\"20251231-235959\""
+             " scope=\"100000~199999;500000~500000\" crcvalue=\"abc\" other=\"x\">VLM-1-2-3-5.sw</FILE>"
+             "<MYFILE filetype=\"2\">LOGCMD.xml</MYFILE>"
+             "<FILES filetype=\"5\"/>"
+             "<file filetype=\"3\">lower.xml</file>"
+             "<note>not a file</note>"
+             "</Anything>");
+  FtpFileList_t list{};
+  std::string path = root.path() + "/list.xml";
+  ASSERT_EQ(mng.ParseFileList(path.c_str(), &list), 0);
+  ASSERT_EQ(list.count, 2);  // FILES has no text; "file" lacks the upper-case "FILE"
+  EXPECT_EQ(list.pItems[0].FileType, 1);
+  EXPECT_EQ(list.pItems[0].FileSize, 3145728);  // "filesize" contains "size"
+  EXPECT_EQ(list.pItems[0].DevType, 3);         // "devtypes" contains "devtype"
+  EXPECT_STREQ(list.pItems[0].Scope, "100000~199999;500000~500000");
+  EXPECT_STREQ(list.pItems[0].CrcValue, "abc");
+  EXPECT_STREQ(list.pItems[1].FileName, "LOGCMD.xml");
+  EXPECT_EQ(list.pItems[1].DevType, 0);
+  ASSERT_EQ(mng.ParseFileList(path.c_str(), &list), 0);  // appended behind the first set
+  EXPECT_EQ(list.count, 4);
+  EXPECT_STREQ(list.pItems[2].FileName, "VLM-1-2-3-5.sw");
+
+  root.Write("/empty.xml", "<r><other>x</other></r>");
+  EXPECT_EQ(mng.ParseFileList((root.path() + "/empty.xml").c_str(), &list), -1);
+  root.Write("/broken.xml", "not xml at all");
+  EXPECT_EQ(mng.ParseFileList((root.path() + "/broken.xml").c_str(), &list), -1);
+  EXPECT_EQ(log.Count("LoadFile " + root.path() + "/broken.xml Failed"), 1);
+  EXPECT_EQ(list.count, 4);
+  CAutoLock guard(&mng.m_lock);
+  ClearFileList(&list);
+}
+
+TEST_F(MaintainTest, JudgesDeviceTypeExpiryAndScope) {
+  FtpFileItem_t anyDevice = Item("a.sw", 1);
+  EXPECT_EQ(mng.IsNeedLoadFile(&anyDevice), 0);  // empty scope: every device number
+  FtpFileItem_t other = Item("a.sw", 1);
+  other.DevType = 0;  // no devtype: only for device type 0
+  EXPECT_EQ(mng.IsNeedLoadFile(&other), -1);
+  EXPECT_EQ(log.Count("IsNeedLoadFile DevType Mismatch: Local = 3, Ftp = 0"), 1);
+
+  FtpFileItem_t now = Item("a.sw", 1);
+  strcpy(now.ExpiryDate, Date(0).c_str());
+  EXPECT_EQ(mng.IsNeedLoadFile(&now), 0);  // the current second is still valid
+  strcpy(now.ExpiryDate, Date(-1).c_str());
+  EXPECT_EQ(mng.IsNeedLoadFile(&now), -1);
+  strcpy(now.ExpiryDate, "tomorrow");  // unreadable: counts as expired
+  EXPECT_EQ(mng.IsNeedLoadFile(&now), -1);
+  EXPECT_EQ(log.Count("IsNeedLoadFile out of date"), 2);
+
+  struct Case {
+    const char* scope;
+    const char* deviceNo;
+    int expected;
+  } cases[] = {{"100~200", "200", 0},       {"100~200", "201", -1},  {"100~200;", "200", 0},
+               {"100~200;", "201", -1},     {"150", "150", -1},      {"1~2;140~160", "150", 0},
+               {"100~200;300~400", "350", 0}, {"abc", "0", 0}};
+  for (const Case& c : cases) {
+    root.Write("/etc/velmar/config/jtbase.xml",
+               std::string("<jtbase deviceNo=\"") + c.deviceNo + "\"/>");
+    FtpFileItem_t item = Item("a.sw", 1, c.scope);
+    EXPECT_EQ(mng.IsNeedLoadFile(&item), c.expected) << c.scope << " " << c.deviceNo;
+  }
+}
+
+TEST_F(MaintainTest, CommandTextsOfFetchDownloadAndCleaning) {
+  UpgradeSet_t account = Account();
+  mng.GetFileList(&account, "/tmp/work");
+  FtpFileItem_t cfg = Item("config.tar", 5);
+  EXPECT_EQ(mng.LoadConfigFile(&cfg, &account, "/tmp/work"), 0);
+  std::string tmp = root.path() + "/tmp";
+  EXPECT_EQ(Commands(), (std::vector<std::string>{
+                            "ftpget -u maint -p pw -P 21 10.1.1.1 /tmp/work/FileList.xml FileList.xml @600",
+                            "rm /mnt/sd1/*.tar @5", "rm /mnt/sd2/*.tar @5", "rm " + tmp + "/*.tar @5",
+                            "ftpget -u maint -p pw -P 21 10.1.1.1 /tmp/work/tmp_ftp_load.bin config.tar @600",
+                            "mv /tmp/work/tmp_ftp_load.bin /tmp/work/config.tar @10"}));
+
+  {
+    std::lock_guard<std::mutex> g(status.mutex);
+    status.mounts[DISK_USAGE_UPLOAD].clear();
+  }
+  FtpFileItem_t mcu = Item("mcu_V1.3.crc", 4);
+  EXPECT_EQ(mng.LoadMcuFile(&mcu, &account, "/d"), 0);
+  EXPECT_EQ(log.Count("LoadMcuFile\xc3\xbb\xd3\xd0\xd5\xd2\xb5\xbd\xb4\xc5\xc5\xcc"), 1);
+  EXPECT_EQ(Commands()[6], "rm " + tmp + "/*.crc @5");  // /tmp is cleaned anyway
+}
+
+TEST_F(MaintainTest, VersionSkipsAndUpgradeAnnouncement) {
+  UpgradeSet_t account = Account();
+  FtpFileItem_t same = Item("VLM-1-2-3-4.sw", 1);
+  EXPECT_EQ(mng.LoadUpgradeFile(&same, &account, "/d"), 1);
+  EXPECT_EQ(log.Count("NewVer=CurVer=VLM-1-2-3-4.sw"), 1);
+  EXPECT_TRUE(shell.Commands().empty());
+
+  FtpFileItem_t other = Item("vlm-1-2-3-4.sw", 1);  // differs in case only: a new version
+  EXPECT_EQ(mng.LoadUpgradeFile(&other, &account, "/d"), 0);
+  EXPECT_EQ(log.Count("LocalVersion=VLM-1-2-3-4.sw, FtpVersion=vlm-1-2-3-4.sw"), 1);
+  ASSERT_EQ(status.upgradePaths.size(), 1u);
+  EXPECT_EQ(status.upgradePaths[0], "/d/vlm-1-2-3-4.sw");
+
+  FtpFileItem_t mcu = Item("mcu_V1.2.crc", 4);
+  EXPECT_EQ(mng.LoadMcuFile(&mcu, &account, "/d"), 1);  // contains the running version
+  {
+    std::lock_guard<std::mutex> g(status.mutex);
+    status.mcuVersion = "";
+  }
+  FtpFileItem_t any = Item("whatever.crc", 4);
+  EXPECT_EQ(mng.LoadMcuFile(&any, &account, "/d"), 1);  // an empty version is in every name
+}
+
+TEST_F(MaintainTest, HostileNamesAndAccountsRunNothingUnsafe) {
+  for (const char* bad : {"../etc/passwd", "/etc/passwd", "a/b.sw", "x;reboot.sw", "$(id).sw",
+                          "-rf", ".hidden", "a b.sw", "a`id`.sw", "..sw"}) {
+    EXPECT_FALSE(IsSafeFileName(bad)) << bad;
+  }
+  for (const char* good : {"VLM-1-2-3-4.sw", "mcu_V1.2.crc", "config.tar", "LOGCMD.xml",
+                           "UsrDefineCmd.xml"}) {
+    EXPECT_TRUE(IsSafeFileName(good)) << good;
+  }
+  UpgradeSet_t account = Account();
+  FtpFileItem_t evil = Item("x;touch pwned.sw", 3);
+  mng.DownloadFile(&evil, &account, "/d");
+  EXPECT_TRUE(shell.Commands().empty());
+  EXPECT_EQ(log.Count("DownloadFile: refused"), 1);
+
+  strcpy(account.password, "p w'$(reboot)");  // quoted, so the shell takes it literally
+  strcpy(account.user, "-o");                 // would read as an option: refused
+  FtpFileItem_t fine = Item("a.xml", 3);
+  mng.DownloadFile(&fine, &account, "/d");
+  EXPECT_TRUE(shell.Commands().empty());
+  strcpy(account.user, "maint");
+  mng.DownloadFile(&fine, &account, "/d");
+  ASSERT_EQ(shell.Commands().size(), 2u);
+  EXPECT_EQ(shell.Commands()[0].first,
+            "ftpget -u maint -p 'p w'\\''$(reboot)' -P 21 10.1.1.1 /d/tmp_ftp_load.bin a.xml");
+
+  // Through the periodic list: the unsafe entry ends as not needed.
+  root.Write("/list.xml", "<L><FILE filetype=\"3\" devtype=\"3\" expirydate=\"" + Date(60) +
+                              "\">../../x.xml</FILE></L>");
+  {
+    CAutoLock guard(&mng.m_lock);
+    mng.ParseFileList((root.path() + "/list.xml").c_str(), &mng.m_pData->fileList);
+  }
+  EXPECT_EQ(mng.LoadFtpFile(1), 0);
+  EXPECT_EQ(mng.m_pData->fileList.pItems[0].Status, FILE_STATUS_SKIP);
+  EXPECT_EQ(shell.Commands().size(), 2u);
+}
+
+TEST_F(MaintainTest, ConnectToReplacesAccountAndEmptiesLists) {
+  std::string work = root.Make("/work/x");
+  work = work.substr(0, work.rfind('/'));
+  root.Write("/work/FileList.xml", "<old/>");
+  root.Write("/list.xml", "<L><FILE>a.sw</FILE></L>");
+  {
+    CAutoLock guard(&mng.m_lock);
+    strcpy(mng.m_pData->fileList.dir, work.c_str());
+    mng.ParseFileList((root.path() + "/list.xml").c_str(), &mng.m_pData->fileList);
+    mng.ParseFileList((root.path() + "/list.xml").c_str(), &mng.m_pData->onlineList);
+    strcpy(mng.m_pData->upgradeSet.name, "old name");
+    mng.m_pData->state = 3;
+  }
+  mng.m_lastStepTime = 1234;
+  EXPECT_EQ(mng.FtpConnectTo("u2", "p2", "maint2.local", 2100, "/ignored"), 0);
+  EXPECT_EQ(mng.m_pData->fileList.count, 0);
+  EXPECT_EQ(mng.m_pData->onlineList.pItems, nullptr);
+  UpgradeSet_t a = mng.Account();
+  EXPECT_STREQ(a.host, "maint2.local");
+  EXPECT_EQ(a.port, 2100);
+  EXPECT_STREQ(a.user, "u2");
+  EXPECT_STREQ(a.password, "p2");
+  EXPECT_EQ(a.name[0], '\0');
+  EXPECT_EQ(fileisexist((work + "/FileList.xml").c_str()), -1);
+  EXPECT_EQ(mng.m_pData->state, 0);
+  EXPECT_EQ(mng.m_lastStepTime, 0);
+  EXPECT_EQ(log.Count("FTP Update [u2 p2 maint2.local 2100]"), 1);
+}
+
+}  // namespace
