@@ -26,56 +26,9 @@
 #include "platform/log.h"
 #include "platform/text.h"
 #include "tests/fakes/fakes.h"
+#include "tests/fakes/pyftpd.h"
 
 namespace {
-
-std::string ServerScript() {
-  const char* src = getenv("VELMAR_SOURCE_DIR");
-  if (src != nullptr) return std::string(src) + "/tests/servers/ftpd.py";
-  std::string here = __FILE__;
-  return here.substr(0, here.rfind('/')) + "/servers/ftpd.py";
-}
-
-// pyftpdlib serving root; killed and reaped on destruction.
-class PyFtpd {
- public:
-  PyFtpd(const std::string& root, const std::vector<std::string>& extra) {
-    int out[2];
-    if (pipe(out) != 0) return;
-    m_pid = fork();
-    if (m_pid == 0) {
-      dup2(out[1], 1);
-      close(out[0]);
-      close(out[1]);
-      std::vector<std::string> args = {"/usr/bin/python3", ServerScript(), "--root", root,
-                                       "--lifetime", "120"};
-      args.insert(args.end(), extra.begin(), extra.end());
-      std::vector<char*> argv;
-      for (std::string& a : args) argv.push_back(&a[0]);
-      argv.push_back(nullptr);
-      execv(argv[0], argv.data());
-      _exit(127);
-    }
-    close(out[1]);
-    std::string line;
-    char c;
-    pollfd p{out[0], POLLIN, 0};
-    while (poll(&p, 1, 10000) > 0 && read(out[0], &c, 1) == 1 && c != '\n') line.push_back(c);
-    close(out[0]);
-    m_port = atoi(line.c_str());
-  }
-  ~PyFtpd() {
-    if (m_pid > 0) {
-      kill(m_pid, SIGKILL);
-      waitpid(m_pid, nullptr, 0);
-    }
-  }
-  int port() const { return m_port; }
-
- private:
-  pid_t m_pid = -1;
-  int m_port = 0;
-};
 
 std::string ReadFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
