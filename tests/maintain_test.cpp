@@ -245,3 +245,55 @@ TEST_F(MaintainTest, ConnectToReplacesAccountAndEmptiesLists) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(HostConfigTest, ReadsRecordsAndReplacesFilesAtomically) {
+  TempRoot root;
+  LogCapture log;
+  UpgradeSet_t account;
+  EXPECT_EQ(CConfig::Instance()->GetConfig(&account, nullptr), -1);  // missing: zeroed
+  EXPECT_EQ(account.host[0], '\0');
+  EXPECT_EQ(log.Count("upgrade.xml unusable"), 1);
+  root.Write("/etc/velmar/config/upgrade.xml",
+             "<upgrade host=\"h.example\" port=\"2100\" user=\"u\" password=\"p\" path=\"/m\" "
+             "name=\"FileList.xml\"/>");
+  ASSERT_EQ(CConfig::Instance()->GetConfig(&account, nullptr), 0);
+  EXPECT_STREQ(account.host, "h.example");
+  EXPECT_EQ(account.port, 2100);
+  EXPECT_STREQ(account.path, "/m");
+
+  root.Write("/etc/velmar/version.xml", "<version prefix=\"VLM\" v1=\"1\" v2=\"2\" v3=\"3\"/>");
+  VersionInfo_t version;
+  ASSERT_EQ(CConfig::Instance()->GetConfig(&version, nullptr), 0);
+  EXPECT_STREQ(version.version[2], "3");
+  EXPECT_EQ(version.version[3][0], '\0');
+  char prefix[32];
+  ASSERT_EQ(GetUpgradeFilePrefix(prefix), 0);
+  EXPECT_STREQ(prefix, "VLM");
+
+  root.Write("/etc/velmar/config/jtbase.xml", "<jtbase deviceNo=");  // malformed
+  JTBaseSet_t base;
+  EXPECT_EQ(CConfig::Instance()->GetConfig(&base, nullptr), -1);
+  char xml[] = "<jtbase deviceNo=\"777\"/>";
+  ASSERT_EQ(CConfig::Instance()->SetConfigXml(PARAM_JTBASE, xml), 0);
+  ASSERT_EQ(CConfig::Instance()->GetConfig(&base, nullptr), 0);
+  EXPECT_STREQ(base.deviceNo, "777");
+  EXPECT_NE(fileisexist((root.path() + "/etc/velmar/config/jtbase.xml.tmp").c_str()), 0);
+  EXPECT_EQ(CConfig::Instance()->SetConfigXml(static_cast<PARAM_TYPE_E>(22), xml), -1);
+}
+
+TEST(FileDownloadCmdTest, AppendsToTheOnlineListInTmp) {
+  TempRoot root;
+  LogCapture log;
+  TestMaintMng mng;
+  root.Write("/cmd.xml", "<FileDownloadCmd><FILE filetype=\"3\">a.xml</FILE></FileDownloadCmd>");
+  std::string path = root.path() + "/cmd.xml";
+  EXPECT_EQ(mng.HandleFileDownloadCmd(path.c_str()), 0);
+  EXPECT_EQ(mng.HandleFileDownloadCmd(path.c_str()), 0);
+  EXPECT_EQ(mng.m_pData->onlineList.count, 2);
+  EXPECT_EQ(std::string(mng.m_pData->onlineList.dir), root.path() + "/tmp");
+  EXPECT_EQ(mng.HandleFileDownloadCmd((root.path() + "/none.xml").c_str()), -1);
+}
+
+}  // namespace
