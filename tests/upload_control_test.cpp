@@ -14,6 +14,7 @@
 #include "control/ftp_ctrl_mng.h"
 #include "platform/byteorder.h"
 #include "tests/fakes/fakes.h"
+#include "tests/fakes/sample_task.h"
 #include "upload/ftp_upload_file_mng.h"
 #include "upload/task_status.h"
 
@@ -23,19 +24,7 @@ namespace {
 class TestCtrlMng : public CFtpCtrlMng {};
 
 ftpFileInfo_t Task(uint32_t seq, const std::string& fullName, uint8_t type = 0) {
-  ftpFileInfo_t t{};
-  t.type = type;
-  t.seq = seq;
-  strncpy(t.fullName, fullName.c_str(), sizeof(t.fullName) - 1);
-  strcpy(t.fileName, "remote.bin");
-  strcpy(t.fileDir, "dir");
-  t.valid = 1;
-  t.net = 7;
-  t.trans = 1;
-  t.server.port = 21;
-  strcpy(t.server.host, "127.0.0.1");
-  strcpy(t.server.path, "/up");
-  return t;
+  return SampleTask(seq, fullName, type);
 }
 
 std::vector<std::string> Names(const std::list<ftpFileInfo_t>& list) {

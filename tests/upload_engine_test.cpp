@@ -13,6 +13,7 @@
 #include "tests/fakes/fake_ftp_client.h"
 #include "tests/fakes/fake_readdisk.h"
 #include "tests/fakes/fakes.h"
+#include "tests/fakes/sample_task.h"
 #include "upload/ftp_upload_file_mng.h"
 #include "upload/xfile.h"
 
@@ -28,18 +29,7 @@ std::string Bytes(size_t n, int seed = 7) {
 }
 
 ftpFileInfo_t PlainTask(const std::string& path, uint32_t seq = 5) {
-  ftpFileInfo_t t{};
-  t.type = 0;
-  t.seq = seq;
-  strncpy(t.fullName, path.c_str(), sizeof(t.fullName) - 1);
-  strcpy(t.fileName, "remote.bin");
-  strcpy(t.fileDir, "in");
-  t.valid = 1;
-  t.trans = 1;
-  t.net = 7;
-  t.server.port = 21;
-  strcpy(t.server.host, "127.0.0.1");
-  return t;
+  return SampleTask(seq, path, 0);
 }
 
 // Drives single passes of the singleton engine on a fake clock with a scripted client.

@@ -59,6 +59,16 @@ const TiXmlElement* LoadRoot(TiXmlDocument* doc, const std::string& path, const 
   return root;
 }
 
+// Zeroes the record *out of size bytes and loads the root element of the file at devicePath
+// (under the sandbox root). Null when the record cannot be filled.
+template <typename Record>
+const TiXmlElement* StartRecord(Record* out, TiXmlDocument* doc, const char* devicePath,
+                                const char* rootName) {
+  if (out == nullptr) return nullptr;
+  memset(out, 0, sizeof(*out));
+  return LoadRoot(doc, RootedPath(devicePath), rootName);
+}
+
 void CopyAttr(const TiXmlElement* e, const char* name, char* dst, size_t cap) {
   const char* v = e->Attribute(name);
   CopyText(dst, cap, v != nullptr ? v : "");
@@ -72,10 +82,8 @@ CConfig* CConfig::Instance() {
 }
 
 int CConfig::GetConfig(UpgradeSet_t* out, char*) {
-  if (out == nullptr) return -1;
-  memset(out, 0, sizeof(*out));
   TiXmlDocument doc;
-  const TiXmlElement* e = LoadRoot(&doc, RootedPath("/etc/velmar/config/upgrade.xml"), "upgrade");
+  const TiXmlElement* e = StartRecord(out, &doc, "/etc/velmar/config/upgrade.xml", "upgrade");
   if (e == nullptr) return -1;
   CopyAttr(e, "host", out->host, sizeof(out->host));
   const char* port = e->Attribute("port");
@@ -88,10 +96,8 @@ int CConfig::GetConfig(UpgradeSet_t* out, char*) {
 }
 
 int CConfig::GetConfig(VersionInfo_t* out, char*) {
-  if (out == nullptr) return -1;
-  memset(out, 0, sizeof(*out));
   TiXmlDocument doc;
-  const TiXmlElement* e = LoadRoot(&doc, RootedPath("/etc/velmar/version.xml"), "version");
+  const TiXmlElement* e = StartRecord(out, &doc, "/etc/velmar/version.xml", "version");
   if (e == nullptr) return -1;
   const char* names[4] = {"v1", "v2", "v3", "v4"};
   for (int i = 0; i < 4; ++i) CopyAttr(e, names[i], out->version[i], sizeof(out->version[i]));
@@ -99,10 +105,8 @@ int CConfig::GetConfig(VersionInfo_t* out, char*) {
 }
 
 int CConfig::GetConfig(JTBaseSet_t* out, char*) {
-  if (out == nullptr) return -1;
-  memset(out, 0, sizeof(*out));
   TiXmlDocument doc;
-  const TiXmlElement* e = LoadRoot(&doc, RootedPath("/etc/velmar/config/jtbase.xml"), "jtbase");
+  const TiXmlElement* e = StartRecord(out, &doc, "/etc/velmar/config/jtbase.xml", "jtbase");
   if (e == nullptr) return -1;
   CopyAttr(e, "deviceNo", out->deviceNo, sizeof(out->deviceNo));
   return 0;
