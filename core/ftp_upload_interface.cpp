@@ -23,7 +23,9 @@ class ServiceTargets : public IRequestTargets {
                  const char* path) override {
     CFtpMaintainMng::Instance()->FtpConnectTo(user, password, host, port, path);
   }
-  void RemoteCommand(const char*) override {}
+  void RemoteCommand(const char* path) override {
+    CFtpMaintainMng::Instance()->HandleRemoteCmd(path);
+  }
 };
 
 void DispatchFileUpload(const uint8_t* payload, IRequestTargets* targets) {

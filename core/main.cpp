@@ -19,13 +19,14 @@ int main() {
   signal(SIGPIPE, SIG_IGN);
 
   ClockSleepUs(3 * 1000000ULL);
-  CFtpMaintainMng::Instance();
+  CFtpMaintainMng* maintain = CFtpMaintainMng::Instance();
   // Created before any thread that could reach them is started.
   CFtpCtrlMng::Instance();
   CFtpUploadFileMng::Instance();
 
   CFtpUploadInterface::Instance()->StartListen();
   CFtpUploadFileMng::Instance()->StartSyncThread();
+  maintain->Start();
 
   WriteDbgLog(0, "Velmar Start\n");
   CMainLoop loop;

@@ -49,6 +49,7 @@ int CFtpMaintainMng::FtpConnectTo(const char* user, const char* password, const 
   {
     CAutoLock guard(&m_lock);
     m_pData->state = 8;  // the cycle stands still while the account changes
+    ++m_nEpoch;
     ClearFileList(&m_pData->fileList);
     ClearFileList(&m_pData->onlineList);
     UpgradeSet_t& account = m_pData->upgradeSet;

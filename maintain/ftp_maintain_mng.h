@@ -82,8 +82,39 @@ class CFtpMaintainMng {
   // A copy of the account. Safe from any thread.
   UpgradeSet_t Account();
 
+  // Command files. HandleRemoteCmd (request thread) tells the kind by a marker in the text;
+  // HandleFtpCmdFile (maintenance thread) by the list entry's file type. Both return 0.
+  int HandleRemoteCmd(const char* path);
+  int HandleFtpCmdFile(int type, const char* path);
+  // 0, or -1 when the file is not XML with a root element (nothing is executed then).
+  int HandleLogCmd(const char* path);
+  int HandleUsrDefineCmd(const char* path);
+  // Imports the configuration files of a tar archive. -1 when the archive is refused as unsafe
+  // or yields no config directory.
+  int HandleConfigCmd(const char* path);
+
+  // The maintenance thread. Start: 0, or -1 when it cannot be created. Stop joins it.
+  int Start();
+  int Stop();
+  // One pass of the thread's loop: a cycle step when more than *interval seconds have passed
+  // since the last one (the difference taken as an absolute value), then one online step.
+  void ProcPass(int* interval);
+  // One step of the periodic cycle; may set *interval to 60 (retry) or 900 (rest).
+  void FtpUpgradeStep(int* interval);
+  // Mode 0 parses the fetched list (0 or -1); mode 1 checks the current entry's download
+  // (0 handled, 1 settled without handling, -1 download again).
+  int setconfig(int mode);
+  // One entry of the online list per call.
+  void OnlineFtpProc();
+  // Chooses the directory of the periodic list: the first maintenance disk, "/tmp" when none
+  // appears within 120 s. Always 0.
+  int SelectWorkDir();
+
   FtpMaintainData_t* m_pData;
-  time_t m_lastStepTime = 0;
+  time_t m_lastStepTime = 0;  // under m_lock
+  // Under m_lock. Grows whenever FtpConnectTo replaces the account and the lists, so that a
+  // step that ran without the lock (a download) does not write its outcome into the new ones.
+  uint32_t m_nEpoch = 0;
   // Serialises the lists, their arrays and the account between the request thread and the
   // maintenance thread. Never held across a shell command.
   CLock m_lock;
@@ -101,3 +132,6 @@ class CFtpMaintainMng {
 
 // Empties a list (count, index 0; array freed). Caller holds the manager's lock.
 void ClearFileList(FtpFileList_t* list);
+
+// The body of the maintenance thread; arg is the CFtpMaintainMng.
+void FtpProc(CommonThread_st* thread, void* arg);

@@ -206,14 +206,20 @@ FakeShell::FakeShell() : m_prev(SetShellRunnerForTest(this)) {}
 FakeShell::~FakeShell() { SetShellRunnerForTest(m_prev); }
 
 int FakeShell::RunLimited(const char* command, int seconds) {
-  std::lock_guard<std::mutex> g(m_mutex);
-  m_commands.emplace_back(command, seconds);
+  {
+    std::lock_guard<std::mutex> g(m_mutex);
+    m_commands.emplace_back(command, seconds);
+  }
+  if (onCommand) onCommand(command);
   return result;
 }
 
 int FakeShell::RunUnlimited(const char* command) {
-  std::lock_guard<std::mutex> g(m_mutex);
-  m_commands.emplace_back(command, -1);
+  {
+    std::lock_guard<std::mutex> g(m_mutex);
+    m_commands.emplace_back(command, -1);
+  }
+  if (onCommand) onCommand(command);
   return result;
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -136,6 +137,9 @@ class FakeShell : public IShellRunner {
   int RunUnlimited(const char* command) override;
   std::vector<std::pair<std::string, int>> Commands() const;  // (command, limit; -1 none)
   int result = 0;
+  // Called with every command line after it is recorded, to play a command's effect (a
+  // download that lands a file). Set before the code under test runs.
+  std::function<void(const std::string&)> onCommand;
 
  private:
   mutable std::mutex m_mutex;

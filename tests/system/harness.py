@@ -89,10 +89,12 @@ class Velmar:
         env = dict(os.environ)
         env["VELMAR_ROOT"] = self.root.path
         env["PATH"] = os.path.join(BUILD_DIR, "busybox-bin") + ":" + env.get("PATH", "")
-        self.proc = subprocess.Popen([os.path.join(BUILD_DIR, "velmar")], env=env,
-                                     stdout=open(self.out_path, "ab"),
-                                     stderr=open(self.err_path, "ab"),
-                                     start_new_session=True)
+        # User commands from a maintenance server run in the service's working directory:
+        # the root, never the source tree.
+        with open(self.out_path, "ab") as out, open(self.err_path, "ab") as err:
+            self.proc = subprocess.Popen([os.path.join(BUILD_DIR, "velmar")], env=env,
+                                         stdout=out, stderr=err, cwd=self.root.path,
+                                         start_new_session=True)
 
     def log(self):
         with open(self.err_path, "rb") as f:
@@ -189,6 +191,8 @@ class FtpServer:
         if self.proc is not None and self.proc.poll() is None:
             self.proc.kill()
             self.proc.wait(timeout=10)
+        if self.proc is not None:
+            self.proc.stdout.close()
         self.proc = None
 
 
@@ -199,9 +203,9 @@ class Watch:
         env = dict(os.environ)
         env["VELMAR_ROOT"] = root.path
         self.out_path = root.under("/watch.out")
-        self.proc = subprocess.Popen([os.path.join(BUILD_DIR, "velmarctl"), "watch",
-                                      "--seconds", str(seconds)], env=env,
-                                     stdout=open(self.out_path, "w"))
+        with open(self.out_path, "w") as out:
+            self.proc = subprocess.Popen([os.path.join(BUILD_DIR, "velmarctl"), "watch",
+                                          "--seconds", str(seconds)], env=env, stdout=out)
 
     def lines(self):
         with open(self.out_path) as f:

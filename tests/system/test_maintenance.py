@@ -1,7 +1,9 @@
-"""A 0x708 request from velmarctl switches the maintenance account of the running service."""
+"""Maintenance requests from velmarctl reach the running service: a 0x708 request switches
+the maintenance account, an event 16 runs a local command file."""
+import os
 import unittest
 
-from harness import SandboxRoot, Velmar, velmarctl
+from harness import SandboxRoot, Velmar, velmarctl, wait_until
 
 
 class MaintenanceAccountTest(unittest.TestCase):
@@ -21,6 +23,18 @@ class MaintenanceAccountTest(unittest.TestCase):
         self.assertTrue(self.velmar.wait_log("FTP Update [maint2 s3cret 127.0.0.1 2100]", 10),
                         self.velmar.log())
         self.assertTrue(self.velmar.alive())
+
+    def test_remote_command_file_runs_its_user_commands(self):
+        marker = self.root.under("/from-event-16")
+        cmd = self.root.under("/cmd.xml")
+        with open(cmd, "w") as f:
+            f.write("<UsrDefineCmd><CMDITEM>echo ran &gt; %s</CMDITEM></UsrDefineCmd>" % marker)
+        r = velmarctl(self.root, "command", "--file", cmd)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertTrue(wait_until(lambda: os.path.exists(marker), 10), self.velmar.log())
+        with open(marker) as f:
+            self.assertEqual(f.read(), "ran\n")
+        self.assertIn("Cmd: echo ran > %s, (null)" % marker, self.velmar.log())
 
 
 if __name__ == "__main__":
