@@ -1,0 +1,319 @@
+// Debug-log upload: picks the debug logs of a time span from each disk's debug directory and
+// sends them to the maintenance FTP server with ftpput, optionally with a disk report first.
+#include "dbglog/upload_log.h"
+
+#include <dirent.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "maintain/shell_values.h"
+#include "platform/clock.h"
+#include "platform/fileutil.h"
+#include "platform/log.h"
+#include "platform/paths.h"
+#include "platform/status.h"
+#include "platform/text.h"
+
+namespace {
+
+const char kLogNameFormat[] = "dbglog-%04d%02d%02d-%02d%02d%02d.log";
+const size_t kLogNameLength = 26;
+const int kMaxResults = 10;
+
+// A local time from six fields, the year given as year - 2000 (the expiry and the item's span).
+// Fields far outside any calendar give -1, a moment long past, instead of overflowing.
+time_t LocalTime2000(int year, int month, int day, int hour, int minute, int second) {
+  const int fields[6] = {year, month, day, hour, minute, second};
+  for (int v : fields) {
+    if (v < -100000 || v > 100000) return static_cast<time_t>(-1);
+  }
+  struct tm t;
+  memset(&t, 0, sizeof(t));
+  t.tm_year = year + 100;
+  t.tm_mon = month - 1;
+  t.tm_mday = day;
+  t.tm_hour = hour;
+  t.tm_min = minute;
+  t.tm_sec = second;
+  t.tm_isdst = -1;
+  return mktime(&t);
+}
+
+time_t SpanTime(const uint8_t* v) { return LocalTime2000(v[0], v[1], v[2], v[3], v[4], v[5]); }
+
+// True for the four command types that have the disk-access tool write a report first.
+bool IsReportType(int type) { return type == 10 || type == 13 || type == 20 || type == 23; }
+
+long long DeviceNumber() {
+  JTBaseSet_t base;
+  memset(&base, 0, sizeof(base));
+  CConfig::Instance()->GetConfig(&base, nullptr);
+  char text[sizeof(base.deviceNo) + 1];
+  CopyField(text, sizeof(text), base.deviceNo, sizeof(base.deviceNo));
+  return strtoll(text, nullptr, 10);
+}
+
+// Reads one range "lo~hi" at text like "%lld~%lld": a bound that does not parse stays 0.
+// Unlike sscanf, an out-of-range number saturates instead of being undefined.
+void ParseRange(const char* text, long long* lo, long long* hi) {
+  *lo = 0;
+  *hi = 0;
+  char* end = nullptr;
+  long long value = strtoll(text, &end, 10);
+  if (end == text) return;
+  *lo = value;
+  if (*end != '~') return;
+  const char* second = end + 1;
+  value = strtoll(second, &end, 10);
+  if (end != second) *hi = value;
+}
+
+// True when deviceNo lies in one of the ranges of scope. Each range examined is echoed on
+// standard error so that a refused command can be followed by hand.
+bool InScope(const char* scope, long long deviceNo) {
+  const char* at = scope;
+  for (;;) {
+    long long lo, hi;
+    ParseRange(at, &lo, &hi);
+    fprintf(stderr, "UploadLog : %s --> %lld~%lld, %lld\n", at, lo, hi, deviceNo);
+    if (lo <= deviceNo && deviceNo <= hi) return true;
+    const char* semicolon = strchr(at, ';');
+    if (semicolon == nullptr || semicolon[1] == '\0') return false;
+    at = semicolon + 1;
+  }
+}
+
+// The account as shell words. False when one of them cannot be passed (for example an empty
+// user after the credentials were cleared).
+struct AccountWords {
+  char user[80];
+  char password[80];
+  char host[140];
+};
+
+bool QuoteAccount(const UpgradeSet_t* settings, AccountWords* out) {
+  char user[sizeof(settings->user) + 1];
+  char password[sizeof(settings->password) + 1];
+  char host[sizeof(settings->host) + 1];
+  CopyField(user, sizeof(user), settings->user, sizeof(settings->user));
+  CopyField(password, sizeof(password), settings->password, sizeof(settings->password));
+  CopyField(host, sizeof(host), settings->host, sizeof(settings->host));
+  return ShellWord(user, out->user, sizeof(out->user)) &&
+         ShellWord(password, out->password, sizeof(out->password)) &&
+         ShellWord(host, out->host, sizeof(out->host));
+}
+
+// Sends dir/name as "<deviceNo>_<name>" unless its time lies outside (start, end).
+void UploadOne(const UpgradeSet_t* settings, const AccountWords* account, bool accountOk,
+               long long deviceNo, const char* dir, const char* dirWord, const char* name,
+               time_t start, time_t end) {
+  int f[6] = {0, 0, 0, 0, 0, 0};
+  int parsed = sscanf(name, kLogNameFormat, &f[0], &f[1], &f[2], &f[3], &f[4], &f[5]);
+  printf("FileRtc: %04d-%02d-%02d %02d:%02d:%02d\n", f[0], f[1], f[2], f[3], f[4], f[5]);
+  struct tm t;
+  memset(&t, 0, sizeof(t));
+  t.tm_year = f[0] - 1900;
+  t.tm_mon = f[1] - 1;
+  t.tm_mday = f[2];
+  t.tm_hour = f[3];
+  t.tm_min = f[4];
+  t.tm_sec = f[5];
+  t.tm_isdst = -1;
+  time_t when = mktime(&t);
+  // A name whose time does not read completely has no time, so it is never in a span.
+  if (parsed != 6 || !(start < when && when < end)) return;
+
+  char nameWord[96];
+  const char* refusal = nullptr;
+  if (!accountOk) {
+    refusal = "user, password or host unusable in a command line";
+  } else if (dirWord == nullptr) {
+    refusal = "directory unusable in a command line";
+  } else if (deviceNo < 0) {
+    refusal = "a negative device number would make the remote name read as an option";
+  } else if (!ShellWord(name, nameWord, sizeof(nameWord))) {
+    refusal = "file name unusable in a command line";
+  }
+  if (refusal != nullptr) {
+    WriteDbgLog(2, "UploadDiskLog: %s/%s not sent: %s\n", dir, name, refusal);
+    return;
+  }
+  char command[256];
+  if (FormatBounded(command, sizeof(command), "ftpput -u %s -p %s -P %d %s %lld_%s %s/%s",
+                    account->user, account->password, settings->port, account->host, deviceNo,
+                    nameWord, dirWord, nameWord) != 0) {
+    // A cut command line could name another file or break a quote: never run it.
+    WriteDbgLog(2, "UploadDiskLog: %s/%s not sent: command line too long\n", dir, name);
+    return;
+  }
+  WriteDbgLog(2, "%s\n", command);
+  systemdump(command, 600);
+}
+
+}  // namespace
+
+int DbgLogFilter(const struct dirent* entry) {
+  if (entry == nullptr) return 0;
+  const char* name = entry->d_name;
+  if (strlen(name) != kLogNameLength) return 0;
+  return strncmp(name, "dbglog", 6) == 0 && strcmp(name + 22, ".log") == 0 ? 1 : 0;
+}
+
+int queryDiskInfo(const char* device, const char* reportPath, int parameter) {
+  char tool[256];
+  char toolWord[300];
+  char reportWord[300];
+  char command[256];
+  // device is composed by the caller (" /dev/sdaN") and goes in as it is. A cut command line
+  // could redirect the report into another file, so it is never run.
+  if (RootedPath("/app/diskaccess", tool, sizeof(tool)) != 0 ||
+      !ShellWord(tool, toolWord, sizeof(toolWord)) ||
+      !ShellWord(reportPath, reportWord, sizeof(reportWord)) ||
+      FormatBounded(command, sizeof(command), "%s %s p %d >%s", toolWord, device, parameter,
+                    reportWord) != 0) {
+    WriteDbgLog(2, "queryDiskInfo: no report for %s: command line unusable or too long\n", device);
+    return -1;
+  }
+  printf("cmd:%s\n", command);
+  system_run(command);
+  ClockSleepMs(2000);
+
+  FILE* report = fopen(reportPath, "r");
+  if (report == nullptr) return -1;
+  // The tool may still be writing: wait until two sizes taken 500 ms apart agree.
+  long previous = -1;
+  for (int i = 0; i < 172; ++i) {
+    long size = -1;
+    if (fseek(report, 0, SEEK_END) == 0) size = ftell(report);
+    if (i > 0 && size == previous) break;
+    previous = size;
+    if (i < 171) ClockSleepMs(500);
+  }
+  fclose(report);
+  puts("queryDiskInfo quit");
+  return 0;
+}
+
+int UploadDiskLog(UpgradeSet_t* settings, long long deviceNo, const char* diskPath,
+                  LogCmdItem_t* item) {
+  if (settings == nullptr || diskPath == nullptr || item == nullptr) return -1;
+  {
+    char host[sizeof(settings->host) + 1], user[sizeof(settings->user) + 1];
+    char password[sizeof(settings->password) + 1];
+    char path[sizeof(settings->path) + 1], name[sizeof(settings->name) + 1];
+    CopyField(host, sizeof(host), settings->host, sizeof(settings->host));
+    CopyField(user, sizeof(user), settings->user, sizeof(settings->user));
+    CopyField(password, sizeof(password), settings->password, sizeof(settings->password));
+    CopyField(path, sizeof(path), settings->path, sizeof(settings->path));
+    CopyField(name, sizeof(name), settings->name, sizeof(settings->name));
+    // GBK text: "IP:%s   port:%d    user:%s  password:%s\n".
+    printf("IP:%s   \xb6\xcb\xbf\xda:%d    \xd3\xc3\xbb\xa7:%s  \xc3\xdc\xc2\xeb:%s\n", host,
+           settings->port, user, password);
+    printf("path:%s  name:%s\n", path, name);
+  }
+  if (item->type == 1) return 0;
+
+  time_t start = SpanTime(item->start);
+  time_t end = SpanTime(item->end);
+  char reportPath[256] = "";
+  char reportWord[300] = "";
+  bool reportMade = false;
+  if (IsReportType(item->type)) {
+    long now = static_cast<long>(ClockTime());
+    struct tm t;
+    memset(&t, 0, sizeof(t));
+    comm_localtime_r(&now, &t);
+    // A cut path could name some other file: then no report at all.
+    if (FormatBounded(reportPath, sizeof(reportPath),
+                      "%s/debug/dbglog-%04d%02d%02d-%02d%02d%02d.log", diskPath, t.tm_year + 1900,
+                      t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec) == 0 &&
+        ShellWord(reportPath, reportWord, sizeof(reportWord))) {
+      char device[32];
+      FormatBounded(device, sizeof(device), " /dev/sda%d", item->type / 10);
+      queryDiskInfo(device, reportPath, item->type % 10);
+      reportMade = true;
+    } else {
+      WriteDbgLog(2, "UploadDiskLog: no disk report on %s: path too long or unusable\n", diskPath);
+    }
+  }
+
+  char dir[256];
+  if (FormatBounded(dir, sizeof(dir), "%s/debug", diskPath) != 0) {
+    WriteDbgLog(2, "UploadDiskLog: disk path too long: %s\n", diskPath);
+    return -1;
+  }
+  struct dirent** list = nullptr;
+  int count = scandir(dir, &list, DbgLogFilter, alphasort);
+  if (count <= 0) {
+    WriteDbgLog(0, "UploadDiskLog: no debug logs in %s\n", dir);
+    free(list);
+    return -1;
+  }
+
+  AccountWords account;
+  bool accountOk = QuoteAccount(settings, &account);
+  char dirWord[300];
+  bool dirOk = ShellWord(dir, dirWord, sizeof(dirWord));
+  for (int i = 0; i < count; ++i) {
+    printf("LogFileList[%d] = %s\n", i, list[i]->d_name);
+    UploadOne(settings, &account, accountOk, deviceNo, dir, dirOk ? dirWord : nullptr,
+              list[i]->d_name, start, end);
+    free(list[i]);
+  }
+  free(list);
+
+  if (reportMade) {
+    char command[256];
+    if (FormatBounded(command, sizeof(command), "rm %s", reportWord) == 0) {
+      systemdump(command, 60);
+    } else {
+      WriteDbgLog(2, "UploadDiskLog: report %s not removed: path too long\n", reportPath);
+    }
+  }
+  return count;
+}
+
+int UploadLog(UpgradeSet_t* settings, const int32_t* expiry, LogCmdItem_t* item) {
+  if (settings == nullptr || expiry == nullptr || item == nullptr) {
+    WriteDbgLog(2, "UploadLog: no settings, expiry or command\n");
+    return -1;
+  }
+  time_t expires = LocalTime2000(expiry[0], expiry[1], expiry[2], expiry[3], expiry[4], expiry[5]);
+  if (expires < ClockTime()) {
+    WriteDbgLog(2, "UploadLog out of date\n");
+    return -1;
+  }
+  long long deviceNo = DeviceNumber();
+  if (item->scope == nullptr || item->scope[0] == '\0' || !InScope(item->scope, deviceNo)) {
+    WriteDbgLog(2, "UploadLog not in scope\n");
+    return -1;
+  }
+
+  PartStatus_t disks;
+  memset(&disks, 0, sizeof(disks));
+  if (GetDiskForCommUsage(DISK_USAGE_MAINTAIN, &disks, nullptr) != 0) disks.count = 0;
+  WriteDbgLog(2, "PathCount = %d\n", disks.count);
+  int results[kMaxResults];
+  memset(results, 0, sizeof(results));
+  const int n = disks.count < 0 ? 0 : (disks.count > 8 ? 8 : disks.count);
+  for (int i = 0; i < n; ++i) {
+    char path[sizeof(disks.part[i].path) + 1];
+    CopyField(path, sizeof(path), disks.part[i].path, sizeof(disks.part[i].path));
+    WriteDbgLog(2, "  PathName = %s\n", path);
+    results[i] = UploadDiskLog(settings, deviceNo, path, item);
+  }
+
+  if (IsReportType(item->type) || n == 0) return 0;
+  bool anyLogs = false;
+  for (int i = 0; i < n; ++i) anyLogs = anyLogs || results[i] > 0;
+  if (anyLogs) {
+    // The account was lent for this one command: it is withdrawn once the uploads are done.
+    ClockSleepMs(2000);
+    memset(settings->user, 0, sizeof(settings->user));
+    memset(settings->password, 0, sizeof(settings->password));
+  }
+  return 0;
+}
