@@ -111,7 +111,7 @@ TEST_F(CommandFilesTest, UserCommandsRunInOrderWithTheDiskWideFollowUpsOfExactTe
   root.Write("/c.xml",
              "<UsrDefineCmd><ExpiryDate>20000101-000000</ExpiryDate>"
              "<CMDITEM scope=\"1~5\">rm -rf *.db</CMDITEM>"
-             "<CMDITEM>rm -rf *.db </CMDITEM>"
+             "<CMDITEM>rm -rf ./*.db</CMDITEM>"
              "<CMDITEM></CMDITEM>"
              "<CMDITEM>rm -rf REC-ALARM</CMDITEM>"
              "<CMDITEM>" + std::string(200, 'x') + "</CMDITEM>"
@@ -121,7 +121,7 @@ TEST_F(CommandFilesTest, UserCommandsRunInOrderWithTheDiskWideFollowUpsOfExactTe
   std::vector<std::string> want = {
       "rm -rf *.db @-1",  // the expiry date restricts nothing
       "rm -rf " + r + "/mnt/sd1/*.db;rm -rf " + r + "/mnt/sd2/*.db @5",
-      "rm -rf *.db  @-1",  // a trailing blank: no follow-up
+      "rm -rf ./*.db @-1",  // not the exact text: no follow-up
       "rm -rf REC-ALARM @-1",
       "rm -rf " + r + "/mnt/sd1/REC-ALARM/*;rm -rf " + r + "/mnt/sd2/REC-ALARM/* @100",
       std::string(127, 'x') + " @-1",
@@ -145,6 +145,7 @@ TEST_F(CommandFilesTest, UserCommandsRunInOrderWithTheDiskWideFollowUpsOfExactTe
   EXPECT_EQ(follow, "rm -rf /mnt/sd1/*.sw;rm -rf /mnt/sd2/*.sw;");
   EXPECT_EQ(limit, 10);
   EXPECT_FALSE(UsrCmdFollowUp("RM -RF *.sw", &follow, &limit));
+  EXPECT_FALSE(UsrCmdFollowUp("rm -rf *.sw ", &follow, &limit));  // a trailing blank counts
 }
 
 TEST_F(CommandFilesTest, LogCommandClearsTheManagersCredentialsEvenWithoutLogsInTheSpan) {

@@ -77,8 +77,9 @@ class MaintainCycleTest : public ::testing::Test {
 
 TEST_F(MaintainCycleTest, PeriodicCycleFollowsTheStateTableAndItsIntervals) {
   const std::string usrCmd = "<UsrDefineCmd><CMDITEM>touch /nonexistent/marker</CMDITEM></UsrDefineCmd>";
-  // Steps come only when more than 5 s have passed: every sixth pass.
-  EXPECT_EQ(PassesUntilStateChanges(), 6);  // 0 -> 1
+  // Steps come only when more than 5 s have passed: every sixth pass (the first pass runs at
+  // the start time itself, so the first step comes with the seventh).
+  EXPECT_EQ(PassesUntilStateChanges(), 7);  // 0 -> 1
   EXPECT_EQ(mng.m_pData->state, 1);
   EXPECT_EQ(PassesUntilStateChanges(), 6);  // 1 -> 2, FileList.xml fetched
   EXPECT_EQ(RunCount("FileList.xml"), 1);

@@ -118,9 +118,15 @@ class MaintenanceCycleTest(unittest.TestCase):
         r = velmarctl(self.root, "server", "--server", self.second.url("/"))
         self.assertEqual(r.returncode, 0, r.stderr)
         local_list = self.root.under("/mnt/sd1/FileList.xml")
-        self.assertTrue(wait_until(lambda: os.path.exists(local_list) and
-                                   "touch %s" % marker2 in open(local_list).read(), 30),
-                        self.velmar.log()[-4000:])
+        with open(os.path.join(self.second.root_dir, "FileList.xml")) as f:
+            second_list = f.read()
+
+        def fetched():
+            if not os.path.exists(local_list):
+                return False
+            with open(local_list) as f:
+                return f.read() == second_list
+        self.assertTrue(wait_until(fetched, 30), self.velmar.log()[-4000:])
         self.assertLess(time.time() - switched, 20)
         self.assertTrue(wait_until(lambda: os.path.exists(marker2), 60, step=1),
                         self.velmar.log()[-4000:])
