@@ -22,6 +22,14 @@ namespace {
 
 const char* ScopeText(const char* scope) { return scope != nullptr ? scope : "(null)"; }
 
+// The root element of the XML file at path, or null (logged) when it has none.
+const TiXmlElement* LoadRoot(TiXmlDocument* doc, const char* path) {
+  doc->LoadFile(path, TIXML_ENCODING_UNKNOWN);
+  const TiXmlElement* root = doc->RootElement();
+  if (root == nullptr) WriteDbgLog(0, "LoadFile %s Failed\n", path);
+  return root;
+}
+
 char* HeapCopy(const char* text) {
   size_t n = strlen(text);
   char* copy = static_cast<char*>(malloc(n + 1));
@@ -347,12 +355,8 @@ int CFtpMaintainMng::HandleFtpCmdFile(int type, const char* path) {
 
 int CFtpMaintainMng::HandleLogCmd(const char* path) {
   TiXmlDocument doc;
-  doc.LoadFile(path, TIXML_ENCODING_UNKNOWN);
-  const TiXmlElement* root = doc.RootElement();
-  if (root == nullptr) {
-    WriteDbgLog(0, "LoadFile %s Failed\n", path);
-    return -1;
-  }
+  const TiXmlElement* root = LoadRoot(&doc, path);
+  if (root == nullptr) return -1;
   int32_t expiry[6];
   LogCmdItem_t* items = nullptr;
   int count = ParseLogCmdItems(root, expiry, &items);
@@ -387,12 +391,8 @@ int CFtpMaintainMng::HandleLogCmd(const char* path) {
 
 int CFtpMaintainMng::HandleUsrDefineCmd(const char* path) {
   TiXmlDocument doc;
-  doc.LoadFile(path, TIXML_ENCODING_UNKNOWN);
-  const TiXmlElement* root = doc.RootElement();
-  if (root == nullptr) {
-    WriteDbgLog(0, "LoadFile %s Failed\n", path);
-    return -1;
-  }
+  const TiXmlElement* root = LoadRoot(&doc, path);
+  if (root == nullptr) return -1;
   UsrCmdItem_t* items = nullptr;
   int count = ParseUsrCmdItems(root, &items);
   if (count == 0) {

@@ -131,6 +131,17 @@ int CFtpMaintainMng::LoadConfigFile(FtpFileItem_t* item, const UpgradeSet_t* acc
   return 0;
 }
 
+int CFtpMaintainMng::LoadByType(FtpFileItem_t* item, const UpgradeSet_t* account, const char* dir) {
+  switch (item->FileType) {
+    case FTP_FILE_UPGRADE: return LoadUpgradeFile(item, account, dir);
+    case FTP_FILE_LOGCMD: return LoadLogCmdFile(item, account, dir);
+    case FTP_FILE_USRCMD: return LoadUsrCmdFile(item, account, dir);
+    case FTP_FILE_MCU: return LoadMcuFile(item, account, dir);
+    case FTP_FILE_CONFIG: return LoadConfigFile(item, account, dir);
+    default: return 0;  // an unknown kind is never downloaded
+  }
+}
+
 int CFtpMaintainMng::LoadFtpFile(int mode) {
   if (m_pData == nullptr || (mode != 0 && mode != 1)) return -1;
   UpgradeSet_t account;
@@ -160,16 +171,7 @@ int CFtpMaintainMng::LoadFtpFile(int mode) {
     status = FILE_STATUS_SKIP;
   } else {
     WriteDbgLog(0, "Get pFtpFile->FileType=%d\n", item.FileType);
-    int r = 0;
-    switch (item.FileType) {
-      case FTP_FILE_UPGRADE: r = LoadUpgradeFile(&item, &account, dir); break;
-      case FTP_FILE_LOGCMD: LoadLogCmdFile(&item, &account, dir); break;
-      case FTP_FILE_USRCMD: LoadUsrCmdFile(&item, &account, dir); break;
-      case FTP_FILE_MCU: r = LoadMcuFile(&item, &account, dir); break;
-      case FTP_FILE_CONFIG: LoadConfigFile(&item, &account, dir); break;
-      default: break;
-    }
-    if (r == 1) status = FILE_STATUS_SKIP;
+    if (LoadByType(&item, &account, dir) == 1) status = FILE_STATUS_SKIP;
   }
   CAutoLock guard(&m_lock);
   FtpFileList_t& list = m_pData->fileList;

@@ -76,6 +76,9 @@ class CFtpMaintainMng {
   int LoadUsrCmdFile(FtpFileItem_t* item, const UpgradeSet_t* account, const char* dir);
   int LoadMcuFile(FtpFileItem_t* item, const UpgradeSet_t* account, const char* dir);
   int LoadConfigFile(FtpFileItem_t* item, const UpgradeSet_t* account, const char* dir);
+  // The loader of the entry's file type: 1 when the recorder has this version already,
+  // otherwise 0 (an unknown type loads nothing).
+  int LoadByType(FtpFileItem_t* item, const UpgradeSet_t* account, const char* dir);
   // The package name of the running software, into a 256-byte buffer.
   int GetUpgradeFileName(char* out);
 

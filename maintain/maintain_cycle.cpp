@@ -303,16 +303,7 @@ void CFtpMaintainMng::OnlineFtpProc() {
     settle(FILE_STATUS_SKIP, item.ErrTimes, true);
     return;
   }
-  int r = 0;
-  switch (item.FileType) {
-    case FTP_FILE_UPGRADE: r = LoadUpgradeFile(&item, &account, dir); break;
-    case FTP_FILE_LOGCMD: LoadLogCmdFile(&item, &account, dir); break;
-    case FTP_FILE_USRCMD: LoadUsrCmdFile(&item, &account, dir); break;
-    case FTP_FILE_MCU: r = LoadMcuFile(&item, &account, dir); break;
-    case FTP_FILE_CONFIG: LoadConfigFile(&item, &account, dir); break;
-    default: break;  // an unknown kind is never downloaded
-  }
-  if (r == 1) {  // this version is installed already
+  if (LoadByType(&item, &account, dir) == 1) {  // this version is installed already
     settle(FILE_STATUS_SKIP, item.ErrTimes, true);
     return;
   }

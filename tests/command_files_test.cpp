@@ -18,13 +18,6 @@ namespace {
 
 class TestMaintMng : public CFtpMaintainMng {};
 
-std::string ReadAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
 // A tar archive built member by member, so that a test can write what no tar tool would.
 class TarBuilder {
  public:
@@ -194,7 +187,7 @@ TEST_F(CommandFilesTest, ConfigArchiveAppliesKnownFilesByExactName) {
   ASSERT_EQ(system(("cd '" + root.path() + "/src' && tar cf '" + archive + "' config").c_str()), 0);
 
   EXPECT_EQ(mng.HandleFtpCmdFile(FTP_FILE_CONFIG, archive.c_str()), 0);
-  EXPECT_EQ(ReadAll(root.path() + "/etc/velmar/config/wifi.xml"), "<wifi ssid=\"fleet\"/>");
+  EXPECT_EQ(ReadWholeFile(root.path() + "/etc/velmar/config/wifi.xml"), "<wifi ssid=\"fleet\"/>");
   EXPECT_EQ(log.Count("Unknown Config File: notes.txt"), 1);
   EXPECT_EQ(log.Count("Unknown Config File: Wifi.xml"), 1);
   EXPECT_EQ(log.Count("Unknown Config File: jtbase.XML"), 1);
@@ -253,7 +246,7 @@ TEST_F(CommandFilesTest, HostileArchivesAreRefusedBeforeAnythingIsUnpacked) {
   EXPECT_NE(access(outside.c_str(), F_OK), 0);
   EXPECT_NE(access((outside + "-abs").c_str(), F_OK), 0);
   EXPECT_NE(access((root.path() + "/tmp/config").c_str(), F_OK), 0);
-  EXPECT_EQ(ReadAll(root.path() + "/etc/velmar/config/jtbase.xml"), "<jtbase deviceNo=\"150\"/>");
+  EXPECT_EQ(ReadWholeFile(root.path() + "/etc/velmar/config/jtbase.xml"), "<jtbase deviceNo=\"150\"/>");
   EXPECT_EQ(log.Count("HandleConfigCmd: refused " + archive), 1);
 }
 

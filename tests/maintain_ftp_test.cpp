@@ -15,13 +15,6 @@ namespace {
 
 class TestMaintMng : public CFtpMaintainMng {};
 
-std::string ReadAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
 TEST(MaintainFtpTest, FetchesTheListAndLoadsEntriesUnderTheirNames) {
   TempRoot root;
   LogCapture log;
@@ -57,7 +50,7 @@ TEST(MaintainFtpTest, FetchesTheListAndLoadsEntriesUnderTheirNames) {
   }
   mng.FtpConnectTo("user", "secret", "127.0.0.1", static_cast<uint16_t>(server.port()), "/");
   ASSERT_EQ(mng.LoadFtpFile(0), 0);
-  ASSERT_EQ(ReadAll(work + "/FileList.xml"), ReadAll(served + "/FileList.xml"));
+  ASSERT_EQ(ReadWholeFile(work + "/FileList.xml"), ReadWholeFile(served + "/FileList.xml"));
   {
     CAutoLock guard(&mng.m_lock);
     ASSERT_EQ(mng.ParseFileList((work + "/FileList.xml").c_str(), &mng.m_pData->fileList), 0);
@@ -65,8 +58,8 @@ TEST(MaintainFtpTest, FetchesTheListAndLoadsEntriesUnderTheirNames) {
   ASSERT_EQ(mng.LoadFtpFile(1), 0);
   mng.m_pData->fileList.index = 1;
   ASSERT_EQ(mng.LoadFtpFile(1), 0);
-  EXPECT_EQ(ReadAll(work + "/UsrDefineCmd.xml"), "<cmd>echo</cmd>");
-  EXPECT_EQ(ReadAll(work + "/config.tar"), std::string(10240, 'c'));
+  EXPECT_EQ(ReadWholeFile(work + "/UsrDefineCmd.xml"), "<cmd>echo</cmd>");
+  EXPECT_EQ(ReadWholeFile(work + "/config.tar"), std::string(10240, 'c'));
   EXPECT_NE(fileisexist((work + "/tmp_ftp_load.bin").c_str()), 0);
   setenv("PATH", oldPath.c_str(), 1);
 }

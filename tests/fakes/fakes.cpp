@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <fstream>
+#include <sstream>
 
 #include "platform/text.h"
 
@@ -38,6 +39,13 @@ std::string TempRoot::Make(const std::string& rel) const {
 
 void TempRoot::Write(const std::string& rel, const std::string& text) const {
   std::ofstream(Make(rel), std::ios::binary) << text;
+}
+
+std::string ReadWholeFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
 }
 
 FakeClock::FakeClock() : m_prev(SetClockForTest(this)) {}

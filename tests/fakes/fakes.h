@@ -32,6 +32,9 @@ class TempRoot {
   bool m_hadRoot = false;
 };
 
+// The whole content of a file; empty when it cannot be read.
+std::string ReadWholeFile(const std::string& path);
+
 // A clock that moves only when told to or when something sleeps on it.
 class FakeClock : public IClock {
  public:
