@@ -52,6 +52,12 @@ struct UpgradeNotify_t {
   uint16_t length;   // length of path without terminator
   const char* path;  // full local path of the package
 };
+// It holds a pointer and never leaves the process, so its size follows the pointer size:
+// 8 bytes on the 32-bit recorder, 16 on a 64-bit build machine.
+static_assert(sizeof(void*) == 4 || sizeof(void*) == 8, "32- or 64-bit pointers");
+static_assert(offsetof(UpgradeNotify_t, length) == 2, "length offset");
+static_assert(offsetof(UpgradeNotify_t, path) == sizeof(void*), "path offset");
+static_assert(sizeof(UpgradeNotify_t) == 2 * sizeof(void*), "UpgradeNotify_t layout");
 
 // Bytes GetStatus writes for which; 0 for a status that cannot be read.
 size_t StatusRecordSize(STATUS_E which);

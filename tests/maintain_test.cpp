@@ -132,6 +132,20 @@ TEST_F(MaintainTest, JudgesDeviceTypeExpiryAndScope) {
   }
 }
 
+// A recorder whose time_t has 32 bits cannot hold dates from 2038-01-19 on; a list entry
+// valid until then is still wanted, and one of 2000 is still expired.
+TEST_F(MaintainTest, ExpiryDatesPastTheYear2038AreStillValid) {
+  FtpFileItem_t item = Item("a.sw", 1);
+  strcpy(item.ExpiryDate, "20991231-235959");
+  EXPECT_EQ(mng.IsNeedLoadFile(&item), 0);
+  strcpy(item.ExpiryDate, "20380119-031408");
+  EXPECT_EQ(mng.IsNeedLoadFile(&item), 0);
+  strcpy(item.ExpiryDate, "20000101-000000");
+  EXPECT_EQ(mng.IsNeedLoadFile(&item), -1);
+  EXPECT_EQ(log.Count("IsNeedLoadFile out of date: ExpiryDate = 20000101-000000"), 1);
+  EXPECT_EQ(log.Count("IsNeedLoadFile out of date"), 1);
+}
+
 TEST_F(MaintainTest, CommandTextsOfFetchDownloadAndCleaning) {
   UpgradeSet_t account = Account();
   mng.GetFileList(&account, "/tmp/work");
