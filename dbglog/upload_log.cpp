@@ -23,12 +23,13 @@ const char kLogNameFormat[] = "dbglog-%04d%02d%02d-%02d%02d%02d.log";
 const size_t kLogNameLength = 26;
 const int kMaxResults = 10;
 
-// A local time from six fields, the year given as year - 2000 (the expiry and the item's span).
-// Fields far outside any calendar give -1, a moment long past, instead of overflowing.
-time_t LocalTime2000(int year, int month, int day, int hour, int minute, int second) {
+// A local time from six fields, the year given as year - 2000 (the expiry and the item's span),
+// in 64 bits so that dates past 2038 hold where time_t has 32. Fields far outside any calendar,
+// or a time that cannot be computed, give -1, a moment long past.
+int64_t LocalTime2000(int year, int month, int day, int hour, int minute, int second) {
   const int fields[6] = {year, month, day, hour, minute, second};
   for (int v : fields) {
-    if (v < -100000 || v > 100000) return static_cast<time_t>(-1);
+    if (v < -100000 || v > 100000) return -1;
   }
   struct tm t;
   memset(&t, 0, sizeof(t));
@@ -38,11 +39,11 @@ time_t LocalTime2000(int year, int month, int day, int hour, int minute, int sec
   t.tm_hour = hour;
   t.tm_min = minute;
   t.tm_sec = second;
-  t.tm_isdst = -1;
-  return mktime(&t);
+  int64_t seconds = -1;
+  return LocalSeconds(t, &seconds) ? seconds : -1;
 }
 
-time_t SpanTime(const uint8_t* v) { return LocalTime2000(v[0], v[1], v[2], v[3], v[4], v[5]); }
+int64_t SpanTime(const uint8_t* v) { return LocalTime2000(v[0], v[1], v[2], v[3], v[4], v[5]); }
 
 // True for the four command types that have the disk-access tool write a report first.
 bool IsReportType(int type) { return type == 10 || type == 13 || type == 20 || type == 23; }
@@ -109,22 +110,14 @@ bool QuoteAccount(const UpgradeSet_t* settings, AccountWords* out) {
 // Sends dir/name as "<deviceNo>_<name>" unless its time lies outside (start, end).
 void UploadOne(const UpgradeSet_t* settings, const AccountWords* account, bool accountOk,
                long long deviceNo, const char* dir, const char* dirWord, const char* name,
-               time_t start, time_t end) {
+               int64_t start, int64_t end) {
   int f[6] = {0, 0, 0, 0, 0, 0};
   int parsed = sscanf(name, kLogNameFormat, &f[0], &f[1], &f[2], &f[3], &f[4], &f[5]);
   printf("FileRtc: %04d-%02d-%02d %02d:%02d:%02d\n", f[0], f[1], f[2], f[3], f[4], f[5]);
-  struct tm t;
-  memset(&t, 0, sizeof(t));
-  t.tm_year = f[0] - 1900;
-  t.tm_mon = f[1] - 1;
-  t.tm_mday = f[2];
-  t.tm_hour = f[3];
-  t.tm_min = f[4];
-  t.tm_sec = f[5];
-  t.tm_isdst = -1;
-  time_t when = mktime(&t);
   // A name whose time does not read completely has no time, so it is never in a span.
-  if (parsed != 6 || !(start < when && when < end)) return;
+  if (parsed != 6) return;
+  int64_t when = LocalTime2000(f[0] - 2000, f[1], f[2], f[3], f[4], f[5]);
+  if (!(start < when && when < end)) return;
 
   char nameWord[96];
   const char* refusal = nullptr;
@@ -216,8 +209,8 @@ int UploadDiskLog(UpgradeSet_t* settings, long long deviceNo, const char* diskPa
   }
   if (item->type == 1) return 0;
 
-  time_t start = SpanTime(item->start);
-  time_t end = SpanTime(item->end);
+  int64_t start = SpanTime(item->start);
+  int64_t end = SpanTime(item->end);
   char reportPath[256] = "";
   char reportWord[300] = "";
   bool reportMade = false;
@@ -281,8 +274,8 @@ int UploadLog(UpgradeSet_t* settings, const int32_t* expiry, LogCmdItem_t* item)
     WriteDbgLog(2, "UploadLog: no settings, expiry or command\n");
     return -1;
   }
-  time_t expires = LocalTime2000(expiry[0], expiry[1], expiry[2], expiry[3], expiry[4], expiry[5]);
-  if (expires < ClockTime()) {
+  int64_t expires = LocalTime2000(expiry[0], expiry[1], expiry[2], expiry[3], expiry[4], expiry[5]);
+  if (expires < static_cast<int64_t>(ClockTime())) {
     WriteDbgLog(2, "UploadLog out of date\n");
     return -1;
   }

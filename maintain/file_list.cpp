@@ -39,27 +39,10 @@ void ApplyAttribute(const TiXmlAttribute* a, FtpFileItem_t* item) {
   }
 }
 
-// Days from 1970-01-01 to the civil date year-month-day (proleptic Gregorian calendar, any
-// month and day: they carry over as mktime() carries them).
-int64_t DaysFromCivil(int64_t year, int64_t month, int64_t day) {
-  int64_t m0 = month - 1;
-  int64_t carry = m0 >= 0 ? m0 / 12 : -((11 - m0) / 12);
-  year += carry;
-  int64_t m = m0 - carry * 12 + 1;  // 1..12
-  year -= m <= 2 ? 1 : 0;
-  int64_t era = (year >= 0 ? year : year - 399) / 400;
-  int64_t yoe = year - era * 400;
-  int64_t doy = (153 * (m > 2 ? m - 3 : m + 9) + 2) / 5 + day - 1;
-  int64_t doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-  return era * 146097 + doe - 719468;
-}
-
 // The expiry time of an entry, in seconds since 1970-01-01 UTC. An expiry date that is
 // missing or not of the form 20YYMMDD-hhmmss counts as expired: an entry that cannot say how
-// long it is meant for is not acted on. A date that a 32-bit time_t cannot hold (from
-// 2038-01-19 on) still counts: it is taken in the UTC offset that local time has now, rather
-// than read as unreadable and so expired.
-bool ExpiryTime(const char* text, time_t now, int64_t* out, int f[6]) {
+// long it is meant for is not acted on.
+bool ExpiryTime(const char* text, int64_t* out, int f[6]) {
   if (sscanf(text, "20%02d%02d%02d-%02d%02d%02d", &f[0], &f[1], &f[2], &f[3], &f[4], &f[5]) != 6) {
     return false;
   }
@@ -70,18 +53,7 @@ bool ExpiryTime(const char* text, time_t now, int64_t* out, int f[6]) {
   tmv.tm_hour = f[3];
   tmv.tm_min = f[4];
   tmv.tm_sec = f[5];
-  tmv.tm_isdst = -1;
-  time_t t = mktime(&tmv);
-  if (t != static_cast<time_t>(-1)) {
-    *out = static_cast<int64_t>(t);
-    return true;
-  }
-  if (sizeof(time_t) >= sizeof(int64_t)) return false;
-  struct tm local = {};
-  if (localtime_r(&now, &local) == nullptr) return false;
-  int64_t days = DaysFromCivil(2000 + f[0], f[1], f[2]);
-  *out = days * 86400 + int64_t{f[3]} * 3600 + int64_t{f[4]} * 60 + f[5] - local.tm_gmtoff;
-  return true;
+  return LocalSeconds(tmv, out);
 }
 
 long long DeviceNumber() {
@@ -162,7 +134,7 @@ int CFtpMaintainMng::IsNeedLoadFile(const FtpFileItem_t* item) {
   int f[6] = {};
   int64_t expiry = 0;
   time_t now = ClockTime();
-  if (!ExpiryTime(item->ExpiryDate, now, &expiry, f) || expiry < static_cast<int64_t>(now)) {
+  if (!ExpiryTime(item->ExpiryDate, &expiry, f) || expiry < static_cast<int64_t>(now)) {
     WriteDbgLog(2,
                 "IsNeedLoadFile out of date: ExpiryDate = %s, %lld, %lld, (%d, %d, %d, %d, %d, %d)\n",
                 item->ExpiryDate, static_cast<long long>(now), static_cast<long long>(expiry), f[0],
