@@ -89,8 +89,9 @@ void CFtpCtrlMng::SwitchTasks(int fileType, unsigned int ctrType, int seq, const
       row.trans = static_cast<uint8_t>(ctrType);
     }
   }
-  db->DeleteBySeqAndType(seq, static_cast<unsigned char>(fileType));
-  db->InsertMore(rows);
+  // Deleted and written back with the new trans in one transaction, so that a power loss
+  // in between cannot lose the tasks.
+  db->ReplaceBySeqAndType(seq, static_cast<unsigned char>(fileType), rows);
 
   CAutoLock guard(&m_lock);
   for (ftpFileInfo_t& rec : m_taskList) {

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <list>
+#include <utility>
 
 #include "platform/ftpserver.h"
 
@@ -49,6 +50,9 @@ class CFile2FtpDbMng {
   int SearchAll(std::list<__ftp_log>& rows);
   int SearchBySeqAndType(int seq, unsigned char type, std::list<__ftp_log>& rows);
   int DeleteBySeqAndType(int seq, unsigned char type);
+  // DeleteBySeqAndType followed by InsertMore of rows, as one transaction: a crash in between
+  // cannot lose the tasks. Negative on failure (nothing changed then).
+  int ReplaceBySeqAndType(int seq, unsigned char type, std::list<__ftp_log>& rows);
   // Rows with seq and type in the database of the disk mounted at mountDir; 0 on failure.
   int SearchBySeqAndType(const char* mountDir, int seq, unsigned char type);
   // Deletes the rows whose fullpath equals fullPath from the database at mountDir.
@@ -56,6 +60,7 @@ class CFile2FtpDbMng {
 
  private:
   CFile2FtpDbMng();
+  int Rewrite(const std::pair<int, unsigned char>* key, std::list<__ftp_log>& rows);
 
  public:
   // The implementation's state; kept public only so that the flag's offset can be checked.

@@ -299,6 +299,21 @@ TEST_F(UploadControlTest, TransferControlChangesDatabaseListAndEngine) {
   mng.SetFtpTrans(1, 3, 41);  // unknown control: logged, nothing else
   EXPECT_EQ(log.Count("SetFtpTrans:361 filetype:1 ctrtype:3 seq:41"), 1);
   EXPECT_EQ(DbRows(sd1).size(), 2u);
+
+  // A rewrite that fails half-way (here the writing back is refused) keeps the old rows.
+  sqlite3* raw = nullptr;
+  ASSERT_EQ(sqlite3_open((sd1 + "/new_file_op.db").c_str(), &raw), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(raw,
+                         "CREATE TRIGGER refuse BEFORE INSERT ON ftp_log WHEN NEW.seq = 41 "
+                         "BEGIN SELECT RAISE(ABORT, 'refused'); END;",
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(raw);
+  mng.SetFtpTrans(1, 0, 41);
+  std::vector<DbRow> rows = DbRows(sd1);
+  ASSERT_EQ(rows.size(), 2u);
+  EXPECT_EQ(rows[0].fullpath, "/data/other");
+  EXPECT_EQ(rows[0].trans, 1);
 }
 
 TEST_F(UploadControlTest, EngineHandOverAndStatusEvent) {

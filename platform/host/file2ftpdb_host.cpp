@@ -201,6 +201,17 @@ int CFile2FtpDbMng::Insert(__ftp_log* row) {
 }
 
 int CFile2FtpDbMng::InsertMore(std::list<__ftp_log>& rows) {
+  return Rewrite(nullptr, rows);
+}
+
+int CFile2FtpDbMng::ReplaceBySeqAndType(int seq, unsigned char type, std::list<__ftp_log>& rows) {
+  const std::pair<int, unsigned char> key{seq, type};
+  return Rewrite(&key, rows);
+}
+
+// In one transaction: deletes the rows of *key (when given), then appends rows. A crash or a
+// power loss leaves either the old rows or the new ones, never neither.
+int CFile2FtpDbMng::Rewrite(const std::pair<int, unsigned char>* key, std::list<__ftp_log>& rows) {
   std::lock_guard<std::mutex> guard(m_pImpl->mutex);
   sqlite3* db = m_pImpl->db;
   if (db == nullptr) return -1;
@@ -211,11 +222,20 @@ int CFile2FtpDbMng::InsertMore(std::list<__ftp_log>& rows) {
     LogDbError(db, "begin", path);
     return -1;
   }
-  for (const __ftp_log& row : rows) {
-    if (!Exec(db, sql.c_str(), [&](sqlite3_stmt* st) { BindRow(st, row); }, nullptr, path)) {
-      sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
-      return -1;
-    }
+  bool ok = key == nullptr ||
+            Exec(db, "DELETE FROM ftp_log WHERE seq = ? AND type = ?",
+                 [&](sqlite3_stmt* st) {
+                   sqlite3_bind_int64(st, 1, static_cast<uint32_t>(key->first));
+                   sqlite3_bind_int(st, 2, key->second);
+                 },
+                 nullptr, path);
+  for (auto it = rows.begin(); ok && it != rows.end(); ++it) {
+    const __ftp_log& row = *it;
+    ok = Exec(db, sql.c_str(), [&](sqlite3_stmt* st) { BindRow(st, row); }, nullptr, path);
+  }
+  if (!ok) {
+    sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+    return -1;
   }
   if (sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) {
     LogDbError(db, "commit", path);
