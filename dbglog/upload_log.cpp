@@ -48,15 +48,6 @@ int64_t SpanTime(const uint8_t* v) { return LocalTime2000(v[0], v[1], v[2], v[3]
 // True for the four command types that have the disk-access tool write a report first.
 bool IsReportType(int type) { return type == 10 || type == 13 || type == 20 || type == 23; }
 
-long long DeviceNumber() {
-  JTBaseSet_t base;
-  memset(&base, 0, sizeof(base));
-  CConfig::Instance()->GetConfig(&base, nullptr);
-  char text[sizeof(base.deviceNo) + 1];
-  CopyField(text, sizeof(text), base.deviceNo, sizeof(base.deviceNo));
-  return strtoll(text, nullptr, 10);
-}
-
 // Reads one range "lo~hi" at text like "%lld~%lld": a bound that does not parse stays 0.
 // Unlike sscanf, an out-of-range number saturates instead of being undefined.
 void ParseRange(const char* text, long long* lo, long long* hi) {
@@ -279,7 +270,7 @@ int UploadLog(UpgradeSet_t* settings, const int32_t* expiry, LogCmdItem_t* item)
     WriteDbgLog(2, "UploadLog out of date\n");
     return -1;
   }
-  long long deviceNo = DeviceNumber();
+  long long deviceNo = ConfigDeviceNumber();
   if (item->scope == nullptr || item->scope[0] == '\0' || !InScope(item->scope, deviceNo)) {
     WriteDbgLog(2, "UploadLog not in scope\n");
     return -1;

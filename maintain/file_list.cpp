@@ -56,14 +56,6 @@ bool ExpiryTime(const char* text, int64_t* out, int f[6]) {
   return LocalSeconds(tmv, out);
 }
 
-long long DeviceNumber() {
-  JTBaseSet_t base;
-  CConfig::Instance()->GetConfig(&base, nullptr);
-  char text[sizeof(base.deviceNo) + 1] = {};
-  memcpy(text, base.deviceNo, sizeof(base.deviceNo));
-  return strtoll(text, nullptr, 10);
-}
-
 }  // namespace
 
 int CFtpMaintainMng::GetFileList(const UpgradeSet_t* account, const char* dir) {
@@ -141,7 +133,7 @@ int CFtpMaintainMng::IsNeedLoadFile(const FtpFileItem_t* item) {
                 f[1], f[2], f[3], f[4], f[5]);
     return -1;
   }
-  long long deviceNo = DeviceNumber();
+  long long deviceNo = ConfigDeviceNumber();
   if (item->Scope[0] == '\0') {
     puts("IsNeedLoadFile is TRUE");
     return 0;

@@ -3,6 +3,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
 
 // Configuration types, one file each (see the configuration file table in docs/FORMATS.md).
 enum PARAM_TYPE_E {
@@ -69,3 +71,13 @@ class CConfig {
 
 // The package-name prefix of this recorder model, into a buffer of 32 bytes. 0 or -1.
 int GetUpgradeFilePrefix(char* out);
+
+// This recorder's device number: the decimal text of JTBaseSet_t.deviceNo, read with strtoll
+// base 10 (0 when the configuration is missing or holds no number).
+inline long long ConfigDeviceNumber() {
+  JTBaseSet_t base;
+  CConfig::Instance()->GetConfig(&base, nullptr);  // zeroed on failure
+  char text[sizeof(base.deviceNo) + 1] = {};
+  memcpy(text, base.deviceNo, sizeof(base.deviceNo));
+  return strtoll(text, nullptr, 10);
+}

@@ -51,11 +51,6 @@ bool Check(const std::string& tar, std::string* why) {
 
 class CommandFilesTest : public ::testing::Test {
  protected:
-  static std::vector<std::string> Commands(const FakeShell& shell) {
-    std::vector<std::string> out;
-    for (auto& c : shell.Commands()) out.push_back(c.first + " @" + std::to_string(c.second));
-    return out;
-  }
   TempRoot root;
   FakeClock clock;
   FakeStatus status;
@@ -119,7 +114,7 @@ TEST_F(CommandFilesTest, UserCommandsRunInOrderWithTheDiskWideFollowUpsOfExactTe
       "rm -rf " + r + "/mnt/sd1/REC-ALARM/*;rm -rf " + r + "/mnt/sd2/REC-ALARM/* @100",
       std::string(127, 'x') + " @-1",
   };
-  EXPECT_EQ(Commands(shell), want);
+  EXPECT_EQ(shell.Lines(), want);
   EXPECT_EQ(log.Count("CmdCount: 4"), 1);
   EXPECT_EQ(log.Count("Cmd: rm -rf *.db, 1~5"), 1);
 
@@ -127,7 +122,7 @@ TEST_F(CommandFilesTest, UserCommandsRunInOrderWithTheDiskWideFollowUpsOfExactTe
   EXPECT_EQ(mng.HandleUsrDefineCmd((root.path() + "/bad.xml").c_str()), -1);
   EXPECT_EQ(mng.HandleLogCmd((root.path() + "/bad.xml").c_str()), -1);
   EXPECT_EQ(log.Count("LoadFile " + root.path() + "/bad.xml Failed"), 2);
-  EXPECT_EQ(Commands(shell).size(), want.size());
+  EXPECT_EQ(shell.Lines().size(), want.size());
 
   // On the device (no sandbox root) the follow-up is the disks' own paths.
   std::string follow;

@@ -66,11 +66,6 @@ class DbgLogTest : public ::testing::Test {
     Fields(expiresIn, expiry);
     return UploadLog(&settings, expiry, &item);
   }
-  std::vector<std::string> Commands() {
-    std::vector<std::string> out;
-    for (auto& c : shell.Commands()) out.push_back(c.first + " @" + std::to_string(c.second));
-    return out;
-  }
   std::string Put(int disk, const std::string& name) {
     root.Write("/mnt/sd" + std::to_string(disk) + "/debug/" + name, "log\n");
     return name;
@@ -119,7 +114,7 @@ TEST_F(DbgLogTest, ScopeAndExpiryDecideWhetherTheCommandRuns) {
   scope = "";
   EXPECT_EQ(Run(Item(5, -60, 60)), -1);
   EXPECT_EQ(log.Count("UploadLog not in scope"), 4);
-  EXPECT_TRUE(Commands().empty());
+  EXPECT_TRUE(shell.Lines().empty());
   EXPECT_FALSE(AccountCleared());
 }
 
@@ -137,7 +132,7 @@ TEST_F(DbgLogTest, UploadsLogsStrictlyInsideTheSpanDiskByDiskThenClearsTheAccoun
   std::sort(want.begin(), want.begin() + 3);
   std::sort(want.begin() + 3, want.end());
   EXPECT_EQ(Run(Item(5, -30, 30)), 0);
-  EXPECT_EQ(Commands(), want);
+  EXPECT_EQ(shell.Lines(), want);
   EXPECT_TRUE(AccountCleared());
   EXPECT_EQ(clock.sleptUs(), 2000000u);
 
@@ -147,7 +142,7 @@ TEST_F(DbgLogTest, UploadsLogsStrictlyInsideTheSpanDiskByDiskThenClearsTheAccoun
   EXPECT_EQ(UploadDiskLog(&settings, 350, Disk(1).c_str(), &late), 5);
   EXPECT_EQ(UploadDiskLog(&settings, 350, Disk(3).c_str(), &late), -1);
   EXPECT_EQ(Run(late), 0);
-  EXPECT_EQ(Commands().size(), 6u);
+  EXPECT_EQ(shell.Lines().size(), 6u);
   EXPECT_TRUE(AccountCleared());
   // No debug logs on any disk: the account stays.
   SetDisks({Disk(3)});
@@ -160,7 +155,7 @@ TEST_F(DbgLogTest, ReportTypeHasTheToolWriteAReportThatIsSentAndRemoved) {
   const std::string name = Put(1, LogName(0));  // the report, as the tool would leave it
   const std::string report = Disk(1) + "/debug/" + name;
   EXPECT_EQ(Run(Item(23, -60, 60)), 0);
-  EXPECT_EQ(Commands(), (std::vector<std::string>{
+  EXPECT_EQ(shell.Lines(), (std::vector<std::string>{
                             root.path() + "/app/diskaccess  /dev/sda2 p 3 >" + report + " @-1",
                             Ftpput(name, Disk(1)), "rm " + report + " @60"}));
   EXPECT_EQ(clock.sleptUs(), 2500000u);  // 2 s for the tool, one 500 ms size check
@@ -178,7 +173,7 @@ TEST_F(DbgLogTest, HostileValuesReachTheShellOnlyQuoted) {
   const LogCmdItem_t item = Item(5, -365 * 86400, 60);
   EXPECT_EQ(Run(item), 0);
   const std::string head = "ftpput -u 'x; rm -rf /' -p pw -P 21 10.1.1.1 350_";
-  EXPECT_EQ(Commands(), (std::vector<std::string>{head + "'dbglog-2023 1 1-120000.log' '" + disk +
+  EXPECT_EQ(shell.Lines(), (std::vector<std::string>{head + "'dbglog-2023 1 1-120000.log' '" + disk +
                                                       "/debug'/'dbglog-2023 1 1-120000.log' @600",
                                                   head + "dbglog-20230601-000000.log '" + disk +
                                                       "/debug'/dbglog-20230601-000000.log @600"}));
@@ -186,7 +181,7 @@ TEST_F(DbgLogTest, HostileValuesReachTheShellOnlyQuoted) {
 
   EXPECT_TRUE(AccountCleared());
   EXPECT_EQ(Run(item), 0);
-  EXPECT_EQ(Commands().size(), 2u);
+  EXPECT_EQ(shell.Lines().size(), 2u);
   EXPECT_EQ(log.Count("not sent: user, password or host unusable"), 3);
 }
 

@@ -58,11 +58,6 @@ class MaintainCycleTest : public ::testing::Test {
     return "<FILE filetype=\"" + std::to_string(type) + "\" filesize=\"" + std::to_string(size) +
            "\" devtype=\"3\" expirydate=\"20991231-235959\">" + name + "</FILE>";
   }
-  int RunCount(const std::string& part) {
-    int n = 0;
-    for (auto& c : shell.Commands()) n += c.first.find(part) != std::string::npos;
-    return n;
-  }
 
   TempRoot root;
   FakeClock clock;
@@ -82,7 +77,7 @@ TEST_F(MaintainCycleTest, PeriodicCycleFollowsTheStateTableAndItsIntervals) {
   EXPECT_EQ(PassesUntilStateChanges(), 7);  // 0 -> 1
   EXPECT_EQ(mng.m_pData->state, 1);
   EXPECT_EQ(PassesUntilStateChanges(), 6);  // 1 -> 2, FileList.xml fetched
-  EXPECT_EQ(RunCount("FileList.xml"), 1);
+  EXPECT_EQ(shell.Count("FileList.xml"), 1);
   // No list arrived: back to fetching, 60 s later (61 passes: more than 60 s).
   EXPECT_EQ(PassesUntilStateChanges(), 6);
   EXPECT_EQ(mng.m_pData->state, 1);
@@ -107,16 +102,16 @@ TEST_F(MaintainCycleTest, PeriodicCycleFollowsTheStateTableAndItsIntervals) {
   EXPECT_EQ(PassesUntilStateChanges(), 6);   // 4 -> 3, next entry
   EXPECT_EQ(mng.m_pData->fileList.pItems[0].Status, FILE_STATUS_DONE);
   EXPECT_EQ(mng.m_pData->fileList.pItems[0].ErrTimes, 2);
-  EXPECT_EQ(RunCount("touch /nonexistent/marker"), 1);  // handed to the user-command handler
+  EXPECT_EQ(shell.Count("touch /nonexistent/marker"), 1);  // handed to the user-command handler
   EXPECT_EQ(mng.m_pData->fileList.index, 1);
 
   // An unknown file type is never downloaded and fails its check three times.
-  int downloadsBefore = RunCount("ftpget");
+  int downloadsBefore = shell.Count("ftpget");
   for (int check = 1; check <= 3; ++check) {
     EXPECT_EQ(PassesUntilStateChanges(), check == 1 ? 6 : 61);
     EXPECT_EQ(PassesUntilStateChanges(), 6);
   }
-  EXPECT_EQ(RunCount("ftpget"), downloadsBefore);
+  EXPECT_EQ(shell.Count("ftpget"), downloadsBefore);
   EXPECT_EQ(mng.m_pData->fileList.pItems[1].Status, FILE_STATUS_FAIL);
   EXPECT_EQ(mng.m_pData->state, 5);
   // The finish step rests 900 s; the next pass starts over (state 0 moves on to 1).
@@ -176,7 +171,7 @@ TEST_F(MaintainCycleTest, OnlineListSettlesEntriesAndStartsOverAfterItIsFinished
 
   mng.OnlineFtpProc();
   EXPECT_EQ(online.pItems[0].Status, FILE_STATUS_DONE);
-  EXPECT_EQ(RunCount("true online"), 1);
+  EXPECT_EQ(shell.Count("true online"), 1);
   for (int i = 0; i < 3; ++i) mng.OnlineFtpProc();  // missing: retried on each pass
   EXPECT_EQ(online.pItems[1].Status, FILE_STATUS_FAIL);
   EXPECT_EQ(online.pItems[1].ErrTimes, 3);
@@ -195,7 +190,7 @@ TEST_F(MaintainCycleTest, OnlineListSettlesEntriesAndStartsOverAfterItIsFinished
   EXPECT_EQ(online.count, 4);
   EXPECT_EQ(online.index, 0);
   mng.OnlineFtpProc();
-  EXPECT_EQ(RunCount("true online"), 2);
+  EXPECT_EQ(shell.Count("true online"), 2);
 }
 
 TEST_F(MaintainCycleTest, RemoteCommandMarkersTakeTheFirstInOrder) {
@@ -209,11 +204,11 @@ TEST_F(MaintainCycleTest, RemoteCommandMarkersTakeTheFirstInOrder) {
   for (const char* f : {"/in/both.xml", "/in/usr.xml", "/in/none.xml", "/in/absent.xml"}) {
     EXPECT_EQ(mng.HandleRemoteCmd((root.path() + f).c_str()), 0);
   }
-  EXPECT_EQ(RunCount("should-not-run"), 0);
+  EXPECT_EQ(shell.Count("should-not-run"), 0);
   EXPECT_EQ(log.Count("Cmd: 1, 0~999"), 1);  // handled as a log command
-  EXPECT_EQ(RunCount("true user"), 1);
+  EXPECT_EQ(shell.Count("true user"), 1);
   EXPECT_EQ(log.Count("Cmd: true user, all"), 1);
-  EXPECT_EQ(RunCount("true nothing"), 0);
+  EXPECT_EQ(shell.Count("true nothing"), 0);
   EXPECT_EQ(log.Count("HandleRemoteCmd, "), 2);
 }
 

@@ -51,11 +51,6 @@ class MaintainTest : public ::testing::Test {
     strcpy(a.password, "pw");
     return a;
   }
-  std::vector<std::string> Commands() {
-    std::vector<std::string> out;
-    for (auto& c : shell.Commands()) out.push_back(c.first + " @" + std::to_string(c.second));
-    return out;
-  }
 
   TempRoot root;
   FakeClock clock;
@@ -152,7 +147,7 @@ TEST_F(MaintainTest, CommandTextsOfFetchDownloadAndCleaning) {
   FtpFileItem_t cfg = Item("config.tar", 5);
   EXPECT_EQ(mng.LoadConfigFile(&cfg, &account, "/tmp/work"), 0);
   std::string tmp = root.path() + "/tmp";
-  EXPECT_EQ(Commands(), (std::vector<std::string>{
+  EXPECT_EQ(shell.Lines(), (std::vector<std::string>{
                             "ftpget -u maint -p pw -P 21 10.1.1.1 /tmp/work/FileList.xml FileList.xml @600",
                             "rm /mnt/sd1/*.tar @5", "rm /mnt/sd2/*.tar @5", "rm " + tmp + "/*.tar @5",
                             "ftpget -u maint -p pw -P 21 10.1.1.1 /tmp/work/tmp_ftp_load.bin config.tar @600",
@@ -165,7 +160,7 @@ TEST_F(MaintainTest, CommandTextsOfFetchDownloadAndCleaning) {
   FtpFileItem_t mcu = Item("mcu_V1.3.crc", 4);
   EXPECT_EQ(mng.LoadMcuFile(&mcu, &account, "/d"), 0);
   EXPECT_EQ(log.Count("LoadMcuFile\xc3\xbb\xd3\xd0\xd5\xd2\xb5\xbd\xb4\xc5\xc5\xcc"), 1);
-  EXPECT_EQ(Commands()[6], "rm " + tmp + "/*.crc @5");  // /tmp is cleaned anyway
+  EXPECT_EQ(shell.Lines()[6], "rm " + tmp + "/*.crc @5");  // /tmp is cleaned anyway
 }
 
 TEST_F(MaintainTest, VersionSkipsAndUpgradeAnnouncement) {

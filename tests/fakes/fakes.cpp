@@ -235,3 +235,15 @@ std::vector<std::pair<std::string, int>> FakeShell::Commands() const {
   std::lock_guard<std::mutex> g(m_mutex);
   return m_commands;
 }
+
+std::vector<std::string> FakeShell::Lines() const {
+  std::vector<std::string> out;
+  for (auto& c : Commands()) out.push_back(c.first + " @" + std::to_string(c.second));
+  return out;
+}
+
+int FakeShell::Count(const std::string& part) const {
+  int n = 0;
+  for (auto& c : Commands()) n += c.first.find(part) != std::string::npos;
+  return n;
+}

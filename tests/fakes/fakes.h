@@ -139,6 +139,10 @@ class FakeShell : public IShellRunner {
   int RunLimited(const char* command, int seconds) override;
   int RunUnlimited(const char* command) override;
   std::vector<std::pair<std::string, int>> Commands() const;  // (command, limit; -1 none)
+  // The same as "command @limit", one text each, for comparing whole sequences.
+  std::vector<std::string> Lines() const;
+  // Number of command lines that contain part.
+  int Count(const std::string& part) const;
   int result = 0;
   // Called with every command line after it is recorded, to play a command's effect (a
   // download that lands a file). Set before the code under test runs.
