@@ -5,7 +5,6 @@
 // under m_lock; shell commands (downloads, command files) run without it. A step remembers
 // m_nEpoch when it starts and drops its outcome if FtpConnectTo replaced the account and the
 // lists meanwhile.
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>

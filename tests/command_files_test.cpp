@@ -12,11 +12,10 @@
 
 #include "maintain/command_files.h"
 #include "maintain/ftp_maintain_mng.h"
+#include "tests/maintain_fixture.h"
 #include "tests/fakes/fakes.h"
 
 namespace {
-
-class TestMaintMng : public CFtpMaintainMng {};
 
 // A tar archive built member by member, so that a test can write what no tar tool would.
 class TarBuilder {
@@ -49,14 +48,7 @@ bool Check(const std::string& tar, std::string* why) {
   return CheckConfigArchive(reinterpret_cast<const uint8_t*>(tar.data()), tar.size(), why);
 }
 
-class CommandFilesTest : public ::testing::Test {
- protected:
-  TempRoot root;
-  FakeClock clock;
-  FakeStatus status;
-  LogCapture log;
-  TestMaintMng mng;
-};
+using CommandFilesTest = MaintainFixture;
 
 TEST(LogCmdParseTest, DatetimeBytesWhateverTheAttributeOrder) {
   TiXmlDocument doc;
@@ -138,7 +130,6 @@ TEST_F(CommandFilesTest, UserCommandsRunInOrderWithTheDiskWideFollowUpsOfExactTe
 
 TEST_F(CommandFilesTest, LogCommandClearsTheManagersCredentialsEvenWithoutLogsInTheSpan) {
   FakeShell shell;
-  root.Write("/etc/velmar/config/jtbase.xml", "<jtbase deviceNo=\"150\"/>");
   root.Write("/mnt/sd1/debug/dbglog-20200101-000000.log", "old");
   {
     std::lock_guard<std::mutex> g(status.mutex);
@@ -186,7 +177,7 @@ TEST_F(CommandFilesTest, ConfigArchiveAppliesKnownFilesByExactName) {
   EXPECT_EQ(log.Count("Unknown Config File: notes.txt"), 1);
   EXPECT_EQ(log.Count("Unknown Config File: Wifi.xml"), 1);
   EXPECT_EQ(log.Count("Unknown Config File: jtbase.XML"), 1);
-  EXPECT_NE(access((root.path() + "/etc/velmar/config/jtbase.xml").c_str(), F_OK), 0);
+  EXPECT_EQ(ReadWholeFile(root.path() + "/etc/velmar/config/jtbase.xml"), "<jtbase deviceNo=\"150\"/>");
   EXPECT_NE(access((root.path() + "/tmp/config").c_str(), F_OK), 0);  // removed after import
   EXPECT_EQ(access(archive.c_str(), F_OK), 0);                        // the archive stays
 
@@ -228,7 +219,6 @@ TEST_F(CommandFilesTest, HostileArchivesAreRefusedBeforeAnythingIsUnpacked) {
 
   // Through the handler with the real shell and tar: nothing lands outside, nothing applied.
   const std::string outside = root.path() + "/outside";
-  root.Write("/etc/velmar/config/jtbase.xml", "<jtbase deviceNo=\"150\"/>");
   const std::string archive = root.path() + "/dl/evil.tar";
   root.Write("/dl/evil.tar",
              TarBuilder()

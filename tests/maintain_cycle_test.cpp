@@ -7,27 +7,18 @@
 #include <string>
 
 #include "maintain/ftp_maintain_mng.h"
+#include "tests/maintain_fixture.h"
 #include "tests/fakes/fakes.h"
 
 namespace {
 
-class TestMaintMng : public CFtpMaintainMng {};
-
-class MaintainCycleTest : public ::testing::Test {
+class MaintainCycleTest : public MaintainFixture {
  protected:
   MaintainCycleTest() {
     dir = root.Make("/mnt/sd1/x");
     dir = dir.substr(0, dir.rfind('/'));
-    root.Write("/etc/velmar/config/jtbase.xml", "<jtbase deviceNo=\"150\"/>");
-    {
-      std::lock_guard<std::mutex> g(status.mutex);
-      status.deviceType = 3;
-    }
     CAutoLock guard(&mng.m_lock);
-    strcpy(mng.m_pData->upgradeSet.host, "127.0.0.1");
-    mng.m_pData->upgradeSet.port = 21;
-    strcpy(mng.m_pData->upgradeSet.user, "maint");
-    strcpy(mng.m_pData->upgradeSet.password, "pw");
+    mng.m_pData->upgradeSet = Account();
     strcpy(mng.m_pData->fileList.dir, dir.c_str());
     mng.m_lastStepTime = clock.WallSeconds();
     // A download lands its file when the loader moves it into place, if the test says so.
@@ -59,12 +50,7 @@ class MaintainCycleTest : public ::testing::Test {
            "\" devtype=\"3\" expirydate=\"20991231-235959\">" + name + "</FILE>";
   }
 
-  TempRoot root;
-  FakeClock clock;
-  FakeStatus status;
   FakeShell shell;
-  LogCapture log;
-  TestMaintMng mng;
   std::string dir;
   int interval = 5;
   std::map<std::string, std::string> served;  // file name -> content a download lands

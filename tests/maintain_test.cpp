@@ -6,21 +6,18 @@
 #include <string>
 
 #include "maintain/ftp_maintain_mng.h"
+#include "tests/maintain_fixture.h"
 #include "maintain/shell_values.h"
 #include "tests/fakes/fakes.h"
 
 namespace {
 
-class TestMaintMng : public CFtpMaintainMng {};
-
-class MaintainTest : public ::testing::Test {
+class MaintainTest : public MaintainFixture {
  protected:
   MaintainTest() {
-    root.Write("/etc/velmar/config/jtbase.xml", "<jtbase deviceNo=\"150\"/>");
     root.Write("/etc/velmar/version.xml",
                "<version prefix=\"VLM\" v1=\"1\" v2=\"2\" v3=\"3\" v4=\"4\"/>");
     std::lock_guard<std::mutex> g(status.mutex);
-    status.deviceType = 3;
     status.mcuVersion = "V1.2";
     status.mounts[DISK_USAGE_UPLOAD] = {FakeStatus::Entry(1, "/mnt/sd1"),
                                         FakeStatus::Entry(6, "/mnt/sd2")};
@@ -43,21 +40,8 @@ class MaintainTest : public ::testing::Test {
     strcpy(item.FileName, name.c_str());
     return item;
   }
-  UpgradeSet_t Account() {
-    UpgradeSet_t a{};
-    strcpy(a.host, "10.1.1.1");
-    a.port = 21;
-    strcpy(a.user, "maint");
-    strcpy(a.password, "pw");
-    return a;
-  }
 
-  TempRoot root;
-  FakeClock clock;
-  FakeStatus status;
   FakeShell shell;
-  LogCapture log;
-  TestMaintMng mng;
 };
 
 TEST_F(MaintainTest, ParsesEntriesBySubstringAndAppends) {

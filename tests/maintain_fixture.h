@@ -1,0 +1,38 @@
+// The maintenance manager on in-memory fakes, shared by the maintenance tests: a recorder of
+// device type 3 with device number 150.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <mutex>
+
+#include "maintain/ftp_maintain_mng.h"
+#include "tests/fakes/fakes.h"
+
+// A fresh manager per test; the service itself uses the singleton.
+class TestMaintMng : public CFtpMaintainMng {};
+
+class MaintainFixture : public ::testing::Test {
+ protected:
+  MaintainFixture() {
+    root.Write("/etc/velmar/config/jtbase.xml", "<jtbase deviceNo=\"150\"/>");
+    std::lock_guard<std::mutex> g(status.mutex);
+    status.deviceType = 3;
+  }
+  // The maintenance account the tests log in with.
+  static UpgradeSet_t Account() {
+    UpgradeSet_t a{};
+    strcpy(a.host, "10.1.1.1");
+    a.port = 21;
+    strcpy(a.user, "maint");
+    strcpy(a.password, "pw");
+    return a;
+  }
+
+  TempRoot root;
+  FakeClock clock;
+  FakeStatus status;
+  LogCapture log;
+  TestMaintMng mng;
+};
