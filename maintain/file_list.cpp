@@ -115,6 +115,13 @@ int CFtpMaintainMng::HandleFileDownloadCmd(const char* path) {
 }
 
 int CFtpMaintainMng::IsNeedLoadFile(const FtpFileItem_t* item) {
+  // A name that could run something or land outside the list's directory is never meant for
+  // this recorder, whichever list it came in.
+  if (!IsSafeFileName(item->FileName)) {
+    WriteDbgLog(2, "IsNeedLoadFile: refused file name \"%s\": not a plain file name\n",
+                item->FileName);
+    return -1;
+  }
   uint8_t device[kStatusDeviceSize] = {};
   GetStatus(STATUS_DEVICE, device);
   int32_t localType = static_cast<int32_t>(LoadLE32(device));

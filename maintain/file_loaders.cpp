@@ -164,10 +164,7 @@ int CFtpMaintainMng::LoadFtpFile(int mode) {
     return 0;
   }
   int32_t status = item.Status;
-  if (!IsSafeFileName(item.FileName)) {
-    WriteDbgLog(2, "LoadFtpFile: refused file name \"%s\": not a plain file name\n", item.FileName);
-    status = FILE_STATUS_SKIP;
-  } else if (IsNeedLoadFile(&item) != 0) {
+  if (IsNeedLoadFile(&item) != 0) {
     status = FILE_STATUS_SKIP;
   } else {
     WriteDbgLog(0, "Get pFtpFile->FileType=%d\n", item.FileType);

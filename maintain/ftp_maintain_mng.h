@@ -65,7 +65,8 @@ class CFtpMaintainMng {
   int ParseFileList(const char* path, FtpFileList_t* list);
   // Parses a FileDownloadCmd file into the online list.
   int HandleFileDownloadCmd(const char* path);
-  // 0 when this recorder needs the entry, -1 when not.
+  // 0 when this recorder needs the entry, -1 when not (also for a file name that is not one
+  // plain name: see IsSafeFileName).
   int IsNeedLoadFile(const FtpFileItem_t* item);
 
   // Mode 0 fetches the file list, mode 1 loads the periodic list's current entry.

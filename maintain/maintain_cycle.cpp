@@ -12,7 +12,6 @@
 #include <cstring>
 
 #include "maintain/ftp_maintain_mng.h"
-#include "maintain/shell_values.h"
 #include "platform/clock.h"
 #include "platform/config.h"
 #include "platform/fileutil.h"
@@ -293,11 +292,6 @@ void CFtpMaintainMng::OnlineFtpProc() {
     return true;
   };
 
-  if (!IsSafeFileName(item.FileName)) {
-    WriteDbgLog(2, "OnlineFtpProc: refused file name \"%s\": not a plain file name\n", item.FileName);
-    settle(FILE_STATUS_SKIP, item.ErrTimes, true);
-    return;
-  }
   if (IsNeedLoadFile(&item) != 0) {
     settle(FILE_STATUS_SKIP, item.ErrTimes, true);
     return;

@@ -146,14 +146,14 @@ TEST_F(MaintainCycleTest, OnlineListSettlesEntriesAndStartsOverAfterItIsFinished
   const std::string usrCmd = "<UsrDefineCmd><CMDITEM>true online</CMDITEM></UsrDefineCmd>";
   root.Write("/in/dl.xml", "<FileDownloadCmd>" + Entry("u1.xml", 3, usrCmd.size()) +
                                Entry("missing.xml", 3, 5) + Entry("short.xml", 3, 500) +
-                               "<FILE filetype=\"3\" devtype=\"9\" expirydate=\"20991231-235959\">other.xml</FILE>"
-                               "</FileDownloadCmd>");
+                               "<FILE filetype=\"3\" devtype=\"9\" expirydate=\"20991231-235959\">other.xml</FILE>" +
+                               Entry("x;reboot.xml", 3, 5) + "</FileDownloadCmd>");
   served["u1.xml"] = usrCmd;
   served["short.xml"] = "too short";
   std::string list = root.path() + "/in/dl.xml";
   EXPECT_EQ(mng.HandleRemoteCmd(list.c_str()), 0);
   FtpFileList_t& online = mng.m_pData->onlineList;
-  ASSERT_EQ(online.count, 4);
+  ASSERT_EQ(online.count, 5);
 
   mng.OnlineFtpProc();
   EXPECT_EQ(online.pItems[0].Status, FILE_STATUS_DONE);
@@ -167,13 +167,18 @@ TEST_F(MaintainCycleTest, OnlineListSettlesEntriesAndStartsOverAfterItIsFinished
   EXPECT_EQ(log.Count("22 OnlineFtpProc ErrTimes = 3"), 1);
   mng.OnlineFtpProc();  // another device type: not needed
   EXPECT_EQ(online.pItems[3].Status, FILE_STATUS_SKIP);
-  EXPECT_EQ(online.index, 4);
+  int before = shell.Count("");
+  mng.OnlineFtpProc();  // a name a shell would act on: refused, nothing runs
+  EXPECT_EQ(online.pItems[4].Status, FILE_STATUS_SKIP);
+  EXPECT_EQ(shell.Count(""), before);
+  EXPECT_EQ(log.Count("refused file name \"x;reboot.xml\""), 1);
+  EXPECT_EQ(online.index, 5);
 
   mng.OnlineFtpProc();  // finished: freed
   EXPECT_EQ(online.count, 0);
   EXPECT_EQ(online.pItems, nullptr);
   EXPECT_EQ(mng.HandleRemoteCmd(list.c_str()), 0);
-  EXPECT_EQ(online.count, 4);
+  EXPECT_EQ(online.count, 5);
   EXPECT_EQ(online.index, 0);
   mng.OnlineFtpProc();
   EXPECT_EQ(shell.Count("true online"), 2);
