@@ -70,7 +70,10 @@ void CFtpCtrlMng::CheckDiskState(uint32_t seconds) {
     auto it = m_diskMap.find(slot);
     if (it != m_diskMap.end()) {
       if (!present) {
-        m_diskMap.erase(it);  // the disk is gone; its tasks stay queued
+        // The disk is gone; its tasks stay queued. An open table may be on it, and a card
+        // put back at the same mount would otherwise be written through the old handle.
+        m_diskMap.erase(it);
+        CFile2FtpDbMng::Instance()->m_bTabOpen = 0;
         continue;
       }
       // Compared as stored (cut to 63 characters), so a long mount path is not reloaded on

@@ -61,6 +61,7 @@ class CFile2FtpDbMng {
  private:
   CFile2FtpDbMng();
   int Rewrite(const std::pair<int, unsigned char>* key, std::list<__ftp_log>& rows);
+  void DropTable();
 
  public:
   // The implementation's state; kept public only so that the flag's offset can be checked.

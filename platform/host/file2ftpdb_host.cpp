@@ -134,6 +134,20 @@ void ReadRow(sqlite3_stmt* st, __ftp_log* row) {
   }
 }
 
+// True when the last failure on db means the medium or the file under the open table is
+// broken (card pulled, I/O error, file replaced); such a handle is of no further use.
+bool MediumFailed(sqlite3* db) {
+  switch (sqlite3_errcode(db)) {
+    case SQLITE_IOERR:
+    case SQLITE_CORRUPT:
+    case SQLITE_NOTADB:
+    case SQLITE_CANTOPEN:
+      return true;
+    default:
+      return false;
+  }
+}
+
 // Runs a statement to completion; SQLITE_DONE or SQLITE_ROW count as success.
 bool Exec(sqlite3* db, const char* sql, const std::function<void(sqlite3_stmt*)>& bind,
           const std::function<void(sqlite3_stmt*)>& onRow, const std::string& path) {
@@ -220,6 +234,7 @@ int CFile2FtpDbMng::Rewrite(const std::pair<int, unsigned char>* key, std::list<
                     ") VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
   if (sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK) {
     LogDbError(db, "begin", path);
+    if (MediumFailed(db)) DropTable();
     return -1;
   }
   bool ok = key == nullptr ||
@@ -233,16 +248,24 @@ int CFile2FtpDbMng::Rewrite(const std::pair<int, unsigned char>* key, std::list<
     const __ftp_log& row = *it;
     ok = Exec(db, sql.c_str(), [&](sqlite3_stmt* st) { BindRow(st, row); }, nullptr, path);
   }
-  if (!ok) {
-    sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
-    return -1;
-  }
-  if (sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) {
+  if (ok && sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) {
     LogDbError(db, "commit", path);
+    ok = false;
+  }
+  if (!ok) {
+    bool broken = MediumFailed(db);
     sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+    if (broken) DropTable();
     return -1;
   }
   return 0;
+}
+
+// Closes a table whose medium failed, so that the next user reopens it. Called with the
+// mutex held.
+void CFile2FtpDbMng::DropTable() {
+  m_pImpl->Close();
+  m_bTabOpen = 0;
 }
 
 int CFile2FtpDbMng::SearchAll(std::list<__ftp_log>& rows) {
@@ -256,6 +279,7 @@ int CFile2FtpDbMng::SearchAll(std::list<__ftp_log>& rows) {
                    rows.push_back(row);
                  },
                  m_pImpl->path);
+  if (!ok && MediumFailed(m_pImpl->db)) DropTable();
   return ok ? 0 : -1;
 }
 
