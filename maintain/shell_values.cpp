@@ -7,7 +7,7 @@ namespace {
 
 bool IsPlain(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-         strchr("._+-@~=,/:%", c) != nullptr;
+         strchr("._+-@=,/:%", c) != nullptr;
 }
 
 }  // namespace
@@ -18,7 +18,7 @@ bool IsSafeFileName(const char* name) {
   for (const char* p = name; *p != '\0'; ++p) {
     char c = *p;
     bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-              strchr("._+-@~=,", c) != nullptr;
+              strchr("._+-@=,", c) != nullptr;
     if (!ok) return false;
   }
   return true;

@@ -57,7 +57,8 @@ static_assert(offsetof(JTBaseSet_t, deviceNo) == 100, "deviceNo offset");
 class CConfig {
  public:
   static CConfig* Instance();
-  // Each fills the whole record (zeroed first; stays zero where the file lacks a value).
+  // Each fills the whole record (zeroed first; stays zero where the file lacks a value, except
+  // the maintenance server's port, which is the FTP port 21 when not given).
   // 0 on success, -1 when the file is missing or malformed (one log line).
   int GetConfig(UpgradeSet_t* out, char* reserved);
   int GetConfig(VersionInfo_t* out, char* reserved);

@@ -172,7 +172,7 @@ TEST_F(MaintainTest, VersionSkipsAndUpgradeAnnouncement) {
 
 TEST_F(MaintainTest, HostileNamesAndAccountsRunNothingUnsafe) {
   for (const char* bad : {"../etc/passwd", "/etc/passwd", "a/b.sw", "x;reboot.sw", "$(id).sw",
-                          "-rf", ".hidden", "a b.sw", "a`id`.sw", "..sw"}) {
+                          "-rf", ".hidden", "a b.sw", "a`id`.sw", "..sw", "~root", "a=~"}) {
     EXPECT_FALSE(IsSafeFileName(bad)) << bad;
   }
   for (const char* good : {"VLM-1-2-3-4.sw", "mcu_V1.2.crc", "config.tar", "LOGCMD.xml",
@@ -190,11 +190,11 @@ TEST_F(MaintainTest, HostileNamesAndAccountsRunNothingUnsafe) {
   FtpFileItem_t fine = Item("a.xml", 3);
   mng.DownloadFile(&fine, &account, "/d");
   EXPECT_TRUE(shell.Commands().empty());
-  strcpy(account.user, "maint");
+  strcpy(account.user, "~maint");  // a home directory to the shell unless quoted
   mng.DownloadFile(&fine, &account, "/d");
   ASSERT_EQ(shell.Commands().size(), 2u);
   EXPECT_EQ(shell.Commands()[0].first,
-            "ftpget -u maint -p 'p w'\\''$(reboot)' -P 21 10.1.1.1 /d/tmp_ftp_load.bin a.xml");
+            "ftpget -u '~maint' -p 'p w'\\''$(reboot)' -P 21 10.1.1.1 /d/tmp_ftp_load.bin a.xml");
 
   // Through the periodic list: the unsafe entry ends as not needed.
   root.Write("/list.xml", "<L><FILE filetype=\"3\" devtype=\"3\" expirydate=\"" + Date(60) +
