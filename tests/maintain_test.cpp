@@ -157,8 +157,8 @@ TEST_F(MaintainTest, VersionSkipsAndUpgradeAnnouncement) {
   FtpFileItem_t other = Item("vlm-1-2-3-4.sw", 1);  // differs in case only: a new version
   EXPECT_EQ(mng.LoadUpgradeFile(&other, &account, "/d"), 0);
   EXPECT_EQ(log.Count("LocalVersion=VLM-1-2-3-4.sw, FtpVersion=vlm-1-2-3-4.sw"), 1);
-  ASSERT_EQ(status.upgradePaths.size(), 1u);
-  EXPECT_EQ(status.upgradePaths[0], "/d/vlm-1-2-3-4.sw");
+  ASSERT_EQ(status.upgrades.size(), 1u);
+  EXPECT_EQ(status.upgrades[0], "201 /d/vlm-1-2-3-4.sw");
 
   FtpFileItem_t mcu = Item("mcu_V1.2.crc", 4);
   EXPECT_EQ(mng.LoadMcuFile(&mcu, &account, "/d"), 1);  // contains the running version

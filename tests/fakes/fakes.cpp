@@ -166,7 +166,7 @@ int FakeStatus::SetStatus(STATUS_E which, void* buf) {
   }
   if (which == STATUS_UPGRADE) {
     const UpgradeNotify_t* n = static_cast<const UpgradeNotify_t*>(buf);
-    upgradePaths.emplace_back(n->path, n->length);
+    upgrades.push_back(std::to_string(n->code) + " " + std::string(n->path, n->length));
     return 0;
   }
   return -1;

@@ -103,7 +103,7 @@ class FakeStatus : public IStatusService {
   int dog = 0;
   std::map<int, bool> failing;
   std::vector<std::vector<uint8_t>> networkSets;  // blocks given to SetStatus(11)
-  std::vector<std::string> upgradePaths;          // paths given to SetStatus(25)
+  std::vector<std::string> upgrades;              // "code path" given to SetStatus(25)
   std::vector<int> calls;                         // status codes asked, in order
 
   static PartEntry_t Entry(int type, const std::string& path);
