@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -36,6 +37,12 @@ TEST_F(SystemDumpTest, ReturnsTheCommandsExitStatus) {
   EXPECT_EQ(systemdump("kill -9 $$", 5), 128 + 9);
   EXPECT_EQ(systemdump("/nonexistent/tool", 5), 127);
   EXPECT_EQ(systemdump(nullptr, 5), -1);
+  // The service ignores SIGPIPE; commands must not inherit that.
+  signal(SIGPIPE, SIG_IGN);
+  EXPECT_EQ(systemdump("kill -PIPE $$; exit 0", 5), 128 + SIGPIPE);
+  EXPECT_EQ(system_run("kill -PIPE $$; exit 0"), 128 + SIGPIPE);
+  EXPECT_EQ(system_run("exit 3"), 3);
+  signal(SIGPIPE, SIG_DFL);
 }
 
 TEST_F(SystemDumpTest, OverrunningCommandIsEndedWithItsChildrenAndReaped) {

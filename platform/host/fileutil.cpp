@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -128,10 +129,27 @@ class HostShellRunner : public IShellRunner {
   int RunLimited(const char* command, int seconds) override {
     return HostSystemDump(command, seconds);
   }
+  // Like system(3), but the command starts with SIGPIPE at its default: the service ignores
+  // it, and a pipeline in a user command must end the way it would from a terminal.
   int RunUnlimited(const char* command) override {
     if (command == nullptr) return -1;
-    int status = system(command);
-    if (status < 0) return -1;
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    sigset_t dflt;
+    sigemptyset(&dflt);
+    sigaddset(&dflt, SIGPIPE);
+    posix_spawnattr_setsigdefault(&attr, &dflt);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGDEF);
+    char sh[] = "sh", dashC[] = "-c";
+    char* argv[] = {sh, dashC, const_cast<char*>(command), nullptr};
+    pid_t pid = -1;
+    int rc = posix_spawn(&pid, "/bin/sh", nullptr, &attr, argv, environ);
+    posix_spawnattr_destroy(&attr);
+    if (rc != 0) return -1;
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0) {
+      if (errno != EINTR) return -1;
+    }
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
 };
