@@ -85,6 +85,9 @@ TEST_F(MainLoopTest, ExpiredWatchdogWithholdsHeartbeatButDiskCheckGoesOn) {
   status.dog = 0;  // recovered: the heartbeat comes back at the next step
   for (int i = 0; i < 25; ++i) loop.Pass();
   EXPECT_EQ(bus.Events(EVENT_HEARTBEAT).size(), 1u);
+  status.dog = -1;  // the watchdog service cannot answer: that is no time-out
+  for (int i = 0; i < 25; ++i) loop.Pass();
+  EXPECT_EQ(bus.Events(EVENT_HEARTBEAT).size(), 2u);
 }
 
 TEST_F(MainLoopTest, HeartbeatPayloadBytes) {

@@ -19,7 +19,7 @@ ftpFileInfo_t SampleRecord() {
   strcpy(rec.fileDir, "cam/front");
   rec.valid = 1;
   rec.net = 5;
-  rec.trans = 1;
+  rec.trans = 0;  // differs from valid, so a swap of the two shows
   rec.result = 2;
   rec.server.port = 2121;
   strcpy(rec.server.host, "127.0.0.1");
@@ -38,6 +38,8 @@ TEST(RecordsTest, RoundTripThroughRowKeepsFieldsAndClearsCounters) {
   EXPECT_STREQ(row.dir, "cam/front");       // directory and name change places
   EXPECT_STREQ(row.filename, "clip.avi");
   EXPECT_EQ(row.result, 0);                 // the row never carries an outcome
+  EXPECT_EQ(row.valid, 1);
+  EXPECT_EQ(row.trans, 0);
 
   ftpFileInfo_t back;
   RecordFromRow(row, &back);
@@ -48,7 +50,7 @@ TEST(RecordsTest, RoundTripThroughRowKeepsFieldsAndClearsCounters) {
   EXPECT_STREQ(back.fileDir, rec.fileDir);
   EXPECT_EQ(back.valid, 1);
   EXPECT_EQ(back.net, 5);
-  EXPECT_EQ(back.trans, 1);
+  EXPECT_EQ(back.trans, 0);
   EXPECT_EQ(back.result, 0);
   EXPECT_EQ(0, memcmp(&back.server, &rec.server, sizeof(rec.server)));
   EXPECT_EQ(back.sendTimes, 0);
