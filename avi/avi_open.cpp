@@ -52,9 +52,9 @@ bool FindPartition(int id, PartAccess_t* access, RecordItem_t* item) {
 }
 
 // Sum of (24 + payload) over every frame of the span, read with a reader of its own. The info
-// records are made on a scratch record so that the stream's own record is not disturbed; only
-// their lengths count, which depend on the subtype alone.
-uint64_t PreScan(const RecordItem_t& item, const PartAccess_t& access) {
+// frames update the stream's info record (record) on the way, as a reading would; their
+// lengths depend on the subtype alone.
+uint64_t PreScan(const RecordItem_t& item, const PartAccess_t& access, uint8_t* record) {
   CReadDisk* reader = NewReadDisk();
   if (reader == nullptr) return 0;
   PartAccess_t acc = access;
@@ -62,7 +62,6 @@ uint64_t PreScan(const RecordItem_t& item, const PartAccess_t& access) {
   reader->Init(&acc);
   void* handle = reader->StartRead(0, &it);
   uint64_t sum = 0;
-  uint8_t record[kAviInfoRecordLen] = {};
   uint8_t scratch[kAviInfoRecordLen];
   for (;;) {
     FrameInfo_t info;
@@ -190,7 +189,7 @@ int CReadAvi::ReadAviInit(AviFileInfo_t* h, const RecordItem_t* item, const Part
     movilen = static_cast<uint64_t>(item->record_size) + 1036 +
               static_cast<uint64_t>(kAviChunkOverhead) * h->video_frametotal;
   } else {
-    movilen = PreScan(*h->item, *access) + 1036;
+    movilen = PreScan(*h->item, *access, h->bt_record) + 1036;
   }
   movilen = (movilen + 15) & ~static_cast<uint64_t>(15);
   uint64_t indexLen = 16ull * h->index_max;

@@ -151,6 +151,9 @@ TEST_F(AviStreamTest, InfoRecordsKeepTheLatestValueOfEverySubtype) {
   EXPECT_EQ(31u, LoadLE16(r0));
   EXPECT_EQ(56u, LoadLE16(r0 + 2));
   EXPECT_EQ(0, memcmp(r0 + 12, r1 + 12, 8));  // subtype-1 values persist
+  // The pre-scan read the whole span into the record: the subtype-2 values are there before
+  // the subtype-2 frame is reached.
+  EXPECT_EQ(0, memcmp(r0 + 24, &f.bytes[c[2].offset + 8 + 24], 12));
   EXPECT_EQ(8, r0[36]);
   EXPECT_EQ(12, r0[40]);
   EXPECT_EQ(30, r0[58]);
