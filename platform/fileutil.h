@@ -15,14 +15,17 @@ char* filetobufwithoutbuf(const char* path, int* len);
 // Non-zero when part occurs in text; 0 otherwise or when either is null.
 int strfind_s(const char* text, const char* part);
 
-// Runs "/bin/sh -c command" in its own process group, with standard input from /dev/null
-// and none of the caller's other descriptors. Waits at most `seconds` seconds; then ends the
-// whole group (TERM, then KILL one second later) and reaps it. No zombie is left behind.
-// Returns the command's exit status (128+signal when it was killed by a signal), or -1 when
-// it could not be started or ran past its limit.
+// Runs "/bin/sh -c command" in its own process group, with standard input from /dev/null,
+// standard output and error shared with the caller (so its messages reach the service's log
+// stream) and none of the caller's other descriptors. Waits at most `seconds` seconds for the
+// command and every process it started (a job left in the background counts as running);
+// then ends the whole group (TERM, then KILL one second later) and reaps it. No zombie is
+// left behind. Returns the command's exit status (128+signal when it was killed by a
+// signal), or -1 when it could not be started or ran past its limit.
 int systemdump(const char* command, int seconds);
 
-// Runs a command like system(3) (no time limit): the shell's exit status, or -1.
+// Runs a command like system(3) (no time limit, SIGPIPE at its default in the command): the
+// shell's exit status, or -1.
 int system_run(const char* command);
 
 // Test seam for the two calls above: a fake records command lines instead of running them.
