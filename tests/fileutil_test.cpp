@@ -3,9 +3,11 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <string>
@@ -66,6 +68,8 @@ TEST_F(SystemDumpTest, CommandThatIgnoresTermIsKilled) {
   double start = NowSeconds();
   EXPECT_EQ(systemdump("trap '' TERM; sleep 100 & wait; wait", 1), -1);
   EXPECT_LT(NowSeconds() - start, 3.0);
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);  // no child of ours is left to reap
+  EXPECT_EQ(errno, ECHILD);
 }
 
 TEST_F(SystemDumpTest, CommandGetsNoDescriptorOfTheCaller) {
