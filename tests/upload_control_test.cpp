@@ -136,6 +136,17 @@ TEST_F(UploadControlTest, SmallestSlotIsCurrentAndFollowsDisksComingAndGoing) {
   mng.CheckDiskState(110);
   EXPECT_EQ(mng.m_diskMap.size(), 2u);  // the table follows the disks anyway
   EXPECT_EQ(mng.CurDisk().id, 7);
+
+  {
+    std::lock_guard<std::mutex> g(status.mutex);
+    status.recorderStatus = 1;
+  }
+  mng.CheckDiskState(115);  // back to the smaller slot, while sd3's table is still open
+  ASSERT_EQ(mng.CurDisk().id, 6);
+  ftpFileInfo_t back = Task(2, "/data/back");
+  ASSERT_EQ(mng.InsertFileInfo(&back), 0);
+  EXPECT_EQ(DbRows(sd2).size(), 1u);
+  EXPECT_EQ(DbRows(root.path() + "/mnt/sd3").size(), 1u);
 }
 
 TEST_F(UploadControlTest, CardPutBackBlankAtTheSameMountGetsTheNewTasks) {
@@ -407,10 +418,16 @@ TEST_F(UploadControlTest, BrokenDatabasesAreLoggedAndOtherDisksStillLoad) {
     for (int i = 0; i < 4096; ++i) junk.put(static_cast<char>((i * 131 + 7) & 0xFF));
   }
   StoreRows(sd2, {Task(2, "/data/good1"), Task(2, "/data/good2")});
+  std::string sd3 = AddDisk(5, "/mnt/sd3");
+  sqlite3* newer = nullptr;  // a database of a later release, with a schema this one lacks
+  ASSERT_EQ(sqlite3_open((sd3 + "/new_file_op.db").c_str(), &newer), SQLITE_OK);
+  sqlite3_exec(newer, "PRAGMA user_version=99", nullptr, nullptr, nullptr);
+  sqlite3_close(newer);
   mng.CheckDiskState(100);
   EXPECT_EQ(Names(List()), (std::vector<std::string>{"/data/good1", "/data/good2"}));
-  EXPECT_EQ(log.Count("dataSync:62 open :new_file_op db file error"), 1);
-  EXPECT_EQ(log.Count("dataSync:69 SearchAllLogFromDb error"), 1);
+  EXPECT_EQ(log.Count("dataSync:62 open :new_file_op db file error"), 2);
+  EXPECT_EQ(log.Count("dataSync:69 SearchAllLogFromDb error"), 2);
+  EXPECT_EQ(log.Count("has schema 99, newer than 1"), 1);
 
   // Intake on the broken current disk: logged, still queued.
   ftpFileInfo_t t = Task(3, "/data/new");
