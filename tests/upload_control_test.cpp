@@ -147,6 +147,16 @@ TEST_F(UploadControlTest, SmallestSlotIsCurrentAndFollowsDisksComingAndGoing) {
   ASSERT_EQ(mng.InsertFileInfo(&back), 0);
   EXPECT_EQ(DbRows(sd2).size(), 1u);
   EXPECT_EQ(DbRows(root.path() + "/mnt/sd3").size(), 1u);
+
+  {
+    std::lock_guard<std::mutex> g(status.mutex);  // still present, but no longer mounted
+    auto& mounts = status.mounts[DISK_USAGE_UPLOAD];
+    mounts.erase(mounts.begin() + 1);
+  }
+  mng.CheckDiskState(120);
+  EXPECT_EQ(mng.CurDisk().id, 6);
+  EXPECT_STREQ(mng.CurDisk().path, "");
+  EXPECT_EQ(log.Count("CheckDiskState:349 disk changed [6,]"), 1);
 }
 
 TEST_F(UploadControlTest, CardPutBackBlankAtTheSameMountGetsTheNewTasks) {
