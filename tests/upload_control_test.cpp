@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <string>
@@ -444,6 +445,25 @@ TEST_F(UploadControlTest, BrokenDatabasesAreLoggedAndOtherDisksStillLoad) {
   EXPECT_EQ(mng.InsertFileInfo(&t), 0);
   EXPECT_EQ(log.Count("Insert error"), 1);
   EXPECT_EQ(List().size(), 3u);
+}
+
+TEST_F(UploadControlTest, BusyDatabaseIsWaitedForABoundedTime) {
+  std::string sd1 = AddDisk(1, "/mnt/sd1");
+  StoreRows(sd1, {});
+  mng.CheckDiskState(100);
+  sqlite3* other = nullptr;  // another writer that keeps the database locked
+  ASSERT_EQ(sqlite3_open((sd1 + "/new_file_op.db").c_str(), &other), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+  auto start = std::chrono::steady_clock::now();
+  ftpFileInfo_t t = Task(3, "/data/busy");
+  EXPECT_EQ(mng.InsertFileInfo(&t), 0);  // queued all the same, and the failure logged
+  double waited = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_EQ(log.Count("Insert error"), 1);
+  EXPECT_GT(waited, 1.0);  // waited for the other writer ...
+  EXPECT_LT(waited, 10.0);  // ... but not for ever
+  sqlite3_exec(other, "ROLLBACK", nullptr, nullptr, nullptr);
+  sqlite3_close(other);
+  EXPECT_EQ(List().size(), 1u);
 }
 
 TEST_F(UploadControlTest, ReadOnlyDatabaseStillLoadsAndRefusesWrites) {
