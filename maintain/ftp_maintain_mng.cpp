@@ -46,6 +46,7 @@ int CFtpMaintainMng::FtpConnectTo(const char* user, const char* password, const 
                                   uint16_t port, const char* /*path*/) {
   if (m_pData == nullptr) return -1;
   char listPath[128] = {};
+  bool haveDir = false;
   {
     CAutoLock guard(&m_lock);
     m_pData->state = 8;  // the cycle stands still while the account changes
@@ -58,13 +59,12 @@ int CFtpMaintainMng::FtpConnectTo(const char* user, const char* password, const 
     CopyText(account.user, sizeof(account.user), user);
     CopyText(account.password, sizeof(account.password), password);
     account.port = port;
-    // No directory chosen yet: there is no old list to delete (and "/FileList.xml" is not ours).
-    if (m_pData->fileList.dir[0] != '\0') {
-      FormatBounded(listPath, sizeof(listPath), "%.126s/FileList.xml", m_pData->fileList.dir);
-    }
+    FormatBounded(listPath, sizeof(listPath), "%.126s/FileList.xml", m_pData->fileList.dir);
+    // No directory chosen yet: there is no old list to delete ("/FileList.xml" is not ours).
+    haveDir = m_pData->fileList.dir[0] != '\0';
   }
   WriteDbgLog(2, "FTP Update [%s %s %s %d]\n", user, password, host, port);
-  if (listPath[0] != '\0' && fileisexist(listPath) == 0) remove(listPath);
+  if (haveDir && fileisexist(listPath) == 0) remove(listPath);
   printf("%s %s\n", "FtpConnectTo", listPath);
   CAutoLock guard(&m_lock);
   m_lastStepTime = 0;

@@ -56,7 +56,11 @@ TEST_F(MaintainTest, ParsesEntriesBySubstringAndAppends) {
              "</Anything>");
   FtpFileList_t list{};
   std::string path = root.path() + "/list.xml";
+  testing::internal::CaptureStdout();
   ASSERT_EQ(mng.ParseFileList(path.c_str(), &list), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "FtpFileItem [0]: 1, 3145728, 3, 20251231-235959, 100000~199999;500000~500000, abc, "
+            "VLM-1-2-3-5.sw\nFtpFileItem [1]: 2, 0, 0, , , , LOGCMD.xml\n");
   ASSERT_EQ(list.count, 2);  // FILES has no text; "file" lacks the upper-case "FILE"
   EXPECT_EQ(list.pItems[0].FileType, 1);
   EXPECT_EQ(list.pItems[0].FileSize, 3145728);  // "filesize" contains "size"
@@ -126,6 +130,23 @@ TEST_F(MaintainTest, JudgesDeviceTypeExpiryAndScope) {
                std::string("<jtbase deviceNo=\"") + c.deviceNo + "\"/>");
     FtpFileItem_t item = Item("a.sw", 1, c.scope);
     EXPECT_EQ(mng.IsNeedLoadFile(&item), c.expected) << c.scope << " " << c.deviceNo;
+  }
+
+  // What the judging prints: the scope and each next part on standard output, each range
+  // tried on standard error; a trailing ";" ends the walk without another part.
+  for (const char* deviceNo : {"150", "161"}) {
+    root.Write("/etc/velmar/config/jtbase.xml", std::string("<jtbase deviceNo=\"") + deviceNo + "\"/>");
+    FtpFileItem_t item = Item("a.sw", 1, "1~2;140~160;");
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    int need = mng.IsNeedLoadFile(&item);
+    std::string out = testing::internal::GetCapturedStdout();
+    std::string err = testing::internal::GetCapturedStderr();
+    std::string walk = "IsNeedLoadFile Scope: 1~2;140~160;\nIsNeedLoadFile Next: ;140~160;\n";
+    EXPECT_EQ(out, walk + (need == 0 ? "IsNeedLoadFile is TRUE\n" : "")) << deviceNo;
+    EXPECT_EQ(need, deviceNo == std::string("150") ? 0 : -1);
+    std::string tried = std::string("IsNeedLoadFile : 140~160; --> 140~160, ") + deviceNo + "\n";
+    EXPECT_NE(err.find(tried), std::string::npos) << err;
   }
 }
 
@@ -226,7 +247,9 @@ TEST_F(MaintainTest, ConnectToReplacesAccountAndEmptiesLists) {
     mng.m_pData->state = 3;
   }
   mng.m_lastStepTime = 1234;
+  testing::internal::CaptureStdout();
   EXPECT_EQ(mng.FtpConnectTo("u2", "p2", "maint2.local", 2100, "/ignored"), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "FtpConnectTo " + work + "/FileList.xml\n");
   EXPECT_EQ(mng.m_pData->fileList.count, 0);
   EXPECT_EQ(mng.m_pData->onlineList.pItems, nullptr);
   UpgradeSet_t a = mng.Account();
