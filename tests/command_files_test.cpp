@@ -87,7 +87,6 @@ TEST(LogCmdParseTest, DatetimeBytesWhateverTheAttributeOrder) {
 }
 
 TEST_F(CommandFilesTest, UserCommandsRunInOrderWithTheDiskWideFollowUpsOfExactTexts) {
-  FakeShell shell;
   root.Write("/c.xml",
              "<UsrDefineCmd><ExpiryDate>20000101-000000</ExpiryDate>"
              "<CMDITEM scope=\"1~5\">rm -rf *.db</CMDITEM>"
@@ -129,7 +128,6 @@ TEST_F(CommandFilesTest, UserCommandsRunInOrderWithTheDiskWideFollowUpsOfExactTe
 }
 
 TEST_F(CommandFilesTest, LogCommandClearsTheManagersCredentialsEvenWithoutLogsInTheSpan) {
-  FakeShell shell;
   root.Write("/mnt/sd1/debug/dbglog-20200101-000000.log", "old");
   {
     std::lock_guard<std::mutex> g(status.mutex);
@@ -163,6 +161,7 @@ TEST_F(CommandFilesTest, LogCommandClearsTheManagersCredentialsEvenWithoutLogsIn
 }
 
 TEST_F(CommandFilesTest, ConfigArchiveAppliesKnownFilesByExactName) {
+  SetShellRunnerForTest(nullptr);  // the real shell and tar
   root.Write("/etc/velmar/config/wifi.xml", "<wifi old=\"1\"/>");
   root.Write("/src/config/wifi.xml", "<wifi ssid=\"fleet\"/>");
   root.Write("/src/config/notes.txt", "hello");
@@ -218,6 +217,7 @@ TEST_F(CommandFilesTest, HostileArchivesAreRefusedBeforeAnythingIsUnpacked) {
   EXPECT_FALSE(Check(damaged, &why));
 
   // Through the handler with the real shell and tar: nothing lands outside, nothing applied.
+  SetShellRunnerForTest(nullptr);
   const std::string outside = root.path() + "/outside";
   const std::string archive = root.path() + "/dl/evil.tar";
   root.Write("/dl/evil.tar",

@@ -50,7 +50,6 @@ class MaintainCycleTest : public MaintainFixture {
            "\" devtype=\"3\" expirydate=\"20991231-235959\">" + name + "</FILE>";
   }
 
-  FakeShell shell;
   std::string dir;
   int interval = 5;
   std::map<std::string, std::string> served;  // file name -> content a download lands

@@ -17,9 +17,13 @@ class MaintainFixture : public ::testing::Test {
  protected:
   MaintainFixture() {
     root.Write("/etc/velmar/config/jtbase.xml", "<jtbase deviceNo=\"150\"/>");
+    shell.mustBeFree = &mng.m_lock;
     std::lock_guard<std::mutex> g(status.mutex);
     status.deviceType = 3;
   }
+  // No shell command may run while the manager's lock is held: the request thread would
+  // wait for the whole download.
+  void TearDown() override { EXPECT_EQ(shell.LockedRuns(), 0); }
   // The maintenance account the tests log in with.
   static UpgradeSet_t Account() {
     UpgradeSet_t a{};
@@ -35,4 +39,5 @@ class MaintainFixture : public ::testing::Test {
   FakeStatus status;
   LogCapture log;
   TestMaintMng mng;
+  FakeShell shell;
 };

@@ -41,7 +41,6 @@ class MaintainTest : public MaintainFixture {
     return item;
   }
 
-  FakeShell shell;
 };
 
 TEST_F(MaintainTest, ParsesEntriesBySubstringAndAppends) {

@@ -6,7 +6,9 @@
 
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <sstream>
+#include <thread>
 
 #include "platform/text.h"
 
@@ -213,11 +215,30 @@ std::vector<FakeBus::Event> FakeBus::Events(EVENT_E event) const {
 FakeShell::FakeShell() : m_prev(SetShellRunnerForTest(this)) {}
 FakeShell::~FakeShell() { SetShellRunnerForTest(m_prev); }
 
+void FakeShell::CheckLockFree() {
+  if (mustBeFree == nullptr) return;
+  auto got = std::make_shared<std::atomic<bool>>(false);
+  CLock* lock = mustBeFree;
+  std::thread taker([lock, got] {
+    lock->Lock();
+    lock->Unlock();
+    *got = true;
+  });
+  for (int i = 0; i < 2000 && !*got; ++i) usleep(1000);
+  if (*got) {
+    taker.join();
+  } else {
+    ++m_lockedRuns;
+    taker.detach();  // it takes the lock once the holder lets go
+  }
+}
+
 int FakeShell::RunLimited(const char* command, int seconds) {
   {
     std::lock_guard<std::mutex> g(m_mutex);
     m_commands.emplace_back(command, seconds);
   }
+  CheckLockFree();
   if (onCommand) onCommand(command);
   return result;
 }
@@ -227,6 +248,7 @@ int FakeShell::RunUnlimited(const char* command) {
     std::lock_guard<std::mutex> g(m_mutex);
     m_commands.emplace_back(command, -1);
   }
+  CheckLockFree();
   if (onCommand) onCommand(command);
   return result;
 }

@@ -2,6 +2,7 @@
 // the host implementation on destruction.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -14,6 +15,7 @@
 #include "platform/fileutil.h"
 #include "platform/log.h"
 #include "platform/status.h"
+#include "platform/thread.h"
 
 // A fresh directory used as VELMAR_ROOT for the life of the object.
 class TempRoot {
@@ -147,9 +149,15 @@ class FakeShell : public IShellRunner {
   // Called with every command line after it is recorded, to play a command's effect (a
   // download that lands a file). Set before the code under test runs.
   std::function<void(const std::string&)> onCommand;
+  // When set, every command checks that another thread can take *mustBeFree while the
+  // command runs; LockedRuns() counts the commands for which it could not (within 2 s).
+  CLock* mustBeFree = nullptr;
+  int LockedRuns() const { return m_lockedRuns; }
 
  private:
+  void CheckLockFree();
   mutable std::mutex m_mutex;
+  std::atomic<int> m_lockedRuns{0};
   std::vector<std::pair<std::string, int>> m_commands;
   IShellRunner* m_prev;
 };
