@@ -413,7 +413,11 @@ int CFtpClient::FtpCreateDateSockFd(int mode) {
     s.Log(2, "unusable remote file name");
     return -1;
   }
-  if (s.dataFd >= 0 && FtpClose() != 0) return -1;  // an unfinished transfer ends the session
+  if (s.dataFd >= 0) {  // one data connection per session: FtpClose ends the session too
+    s.Log(2, "a transfer is already open; the session ends with it");
+    FtpClose();
+    return -1;
+  }
   int fd = s.OpenPassive();
   if (fd < 0) return -1;
   std::string command = (mode == 0 ? "STOR " : "APPE ") + s.name;
