@@ -49,11 +49,13 @@ class CFtpClient {
   virtual int FtpStart();
   // Lists the current directory into the data record (regular files only, listing order, at
   // most kFtpListCapacity; the file named by FtpSetLocalInfo is always kept when listed).
-  // -2 only when the server answers the listing with 550 (permanent): the task counts as done.
+  // Never -2 (the caller would count the task as done): no listing failure proves that the
+  // server holds the file. A 550 to LIST is an empty listing (0); other failures are -1.
   virtual int FtpGetServerDirFile();
   virtual FtpClientData_t* FtpGetClientData();
   // Opens the passive data connection (EPSV, else PASV; always to the control connection's
   // peer): mode 0 stores anew, mode 1 appends. Returns its descriptor, also stored at byte 4.
+  // One data connection per session: FtpClose ends both, so the next store needs FtpStart.
   virtual int FtpCreateDateSockFd(int mode);
   // Writes all len bytes on the open data connection or fails (-1); timeout: seconds without
   // progress. Returns len.

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/ftpclient.h"
 #include "platform/log.h"
@@ -79,7 +80,7 @@ TEST_F(FtpClientHostileTest, MultiLineRepliesAndPathJoin) {
   ExpectClean(server);
 }
 
-TEST_F(FtpClientHostileTest, PasvAddressIsIgnored) {
+TEST_F(FtpClientHostileTest, PasvAddressIgnoredAndNoCommandInjected) {
   std::string received;
   ScriptServer server([&](ScriptConn& c) {
     c.Login();
@@ -102,6 +103,17 @@ TEST_F(FtpClientHostileTest, PasvAddressIsIgnored) {
   EXPECT_EQ(c->FtpClose(), 0);
   ExpectClean(server);
   EXPECT_EQ(received, "payload");
+
+  // A directory name with a line break is refused before any byte of it is sent.
+  ScriptServer injected([](ScriptConn& conn) {
+    conn.Login();
+    std::string next = conn.ReadLine();  // "" once the client has closed
+    if (!next.empty()) conn.failures.push_back("reached the server: " + next);
+  });
+  auto bad = Client(injected.port(), "", "day\r\nDELE keep.avi");
+  EXPECT_LT(bad->FtpStart(), 0);
+  EXPECT_EQ(m_log.Count("command contains a line break"), 1);
+  ExpectClean(injected);
 }
 
 TEST_F(FtpClientHostileTest, BrokenRepliesFailFast) {
@@ -125,6 +137,7 @@ TEST_F(FtpClientHostileTest, BrokenRepliesFailFast) {
   }
   EXPECT_GE(m_log.Count("reply line too long"), 3);
   EXPECT_EQ(m_log.Count("not an FTP reply"), 1);
+  EXPECT_EQ(m_log.Count("NUL byte in reply"), 1);
 }
 
 TEST_F(FtpClientHostileTest, SilentServerHitsTheTimeLimit) {
@@ -149,6 +162,12 @@ TEST_F(FtpClientHostileTest, SilentServerHitsTheTimeLimit) {
     c.On("STOR", "150 go\r\n");
     c.RecvData();
     c.Silent();  // never confirms the transfer
+  });
+  ScriptServer stopsReading([](ScriptConn& c) {
+    c.Login();
+    c.PassiveByEpsv();
+    c.On("STOR", "150 go\r\n");
+    c.Silent();  // the data connection is accepted but never read
   });
   for (ScriptServer* s : {&greeting, &afterUser}) {
     auto c = Client(s->port());
@@ -175,7 +194,54 @@ TEST_F(FtpClientHostileTest, SilentServerHitsTheTimeLimit) {
     EXPECT_EQ(c->FtpClose(), -1);
     EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(1500));
   }
-  EXPECT_GE(m_log.Count("timed out"), 4);
+  {
+    auto c = Client(stopsReading.port());
+    ASSERT_EQ(c->FtpStart(), 0);
+    int fd = c->FtpCreateDateSockFd(0);
+    ASSERT_GE(fd, 0);
+    const std::string block(16384, 'w');
+    int writes = 0;  // until the socket buffers are full (a few MB on loopback)
+    auto start = Clock::now();
+    while (writes < 8192 && c->FtpWriteDate(fd, block.data(), 16384, 1) == 16384) {
+      ++writes;
+      start = Clock::now();
+    }
+    auto took = Clock::now() - start;  // the write that failed
+    EXPECT_LT(writes, 8192);
+    EXPECT_GE(took, std::chrono::milliseconds(900));
+    EXPECT_LT(took, std::chrono::milliseconds(3000));  // a partial send may restart the 1 s once
+    EXPECT_EQ(m_log.Count("send: timed out"), 1);
+    EXPECT_EQ(c->FtpClose(), -1);
+  }
+  {
+    // A listener with a full queue (backlog 0): the kernel drops further connection requests
+    // unanswered, so the connect hangs until the client's limit.
+    int l = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof(a);
+    ASSERT_EQ(bind(l, reinterpret_cast<sockaddr*>(&a), sizeof(a)), 0);
+    ASSERT_EQ(listen(l, 0), 0);
+    ASSERT_EQ(getsockname(l, reinterpret_cast<sockaddr*>(&a), &len), 0);
+    std::vector<int> queued;
+    for (bool answered = true; answered && queued.size() < 8;) {
+      queued.push_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+      connect(queued.back(), reinterpret_cast<sockaddr*>(&a), sizeof(a));
+      pollfd p{queued.back(), POLLOUT, 0};
+      answered = poll(&p, 1, 300) > 0;
+    }
+    auto c = Client(ntohs(a.sin_port));
+    auto start = Clock::now();
+    EXPECT_LT(c->FtpStart(), 0);
+    auto took = Clock::now() - start;
+    EXPECT_GE(took, std::chrono::milliseconds(900));
+    EXPECT_LT(took, std::chrono::milliseconds(2000));
+    EXPECT_EQ(m_log.Count("connect: timed out"), 1);
+    for (int q : queued) close(q);
+    close(l);
+  }
+  EXPECT_GE(m_log.Count("timed out"), 6);
 }
 
 TEST_F(FtpClientHostileTest, LargeListingKeepsTheWantedFile) {
@@ -206,7 +272,7 @@ TEST_F(FtpClientHostileTest, LargeListingKeepsTheWantedFile) {
   ExpectClean(server);
 }
 
-TEST_F(FtpClientHostileTest, UnusableNamesAreSkippedNotCut) {
+TEST_F(FtpClientHostileTest, UnusableNamesAreSkippedNotCutAndAMissingSizeIsAsked) {
   const std::string longName(300, 'n');
   const std::string name127(127, 'k');
   std::string listing = "type=cdir;size=0; .\r\n"
@@ -216,10 +282,9 @@ TEST_F(FtpClientHostileTest, UnusableNamesAreSkippedNotCut) {
                         "type=file;size=12; a/b\r\n"
                         "type=file;size=13; ctl\x01name\r\n"
                         "type=file;size=14; ..\r\n"
-                        "TYPE=File;Size=15;modify=20240101000000; " + name127 + "\r\n"
+                        "type=file;size=15; " + name127 + "\r\n"
                         "type=file;modify=1; nosize\r\n"
-                        "type=file;size=16; with space\r\n"
-                        "type=file;size=17;" + std::string(5000, 'z') + " huge\r\n"
+                        "type=file;modify=1; with space\r\n"
                         "type=file;size=99999999999; big";  // no terminator at the end
   ScriptServer server([&](ScriptConn& c) {
     c.Login();
@@ -229,6 +294,7 @@ TEST_F(FtpClientHostileTest, UnusableNamesAreSkippedNotCut) {
     c.SendData(listing);
     c.CloseData();
     c.Send("226 done\r\n");
+    c.On("SIZE with space", "213 16\r\n");  // only the wanted file's size is asked
   });
   auto c = Client(server.port(), "", "", "with space");
   ASSERT_EQ(c->FtpStart(), 0);
@@ -237,10 +303,10 @@ TEST_F(FtpClientHostileTest, UnusableNamesAreSkippedNotCut) {
   ASSERT_EQ(d->entryCount, 3);
   EXPECT_EQ(std::string(d->entries[0].name), name127);
   EXPECT_EQ(d->entries[0].size, 15);
-  EXPECT_STREQ(d->entries[1].name, "with space");
-  EXPECT_EQ(d->entries[1].size, 16);
-  EXPECT_STREQ(d->entries[2].name, "big");
-  EXPECT_EQ(d->entries[2].size, INT32_MAX);  // sizes beyond the record saturate
+  EXPECT_STREQ(d->entries[1].name, "big");
+  EXPECT_EQ(d->entries[1].size, INT32_MAX);  // sizes beyond the record saturate
+  EXPECT_STREQ(d->entries[2].name, "with space");
+  EXPECT_EQ(d->entries[2].size, 16);
   EXPECT_EQ(m_log.Count("5 unusable names skipped"), 1);
   ExpectClean(server);
 }

@@ -107,7 +107,7 @@ class FtpClientServerTest : public ::testing::Test {
   std::unique_ptr<PyFtpd> m_server;
 };
 
-TEST_F(FtpClientServerTest, UploadsNewFileThenListsItWithItsSize) {
+TEST_F(FtpClientServerTest, UploadsNewFileThenStoresAnewOverIt) {
   StartServer();
   const std::string local = RandomBytes(5 * 16384 + 123, 1);
   auto c = Client("/", "", "clip.avi");
@@ -123,10 +123,8 @@ TEST_F(FtpClientServerTest, UploadsNewFileThenListsItWithItsSize) {
   EXPECT_EQ(c->FtpClose(), 0);
   EXPECT_EQ(ReadFile(m_store + "/clip.avi"), local);
 
-  ASSERT_EQ(c->FtpStart(), 0);
-  ASSERT_EQ(c->FtpGetServerDirFile(), 0);
-  EXPECT_EQ(Listed(c.get()), (std::map<std::string, int>{{"clip.avi", int(local.size())}}));
   // Mode 0 stores anew: a second, shorter upload replaces the file.
+  ASSERT_EQ(c->FtpStart(), 0);
   fd = c->FtpCreateDateSockFd(0);
   ASSERT_GE(fd, 0);
   EXPECT_EQ(SendBlocks(c.get(), fd, "short"), 0);
@@ -181,15 +179,16 @@ TEST_F(FtpClientServerTest, CreatesNestedRemoteDirectory) {
   EXPECT_EQ(SendBlocks(c.get(), fd, "abc"), 0);
   EXPECT_EQ(c->FtpClose(), 0);
   EXPECT_EQ(ReadFile(m_store + "/base/2024/01/31/a.bin"), "abc");
-  // The directory now exists: a second session enters it directly.
-  ASSERT_EQ(c->FtpStart(), 0);
-  ASSERT_EQ(c->FtpGetServerDirFile(), 0);
-  EXPECT_EQ(Listed(c.get())["a.bin"], 3);
-  c->FtpClose();
 }
 
-TEST_F(FtpClientServerTest, LoginAndConnectFailuresAreNegative) {
+TEST_F(FtpClientServerTest, HostNameLoginAndConnectFailuresAndIpv6) {
   StartServer();
+  // "localhost" may resolve to ::1 first, where nothing listens: the next address is tried.
+  auto byName = Client("/", "", "a", "secret", "localhost");
+  ASSERT_EQ(byName->FtpStart(), 0);
+  EXPECT_EQ(byName->FtpGetServerDirFile(), 0);
+  EXPECT_EQ(byName->FtpClose(), 0);
+
   auto wrong = Client("/", "", "a", "wrong");
   EXPECT_LT(wrong->FtpStart(), 0);
   EXPECT_EQ(m_log.Count("login refused"), 1);
@@ -218,15 +217,24 @@ TEST_F(FtpClientServerTest, LoginAndConnectFailuresAreNegative) {
   refused->FtpSetServerInfo(&srv);
   EXPECT_LT(refused->FtpStart(), 0);
   EXPECT_EQ(refused->FtpClose(), 0);  // nothing open: closing is harmless
-}
 
-TEST_F(FtpClientServerTest, ConnectsByHostName) {
-  StartServer();
-  // "localhost" may resolve to ::1 first, where nothing listens: the next address is tried.
-  auto c = Client("/", "", "a", "secret", "localhost");
+  // Control and data connections over IPv6 (the data connection by EPSV: PASV cannot name an
+  // IPv6 address).
+  int v6 = socket(AF_INET6, SOCK_STREAM, 0);
+  sockaddr_in6 loop6{};
+  loop6.sin6_family = AF_INET6;
+  loop6.sin6_addr = in6addr_loopback;
+  bool haveV6 = v6 >= 0 && bind(v6, reinterpret_cast<sockaddr*>(&loop6), sizeof(loop6)) == 0;
+  if (v6 >= 0) close(v6);
+  if (!haveV6) GTEST_SKIP() << "no IPv6 loopback (::1) on this machine";
+  StartServer({"--host", "::1"});
+  auto c = Client("/", "", "v6.bin", "secret", "::1");
   ASSERT_EQ(c->FtpStart(), 0);
-  EXPECT_EQ(c->FtpGetServerDirFile(), 0);
+  int fd = c->FtpCreateDateSockFd(0);
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(SendBlocks(c.get(), fd, "over IPv6"), 0);
   EXPECT_EQ(c->FtpClose(), 0);
+  EXPECT_EQ(ReadFile(m_store + "/v6.bin"), "over IPv6");
 }
 
 TEST_F(FtpClientServerTest, CallsOutsideASessionFailWithoutSideEffects) {
@@ -242,9 +250,6 @@ TEST_F(FtpClientServerTest, CallsOutsideASessionFailWithoutSideEffects) {
   auto bad = Client("/", "", "../escape");
   ASSERT_EQ(bad->FtpStart(), 0);
   EXPECT_LT(bad->FtpCreateDateSockFd(0), 0);  // a name with "/" is not stored
-  auto inject = Client("/", "", "a\r\nDELE b");
-  ASSERT_EQ(inject->FtpStart(), 0);
-  EXPECT_LT(inject->FtpCreateDateSockFd(0), 0);
   EXPECT_EQ(c->FtpClose(), 0);
 }
 

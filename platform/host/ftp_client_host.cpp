@@ -41,6 +41,17 @@ std::string Printable(const std::string& text) {
 
 bool Is2xx(int code) { return code >= 200 && code < 300; }
 
+// Size of a "213 1234" reply to SIZE; -1 unless it is exactly that.
+int64_t ParseSizeReply(const std::string& text) {
+  if (text.size() < 5 || text.size() > 22 || text.compare(0, 4, "213 ") != 0) return -1;
+  int64_t size = 0;
+  for (size_t i = 4; i < text.size(); ++i) {
+    if (text[i] < '0' || text[i] > '9') return -1;
+    size = size * 10 + (text[i] - '0');
+  }
+  return size;
+}
+
 std::vector<std::string> SplitPath(const std::string& path) {
   std::vector<std::string> parts;
   size_t start = 0;
@@ -249,6 +260,18 @@ int CFtpClient::Impl::RunListing(FtpListFormat fmt) {
     Log(2, "%s failed: %s", command, Printable(reply.text).c_str());
     return -1;
   }
+  if (parser.wantedWithoutSize()) {
+    // Without its size the file would be stored anew on every pass: ask the server.
+    int64_t size = -1;
+    code = Step("SIZE", "SIZE " + name, &reply);
+    if (code < 0) return -1;
+    if (code == 213) size = ParseSizeReply(reply.text);
+    if (size >= 0) {
+      parser.KeepWanted(size);
+    } else {
+      Log(2, "size of %s unknown: %s", name.c_str(), Printable(reply.text).c_str());
+    }
+  }
   data.entryCount = parser.count();
   Log(0, "%s: %d files kept, %d unusable names skipped, %d beyond capacity, %s %s", command,
       parser.count(), parser.skipped(), parser.dropped(), name.c_str(),
@@ -390,7 +413,11 @@ int CFtpClient::FtpCreateDateSockFd(int mode) {
     s.Log(2, "unusable remote file name");
     return -1;
   }
-  if (s.dataFd >= 0 && FtpClose() != 0) return -1;  // an unfinished transfer ends the session
+  if (s.dataFd >= 0) {  // one data connection per session: FtpClose ends the session too
+    s.Log(2, "a transfer is already open; the session ends with it");
+    FtpClose();
+    return -1;
+  }
   int fd = s.OpenPassive();
   if (fd < 0) return -1;
   std::string command = (mode == 0 ? "STOR " : "APPE ") + s.name;

@@ -132,11 +132,11 @@ bool ParseMlsd(const char* line, size_t len, FtpListItem* out) {
     }
     i = end + 1;
   }
-  if (!isFile || !haveSize) return false;
+  if (!isFile) return false;
   size_t start = factsLen + 1;
   if (start >= len) return false;
   out->name.assign(line + start, len - start);
-  out->size = size;
+  out->size = haveSize ? size : -1;  // the facts a server sends are its choice
   return true;
 }
 
@@ -198,6 +198,20 @@ void FtpListingParser::EndLine() {
     ++m_skipped;
     return;
   }
+  // An entry without a size would read as size 0 and make the caller append the whole file
+  // to the server's copy. It is left out; for the wanted file the caller asks for its size.
+  if (item.size < 0) {
+    if (item.name == m_wanted) m_wantedWithoutSize = true;
+    return;
+  }
+  Keep(item);
+}
+
+void FtpListingParser::KeepWanted(int64_t size) {
+  if (m_haveWanted || m_wanted.empty() || size < 0) return;
+  FtpListItem item;
+  item.name = m_wanted;
+  item.size = size;
   Keep(item);
 }
 

@@ -1,6 +1,6 @@
 """An FTP server for the client's integration tests (pyftpdlib).
 
-Serves --root for one user on 127.0.0.1, on a free port that it prints as the first line of
+Serves --root for one user on --host (127.0.0.1 unless told, "::1" for IPv6), on a free port that it prints as the first line of
 standard output. Ends by itself after --lifetime seconds in case the test that started it
 does not stop it. --no-mlsd hides MLST/MLSD so that the client has to use LIST; --perm sets the user's
 pyftpdlib permissions (without "l" the server refuses listings).
@@ -24,6 +24,7 @@ def main():
     ap.add_argument("--lifetime", type=float, default=120.0)
     ap.add_argument("--no-mlsd", action="store_true")
     ap.add_argument("--perm", default="elradfmwMT")
+    ap.add_argument("--host", default="127.0.0.1")
     ap.add_argument("--port", type=int, default=0)
     ap.add_argument("--throttle", type=int, default=0, help="upload limit in bytes/s")
     args = ap.parse_args()
@@ -48,7 +49,7 @@ def main():
     Handler.passive_ports = None
     Handler.auth_failed_timeout = 0.1
     FTPServer.allow_reuse_address = True
-    server = FTPServer(("127.0.0.1", args.port), Handler)
+    server = FTPServer((args.host, args.port), Handler)
     print(server.address[1], flush=True)
 
     timer = threading.Timer(args.lifetime, lambda: os._exit(3))
