@@ -65,8 +65,9 @@ void DispatchRequest(EVENT_E event, const uint8_t* payload, IRequestTargets* tar
 }
 
 int FtpUploadMngUnixDomain(int /*sock*/, struct sockaddr_un* /*from*/, unsigned int* /*fromLen*/,
-                           char* msg, int len, void* /*ctx*/) {
-  static ServiceTargets targets;
+                           char* msg, int len, void* ctx) {
+  static ServiceTargets service;
+  IRequestTargets* targets = ctx != nullptr ? static_cast<IRequestTargets*>(ctx) : &service;
   // Zero-filled anew for every message, with one byte more than a payload can fill so that
   // the command path of event 16 is always terminated.
   uint8_t payload[kEventPayloadMax + 1];
@@ -77,7 +78,7 @@ int FtpUploadMngUnixDomain(int /*sock*/, struct sockaddr_un* /*from*/, unsigned 
                      payload) < 0) {
     return -1;
   }
-  DispatchRequest(event, payload, &targets);
+  DispatchRequest(event, payload, targets);
   return 0;
 }
 

@@ -32,8 +32,9 @@ class IRequestTargets {
 // message. Unknown events and codes are dropped.
 void DispatchRequest(EVENT_E event, const uint8_t* payload, IRequestTargets* targets);
 
-// The bus handler: decodes msg and dispatches it to the service's managers. -1 when the
-// message cannot be decoded, 0 otherwise. Answers nothing on the socket.
+// The bus handler: decodes msg and dispatches it to the IRequestTargets that ctx points to,
+// or to the service's managers when ctx is null (the listener's case). -1 when the message
+// cannot be decoded, 0 otherwise. Answers nothing on the socket.
 int FtpUploadMngUnixDomain(int sock, struct sockaddr_un* from, unsigned int* fromLen, char* msg,
                            int len, void* ctx);
 

@@ -7,7 +7,10 @@
 #include <cstddef>
 #include <cstdint>
 
-enum EVENT_E {
+// The event number travels as a u32 on the wire; the fixed underlying type makes every such
+// number a valid EVENT_E value, named here or not, so a datagram of an unknown event can be
+// decoded and then ignored.
+enum EVENT_E : uint32_t {
   EVENT_HEARTBEAT = 6,
   EVENT_REMOTE_CMD = 16,
   EVENT_FILE_UPLOAD = 22,
@@ -20,8 +23,8 @@ constexpr int kEventHeaderSize = 12;  // "EVB1", event (u32 LE), payload length 
 typedef int (*UnixDomainHandler_f)(int sock, struct sockaddr_un* from, unsigned int* fromLen,
                                    char* msg, int len, void* ctx);
 
-// Registers the receiver name (its socket path) for the events whose bit is set in mask,
-// replacing any earlier registration of that name. 0 or -1.
+// Registers the receiver name (its socket path, beginning with "/") for the events whose bit
+// is set in mask, replacing any earlier registration of that name. 0 or -1.
 int RegisterEventReciever(const char* name, int64_t mask);
 // Removes the registration of name. 0, or -1 when there was none.
 int UnregisterEventReciever(const char* name);

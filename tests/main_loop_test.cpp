@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -88,18 +87,6 @@ TEST_F(MainLoopTest, ExpiredWatchdogWithholdsHeartbeatButDiskCheckGoesOn) {
   status.dog = -1;  // the watchdog service cannot answer: that is no time-out
   for (int i = 0; i < 25; ++i) loop.Pass();
   EXPECT_EQ(bus.Events(EVENT_HEARTBEAT).size(), 2u);
-}
-
-TEST_F(MainLoopTest, HeartbeatPayloadBytes) {
-  clock.SetMs(60000);
-  CMainLoop loop = MakeLoop();
-  loop.Pass();
-  auto beats = bus.Events(EVENT_HEARTBEAT);
-  ASSERT_EQ(beats.size(), 1u);
-  std::vector<uint8_t> expected(68, 0);
-  expected[0] = 2;
-  memcpy(expected.data() + 4, "velmar", 6);
-  EXPECT_EQ(beats[0].payload, expected);
 }
 
 }  // namespace

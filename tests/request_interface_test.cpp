@@ -33,11 +33,15 @@ class RecordingTargets : public IRequestTargets {
 
 class RequestInterfaceTest : public ::testing::Test {
  protected:
-  // Builds the payload buffer the handler sees: the message bytes, zero after them.
+  // Sends the message as one datagram through the bus handler, with targets as its context.
   void Dispatch(EVENT_E event, const std::vector<uint8_t>& message) {
-    std::vector<uint8_t> payload(kEventPayloadMax + 1, 0);
-    memcpy(payload.data(), message.data(), message.size());
-    DispatchRequest(event, payload.data(), &targets);
+    std::vector<char> datagram(kEventHeaderSize + message.size());
+    ASSERT_EQ(EncodeEvent(event, message.data(), static_cast<int>(message.size()),
+                          reinterpret_cast<unsigned char*>(datagram.data()), datagram.size()),
+              static_cast<int>(datagram.size()));
+    ASSERT_EQ(FtpUploadMngUnixDomain(0, nullptr, nullptr, datagram.data(),
+                                     static_cast<int>(datagram.size()), &targets),
+              0);
   }
   static std::vector<uint8_t> Header(uint32_t code, uint32_t len) {
     std::vector<uint8_t> m(8);
@@ -65,13 +69,17 @@ TEST_F(RequestInterfaceTest, NewTaskRecordIsDecodedAndShortRecordsReadZero) {
   ASSERT_EQ(targets.tasks.size(), 1u);
   EXPECT_EQ(0, memcmp(&targets.tasks[0], &task, sizeof(task)));
 
-  m.resize(8 + 140);  // cut inside the file name: the rest reads as zero
+  // Cut inside the file name, right after the full record: the handler's buffer must not
+  // keep the first record's bytes, the rest reads as zero.
+  m.resize(8 + 140);
   Dispatch(EVENT_FILE_UPLOAD, m);
   ASSERT_EQ(targets.tasks.size(), 2u);
   EXPECT_STREQ(targets.tasks[1].fullName, "/data/a.bin");
   EXPECT_STREQ(targets.tasks[1].fileName, "a.bi");
   EXPECT_EQ(targets.tasks[1].valid, 0);
+  EXPECT_EQ(targets.tasks[1].trans, 0);
   EXPECT_EQ(targets.tasks[1].server.port, 0);
+  EXPECT_STREQ(targets.tasks[1].server.host, "");
 }
 
 TEST_F(RequestInterfaceTest, TransferControlCarriesRecordingTypeAnd16BitSeq) {

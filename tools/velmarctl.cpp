@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -62,8 +63,8 @@ const char kCommandUsage[] =
 
 const char kWatchUsage[] =
     "usage: velmarctl watch [--count N] [--seconds S]\n"
-    "  prints each heartbeat (event 6) and file-upload event (event 22) on one line, until\n"
-    "  interrupted, N events were printed or S seconds passed\n";
+    "  prints each heartbeat (event 6) and task status event (event 22, code 0x702) on one\n"
+    "  line, until interrupted, N of them were printed or S seconds passed\n";
 
 [[noreturn]] void Fail(const char* fmt, const char* arg = "") {
   fprintf(stderr, "velmarctl: ");
@@ -72,12 +73,13 @@ const char kWatchUsage[] =
   exit(2);
 }
 
+// A decimal number 0..max: digits only (no sign, blanks, base prefix), no overflow.
 bool ParseUnsigned(const char* text, unsigned long long max, unsigned long long* out) {
-  if (text == nullptr || *text == '\0') return false;
+  if (text == nullptr || !isdigit(static_cast<unsigned char>(*text))) return false;
   errno = 0;
   char* end = nullptr;
-  unsigned long long v = strtoull(text, &end, 0);
-  if (errno != 0 || *end != '\0' || v > max || text[0] == '-') return false;
+  unsigned long long v = strtoull(text, &end, 10);
+  if (errno != 0 || *end != '\0' || v > max) return false;
   *out = v;
   return true;
 }
@@ -135,7 +137,9 @@ UserDefServerSet_t ParseServerUrl(const char* url) {
   }
   if (host.empty()) Fail("--server: no host in %s", url);
   unsigned long long portNo = 0;
-  if (!ParseUnsigned(port.c_str(), 65535, &portNo) || portNo == 0) Fail("--server: bad port %s", port.c_str());
+  if (!ParseUnsigned(port.c_str(), 65535, &portNo) || portNo == 0) {
+    Fail("--server: the port must be a decimal number 1..65535: %s", port.c_str());
+  }
   UserDefServerSet_t server{};
   server.port = static_cast<uint16_t>(portNo);
   PutText(server.host, sizeof(server.host), host, "the host");
@@ -168,7 +172,8 @@ uint8_t ParseNet(const char* text) {
 int Send(EVENT_E event, const uint8_t* payload, int len) {
   int reached = DistributeEvent(event, len, const_cast<uint8_t*>(payload));
   if (reached <= 0) {
-    fprintf(stderr, "velmarctl: no receiver for event %d under %s (is velmar running?)\n", event,
+    fprintf(stderr, "velmarctl: no receiver for event %u under %s (is velmar running?)\n",
+            static_cast<unsigned>(event),
             getenv("VELMAR_ROOT") != nullptr ? getenv("VELMAR_ROOT") : "/");
     return 1;
   }
@@ -204,7 +209,9 @@ int Upload(int argc, char** argv) {
       case 'r': file = optarg; task.type = 1; break;
       case 's': task.server = ParseServerUrl(optarg); haveServer = true; break;
       case 'q':
-        if (!ParseUnsigned(optarg, 0xFFFFFFFFull, &v)) Fail("--seq takes 0..4294967295: %s", optarg);
+        if (!ParseUnsigned(optarg, 0xFFFFFFFFull, &v)) {
+          Fail("--seq takes a decimal number 0..4294967295: %s", optarg);
+        }
         task.seq = static_cast<uint32_t>(v);
         haveSeq = true;
         break;
@@ -239,7 +246,8 @@ int Upload(int argc, char** argv) {
 }
 
 int Trans(int argc, char** argv) {
-  if (WantsHelp(argc, argv) || argc < 2) return fputs(kTransUsage, stdout), argc < 2 ? 2 : 0;
+  if (WantsHelp(argc, argv)) return fputs(kTransUsage, stdout), 0;
+  if (argc < 2) return fputs(kTransUsage, stderr), 2;
   uint8_t ctr;
   if (strcmp(argv[1], "off") == 0) ctr = 0;
   else if (strcmp(argv[1], "on") == 0) ctr = 1;
@@ -251,7 +259,10 @@ int Trans(int argc, char** argv) {
   bool haveSeq = false;
   int c;
   while ((c = getopt_long(argc, argv, "", opts, nullptr)) != -1) {
-    if (c != 'q' || !ParseUnsigned(optarg, 0xFFFF, &seq)) Fail("--seq takes 0..65535");
+    if (c != 'q') return fputs(kTransUsage, stderr), 2;
+    if (!ParseUnsigned(optarg, 0xFFFF, &seq)) {
+      Fail("--seq takes a decimal number 0..65535: %s", optarg);
+    }
     haveSeq = true;
   }
   if (!haveSeq || optind != argc) Fail("usage: velmarctl trans on|off|delete --seq N");
@@ -305,23 +316,24 @@ std::mutex g_printMutex;
 
 void OnSignal(int) { g_stop = true; }
 
-// One line per event: "heartbeat service=velmar", "task-status seq=N status=S", or the raw code.
+// One line per heartbeat ("heartbeat value=V service=velmar") and per task status event
+// ("task-status seq=N status=S"); the requests other clients send on event 22 and anything
+// malformed are passed over and not counted.
 int PrintEvent(int, sockaddr_un*, unsigned*, char* msg, int len, void*) {
   uint8_t payload[kEventPayloadMax + 1] = {};
   EVENT_E event;
   int reserved = 0;
   int n = ParseRecvEvent(reinterpret_cast<unsigned char*>(msg), len, &event, &reserved, payload);
+  if (n < 0) return -1;
   std::lock_guard<std::mutex> guard(g_printMutex);
-  if (n < 0) {
-    printf("malformed datagram of %d bytes\n", len);
-  } else if (event == EVENT_HEARTBEAT) {
+  if (event == EVENT_HEARTBEAT) {
     char name[65];
     CopyField(name, sizeof(name), reinterpret_cast<char*>(payload + 4), 64);
     printf("heartbeat value=%d service=%s\n", static_cast<int32_t>(LoadLE32(payload)), name);
   } else if (event == EVENT_FILE_UPLOAD && LoadLE32(payload) == kCodeTaskStatus) {
     printf("task-status seq=%u status=%u\n", LoadLE16(payload + 10), payload[9]);
   } else {
-    printf("event=%d code=0x%x length=%d\n", event, LoadLE32(payload), n);
+    return 0;
   }
   fflush(stdout);
   ++g_printed;
@@ -336,9 +348,10 @@ int Watch(int argc, char** argv) {
   int c;
   while ((c = getopt_long(argc, argv, "", opts, nullptr)) != -1) {
     unsigned long long* target = c == 'c' ? &count : (c == 's' ? &seconds : nullptr);
-    if (target == nullptr || !ParseUnsigned(optarg, 1u << 30, target)) {
-      fputs(kWatchUsage, stderr);
-      return 2;
+    if (target == nullptr) return fputs(kWatchUsage, stderr), 2;
+    if (!ParseUnsigned(optarg, 1u << 30, target)) {
+      Fail(c == 'c' ? "--count takes a decimal number 0..1073741824: %s"
+                    : "--seconds takes a decimal number 0..1073741824: %s", optarg);
     }
   }
   if (optind != argc) Fail("unexpected argument %s", argv[optind]);

@@ -1,5 +1,7 @@
 // The host event bus. Registry: one file per receiver in $VELMAR_ROOT/run/evbus/, named by the
 // receiver's name with "/" replaced by "_", holding "<16 hex digits mask> <socket path>\n".
+// A receiver's name is a device path, so its file always begins with "_"; files beginning with
+// "." (the registration being written) are never receivers.
 // Wire format of one event, one datagram: "EVB1", event (u32 LE), payload length (u32 LE),
 // payload (at most 8192 bytes). Socket paths lie under the sandbox root.
 #include <dirent.h>
@@ -31,13 +33,15 @@ constexpr size_t kRecvBufferSize = 16384;
 
 std::string RegistryDir() { return RootedPath("/run/evbus"); }
 
-std::string RegistryFile(const char* name) {
+std::string RegistryName(const char* name) {
   std::string file(name);
   for (char& c : file) {
     if (c == '/') c = '_';
   }
-  return RegistryDir() + "/" + file;
+  return file;
 }
+
+std::string RegistryFile(const char* name) { return RegistryDir() + "/" + RegistryName(name); }
 
 // Fills addr with the rooted socket path. False when it does not fit sun_path.
 bool SocketAddress(const char* path, sockaddr_un* addr, socklen_t* len) {
@@ -50,8 +54,11 @@ bool SocketAddress(const char* path, sockaddr_un* addr, socklen_t* len) {
   return true;
 }
 
-bool WriteFileAtomically(const std::string& path, const std::string& text) {
-  std::string tmp = path + ".tmp";
+// Writes dir/name through a temporary file dir/.name.tmp, which no reader takes for a receiver.
+bool WriteFileAtomically(const std::string& dir, const std::string& name,
+                         const std::string& text) {
+  std::string path = dir + "/" + name;
+  std::string tmp = dir + "/." + name + ".tmp";
   int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) return false;
   bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
@@ -108,7 +115,7 @@ class HostPublisher : public IEventPublisher {
     while (sock >= 0) {
       dirent* entry = readdir(dir);
       if (entry == nullptr) break;
-      if (entry->d_name[0] == '.' || strstr(entry->d_name, ".tmp") != nullptr) continue;
+      if (entry->d_name[0] == '.') continue;
       if (SendTo(sock, RegistryDir() + "/" + entry->d_name, event, datagram, size)) ++reached;
     }
     if (sock >= 0) close(sock);
@@ -126,12 +133,17 @@ class HostPublisher : public IEventPublisher {
     bool got = fgets(line, sizeof(line), f) != nullptr;
     fclose(f);
     uint64_t mask = 0;
-    char path[sizeof(line)];
-    if (!got || sscanf(line, "%16" SCNx64 " %511s", &mask, path) != 2) return false;
+    int pathAt = 0;
+    if (!got || sscanf(line, "%16" SCNx64 " %n", &mask, &pathAt) != 1 || pathAt == 0) {
+      return false;
+    }
     if ((mask & (1ULL << static_cast<unsigned>(event))) == 0) return false;
+    // The socket path is the rest of the line: it may hold spaces.
+    char* path = line + pathAt;
+    path[strcspn(path, "\n")] = '\0';
     sockaddr_un addr;
     socklen_t addrLen;
-    if (!SocketAddress(path, &addr, &addrLen)) return false;
+    if (*path == '\0' || !SocketAddress(path, &addr, &addrLen)) return false;
     ssize_t n = sendto(sock, datagram, static_cast<size_t>(size), MSG_DONTWAIT,
                        reinterpret_cast<sockaddr*>(&addr), addrLen);
     return n == size;
@@ -148,12 +160,12 @@ IEventPublisher* SetEventPublisherForTest(IEventPublisher* publisher) {
 }
 
 int RegisterEventReciever(const char* name, int64_t mask) {
-  if (name == nullptr || name[0] == '\0') return -1;
+  if (name == nullptr || name[0] != '/' || strchr(name, '\n') != nullptr) return -1;
   if (MakeDirs(RegistryDir().c_str()) != 0) return -1;
   char line[600];
   int n = snprintf(line, sizeof(line), "%016" PRIx64 " %s\n", static_cast<uint64_t>(mask), name);
   if (n < 0 || static_cast<size_t>(n) >= sizeof(line)) return -1;
-  return WriteFileAtomically(RegistryFile(name), line) ? 0 : -1;
+  return WriteFileAtomically(RegistryDir(), RegistryName(name), line) ? 0 : -1;
 }
 
 int UnregisterEventReciever(const char* name) {

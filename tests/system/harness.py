@@ -136,6 +136,7 @@ def db_rows(mount_dir):
     if not os.path.exists(path):
         return []
     con = sqlite3.connect("file:%s?mode=ro" % path, uri=True)
+    con.text_factory = lambda b: b.decode("utf-8", "replace")  # names may hold any bytes
     try:
         rows = con.execute("SELECT seq, type, fullpath, dir, filename, valid, net, trans, "
                            "result, server FROM ftp_log ORDER BY id").fetchall()
@@ -147,10 +148,10 @@ def db_rows(mount_dir):
         out.append({"seq": r[0], "type": r[1], "fullpath": r[2], "dir": r[3], "filename": r[4],
                     "valid": r[5], "net": r[6], "trans": r[7], "result": r[8],
                     "port": struct.unpack_from("<H", server)[0],
-                    "host": server[2:34].split(b"\0")[0].decode(),
-                    "user": server[34:66].split(b"\0")[0].decode(),
-                    "password": server[66:98].split(b"\0")[0].decode(),
-                    "path": server[98:226].split(b"\0")[0].decode()})
+                    "host": server[2:34].split(b"\0")[0].decode(errors="replace"),
+                    "user": server[34:66].split(b"\0")[0].decode(errors="replace"),
+                    "password": server[66:98].split(b"\0")[0].decode(errors="replace"),
+                    "path": server[98:226].split(b"\0")[0].decode(errors="replace")})
     return out
 
 
