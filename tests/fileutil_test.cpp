@@ -7,12 +7,14 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <string>
 
 #include "platform/fileutil.h"
+#include "platform/log.h"
 #include "tests/fakes/fakes.h"
 
 namespace {
@@ -110,6 +112,16 @@ TEST(FileUtilTest, ExistenceSizeAndWholeFileReads) {
   EXPECT_EQ(MakeDirs((root.path() + "/x/y/z").c_str()), 0);
   EXPECT_EQ(fileisexist((root.path() + "/x/y/z").c_str()), 0);
   EXPECT_EQ(MakeDirs((file + "/sub").c_str()), -1);  // a file is in the way
+}
+
+TEST(HostLogTest, DebugLinesReachTheLogFileOneLineEachWithControlBytesMasked) {
+  TempRoot root;
+  WriteDbgLog(2, "FTP Update [%s]\n", "u\nforged line\x1b[2J");
+  WriteDbgLog(0, "no newline %d", 7);
+  std::string text = ReadWholeFile(root.path() + "/var/log/velmar/velmar.log");
+  EXPECT_NE(text.find(" [2] FTP Update [u?forged line?[2J]\n"), std::string::npos) << text;
+  EXPECT_NE(text.find(" [0] no newline 7\n"), std::string::npos) << text;
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2);
 }
 
 }  // namespace

@@ -79,6 +79,12 @@ void WriteDbgLog(int level, const char* fmt, ...) {
     if (size == sizeof(line) - 1) --size;
     line[size++] = '\n';
   }
+  // Values from outside (names, accounts, replies) end up in log lines: a control byte among
+  // them must neither forge a line of its own nor drive the terminal that shows the log.
+  for (size_t i = 0; i + 1 < size; ++i) {
+    unsigned char c = static_cast<unsigned char>(line[i]);
+    if ((c < 0x20 && c != '\t') || c == 0x7f) line[i] = '?';
+  }
   std::lock_guard<std::mutex> guard(g_fileMutex);
   WriteAll(STDERR_FILENO, line, size);
   int fd = AppendFd(&g_dbgFile, "/var/log/velmar/velmar.log");
