@@ -16,8 +16,10 @@ class RandomDatagramTest(unittest.TestCase):
         self.assertTrue(self.velmar.wait_log("disk changed", 15), self.velmar.log())
 
     def tearDown(self):
-        self.velmar.stop()
-        self.root.remove()
+        try:
+            self.velmar.stop()
+        finally:
+            self.root.remove()
 
     def datagram(self, rng):
         kind = rng.random()
