@@ -164,7 +164,7 @@ void CFtpUploadFileMng::RunPass(ftpFileInfo_t* previous) {
         int32_t localSize = source.XsizeByPath(task.fullName);
         bool complete = serverSize >= localSize ||
                         (task.type == 1 && SnapshotTask().sendTimes != 0 &&
-                         localSize <= serverSize + kRecordingTolerance);
+                         int64_t{localSize} <= int64_t{serverSize} + kRecordingTolerance);
         WriteDbgLog(0, "seq:%d file:%s size[%d,%d] %s\n", static_cast<int>(task.seq),
                     task.fullName, serverSize, localSize, complete ? "finish!" : "...");
         if (complete) {

@@ -114,11 +114,29 @@ class Velmar:
         return self.proc is not None and self.proc.poll() is None
 
     def stop(self):
+        """Kills the service; raises AssertionError when a sanitizer of an instrumented build
+        reported something on its error output (the test then fails, also from tearDown)."""
         if self.proc is None:
             return
         if self.proc.poll() is None:
             os.killpg(self.proc.pid, signal.SIGKILL)
         self.proc.wait(timeout=10)
+        reports = sanitizer_reports(self.log())
+        if reports:
+            raise AssertionError("velmar: sanitizer report:\n" + "\n".join(reports))
+
+
+SANITIZER_MARKS = ("WARNING: ThreadSanitizer", "ERROR: AddressSanitizer", "runtime error:")
+
+
+def sanitizer_reports(text):
+    """The lines of text, with a few after each, where a sanitizer reported a fault."""
+    lines = text.splitlines()
+    out = []
+    for i, line in enumerate(lines):
+        if any(mark in line for mark in SANITIZER_MARKS):
+            out.extend(lines[i:i + 12])
+    return out
 
 
 def velmarctl(root, *args, timeout=30):

@@ -13,9 +13,11 @@ class HeartbeatTest(unittest.TestCase):
         self.velmar = Velmar(self.root)
 
     def tearDown(self):
-        self.velmar.stop()
-        self.receiver.close()
-        self.root.remove()
+        try:
+            self.velmar.stop()
+        finally:
+            self.receiver.close()
+            self.root.remove()
 
     def test_heartbeats_every_five_seconds(self):
         self.velmar.start()

@@ -45,10 +45,12 @@ class MaintenanceCycleTest(unittest.TestCase):
         self.velmar = Velmar(self.root)
 
     def tearDown(self):
-        self.velmar.stop()
-        self.server.stop()
-        self.second.stop()
-        self.root.remove()
+        try:
+            self.velmar.stop()
+        finally:
+            self.server.stop()
+            self.second.stop()
+            self.root.remove()
 
     def write(self, path, data):
         os.makedirs(os.path.dirname(path), exist_ok=True)

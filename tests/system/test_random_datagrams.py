@@ -17,8 +17,10 @@ class RandomDatagramTest(unittest.TestCase):
         self.assertTrue(self.velmar.wait_log("disk changed", 15), self.velmar.log())
 
     def tearDown(self):
-        self.velmar.stop()
-        self.root.remove()
+        try:
+            self.velmar.stop()
+        finally:
+            self.root.remove()
 
     MAX_NEW_TASKS = 300  # well below the queue's limit of 1000, which admission must leave room
 

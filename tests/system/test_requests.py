@@ -15,8 +15,10 @@ class RequestTest(unittest.TestCase):
         self.sd1 = self.root.under("/mnt/sd1")
 
     def tearDown(self):
-        self.velmar.stop()
-        self.root.remove()
+        try:
+            self.velmar.stop()
+        finally:
+            self.root.remove()
 
     def test_upload_trans_and_watch(self):
         # A real local file and a server nobody listens on: the task stays queued (its

@@ -2,6 +2,7 @@
 import filecmp
 import json
 import os
+import re
 import subprocess
 import time
 import unittest
@@ -29,12 +30,14 @@ class UploadTest(unittest.TestCase):
         self.watch = None
 
     def tearDown(self):
-        if self.watch:
-            self.watch.stop()
-        self.velmar.stop()
-        if self.server:
-            self.server.stop()
-        self.root.remove()
+        try:
+            if self.watch:
+                self.watch.stop()
+            self.velmar.stop()
+        finally:
+            if self.server:
+                self.server.stop()
+            self.root.remove()
 
     def start(self, throttle=0):
         self.server = FtpServer(self.served, throttle=throttle).start()
@@ -89,12 +92,18 @@ class UploadTest(unittest.TestCase):
         self.assertTrue(wait_until(lambda: self.watch.task_status(), 120, step=1),
                         self.velmar.log()[-3000:])
         self.assertTrue(filecmp.cmp(expected, self.remote("front.avi"), shallow=False))
+        # Exactly the length the stream announced when velmar opened the recording.
+        with open(self.velmar.out_path) as f:
+            announced = set(re.findall(r"^filelen = (\d+),", f.read(), re.M))
+        self.assertEqual(announced, {str(os.path.getsize(self.remote("front.avi")))})
         probe = json.loads(subprocess.run(
-            ["ffprobe", "-v", "error", "-show_streams", "-of", "json", self.remote("front.avi")],
+            ["ffprobe", "-v", "error", "-fflags", "+sortdts", "-count_packets", "-show_format",
+             "-show_streams", "-of", "json", self.remote("front.avi")],
             check=True, capture_output=True, text=True).stdout)
         video = [s for s in probe["streams"] if s["codec_type"] == "video"]
-        self.assertEqual((video[0]["codec_name"], video[0]["width"], video[0]["height"]),
-                         ("h264", 640, 480))
+        self.assertEqual((video[0]["codec_name"], video[0]["width"], video[0]["height"],
+                          video[0]["nb_read_packets"]), ("h264", 640, 480, "500"))  # 20 s, 25 fps
+        self.assertAlmostEqual(float(probe["format"]["duration"]), 20.0, delta=0.05)
 
     def test_kill_during_upload_resumes_from_the_servers_size(self):
         local = self.root.under("/data/big.bin")
@@ -104,15 +113,20 @@ class UploadTest(unittest.TestCase):
         self.assertTrue(wait_until(lambda: os.path.exists(self.remote("big.bin")) and
                                    os.path.getsize(self.remote("big.bin")) > (40 << 20), 60))
         self.velmar.stop()  # SIGKILL
-        partial = os.path.getsize(self.remote("big.bin"))
+        # The server still stores what the socket held; then the copy stands still.
+        sizes = []
+        self.assertTrue(wait_until(lambda: sizes.append(os.path.getsize(self.remote("big.bin")))
+                                   or (len(sizes) > 5 and sizes[-1] == sizes[-6]), 30, step=0.2))
+        partial = sizes[-1]
         self.assertLess(partial, 200 << 20)
         self.velmar = Velmar(self.root)
         self.watch = Watch(self.root, 120)
         self.velmar.start()
         self.assertTrue(wait_until(lambda: self.watch.task_status(), 120, step=1),
                         self.velmar.log()[-3000:])
-        self.assertIn("size[", self.velmar.log())
-        self.assertIn("...", self.velmar.log())  # continued (mode 1), not started anew
+        # Continued (mode 1) from exactly what the server held, not started anew.
+        self.assertIn("seq:9 file:%s size[%d,%d] ..." % (local, partial, 200 << 20),
+                      self.velmar.log())
         self.assertTrue(filecmp.cmp(local, self.remote("big.bin"), shallow=False))
         self.assertEqual(self.watch.task_status(), ["task-status seq=9 status=0"])
         self.assertEqual(self.all_rows(), [])
@@ -155,17 +169,20 @@ class UploadTest(unittest.TestCase):
         time.sleep(4)
         self.assertEqual(os.path.getsize(self.remote("rec.avi")), stopped)
         self.assertEqual([r["trans"] for r in self.all_rows()], [0])
+
+        # Delete: a second recording task, queued while the first one holds the engine,
+        # vanishes from the database and is never sent, also once the first one is done.
+        self.queue(name, 22, "gone.avi", recording=True)
+        self.assertTrue(wait_until(lambda: any(r["seq"] == 22 for r in self.all_rows()), 10))
+        self.assertEqual(velmarctl(self.root, "trans", "delete", "--seq", "22").returncode, 0)
+        self.assertTrue(wait_until(lambda: [r["seq"] for r in self.all_rows()] == [21], 10))
         self.assertEqual(velmarctl(self.root, "trans", "on", "--seq", "21").returncode, 0)
         self.assertTrue(wait_until(lambda: self.watch.task_status(), 150, step=1),
                         self.velmar.log()[-3000:])
         self.assertTrue(filecmp.cmp(expected, self.remote("rec.avi"), shallow=False))
-
-        # Delete: a second recording task vanishes from the database and is not sent.
-        self.queue(name, 22, "gone.avi", recording=True)
-        self.assertTrue(wait_until(lambda: any(r["seq"] == 22 for r in self.all_rows()), 10))
-        self.assertEqual(velmarctl(self.root, "trans", "delete", "--seq", "22").returncode, 0)
-        self.assertTrue(wait_until(lambda: not self.all_rows(), 10))
-        time.sleep(3)
+        self.assertEqual(self.all_rows(), [])
+        time.sleep(5)  # a task still queued would be on its way now
+        self.assertFalse(os.path.exists(self.remote("gone.avi")))
         self.assertEqual(self.watch.task_status(), ["task-status seq=21 status=0"])
 
 
