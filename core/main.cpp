@@ -2,6 +2,7 @@
 // It has no command line and no configuration of its own; VELMAR_ROOT (empty on the device)
 // names the sandbox root under which it finds its fixed paths.
 #include <signal.h>
+#include <unistd.h>
 
 #include <cstdio>
 
@@ -14,7 +15,9 @@
 #include "upload/ftp_upload_file_mng.h"
 
 int main() {
-  setvbuf(stdout, nullptr, _IOLBF, 0);
+  // A send prints a line per 16 KiB block: on a terminal line by line, elsewhere in blocks
+  // that the main loop flushes on every pass.
+  setvbuf(stdout, nullptr, isatty(STDOUT_FILENO) ? _IOLBF : _IOFBF, 0);
   // A peer that closes a socket must end a transfer, not the service.
   signal(SIGPIPE, SIG_IGN);
 

@@ -1,5 +1,6 @@
 #include "core/main_loop.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -58,6 +59,7 @@ void CMainLoop::Pass() {
     m_targets.checkDisks(Seconds(now));
   }
   m_targets.schedule(Seconds(now));
+  fflush(stdout);  // block-buffered when it is not a terminal: let its reader keep up
   ClockSleepUs(kPassPauseUs);
 }
 

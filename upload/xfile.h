@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 class CReadAvi;
 struct AviFileInfo_t;
@@ -38,4 +39,7 @@ class CXFile {
 
  private:
   AviFileInfo_t* Avi() const { return static_cast<AviFileInfo_t*>(m_pHandle); }
+  // The stream buffer of an open plain file; kept for the life of the source, since a plain
+  // file is closed only by Xclose.
+  std::unique_ptr<char[]> m_readBuffer;
 };
