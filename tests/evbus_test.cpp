@@ -29,6 +29,12 @@ struct Inbox {
     return 0;
   }
 
+  // A copy of datagram i, taken under the lock: the listener thread may be appending.
+  std::vector<uint8_t> At(size_t i) {
+    std::lock_guard<std::mutex> g(mutex);
+    return i < datagrams.size() ? datagrams[i] : std::vector<uint8_t>();
+  }
+
   bool WaitFor(size_t n) {
     std::unique_lock<std::mutex> lock(mutex);
     return cv.wait_for(lock, std::chrono::seconds(5), [&] { return datagrams.size() >= n; });
@@ -64,7 +70,7 @@ TEST_F(EventBusTest, HeartbeatReachesARegisteredReceiverAsWireBytes) {
   const char service[] = "velmar";
   expected.insert(expected.end(), service, service + 6);
   expected.resize(12 + 68, 0);
-  EXPECT_EQ(inbox.datagrams[0], expected);
+  EXPECT_EQ(inbox.At(0), expected);
 
   // Only receivers reached count: the mask of the listener excludes event 22.
   uint8_t payload[3] = {1, 2, 3};
@@ -72,7 +78,7 @@ TEST_F(EventBusTest, HeartbeatReachesARegisteredReceiverAsWireBytes) {
   EXPECT_EQ(DistributeEvent(EVENT_HEARTBEAT, 3, payload), 1);
   EXPECT_EQ(DistributeEvent(EVENT_HEARTBEAT, kEventPayloadMax + 1, payload), -1);
   ASSERT_TRUE(inbox.WaitFor(2));
-  EXPECT_EQ(inbox.datagrams[1].size(), 15u);
+  EXPECT_EQ(inbox.At(1).size(), 15u);
 
   EXPECT_EQ(UnregisterEventReciever(name), 0);
   EXPECT_EQ(DistributeEvent(EVENT_HEARTBEAT, 3, payload), 0);
