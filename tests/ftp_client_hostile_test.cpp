@@ -216,14 +216,9 @@ TEST_F(FtpClientHostileTest, SilentServerHitsTheTimeLimit) {
   {
     // A listener with a full queue (backlog 0): the kernel drops further connection requests
     // unanswered, so the connect hangs until the client's limit.
-    int l = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof(a);
-    ASSERT_EQ(bind(l, reinterpret_cast<sockaddr*>(&a), sizeof(a)), 0);
-    ASSERT_EQ(listen(l, 0), 0);
-    ASSERT_EQ(getsockname(l, reinterpret_cast<sockaddr*>(&a), &len), 0);
+    sockaddr_in a;
+    int l = LoopbackSocket(0, &a);
+    ASSERT_GE(l, 0);
     std::vector<int> queued;
     for (bool answered = true; answered && queued.size() < 8;) {
       queued.push_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));

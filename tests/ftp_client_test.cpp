@@ -195,13 +195,9 @@ TEST_F(FtpClientServerTest, HostNameLoginAndConnectFailuresAndIpv6) {
   EXPECT_LT(wrong->FtpGetServerDirFile(), 0);  // no session after a failed start
 
   // A port nobody listens on: bind one, note it, close it.
-  int s = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof(a);
-  ASSERT_EQ(bind(s, reinterpret_cast<sockaddr*>(&a), sizeof(a)), 0);
-  ASSERT_EQ(getsockname(s, reinterpret_cast<sockaddr*>(&a), &len), 0);
+  sockaddr_in a;
+  int s = LoopbackSocket(-1, &a);
+  ASSERT_GE(s, 0);
   close(s);
   m_server.reset();
   auto refused = Client("/", "", "a");

@@ -16,6 +16,8 @@
 #include <thread>
 #include <vector>
 
+#include "tests/fakes/fakes.h"
+
 class ScriptConn {
  public:
   static constexpr int kWaitMs = 5000;
@@ -69,14 +71,8 @@ class ScriptConn {
 
   // Opens a passive listener on 127.0.0.1 and returns its port.
   int OpenData() {
-    m_dataListen = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof(a);
-    bind(m_dataListen, reinterpret_cast<sockaddr*>(&a), sizeof(a));
-    listen(m_dataListen, 1);
-    getsockname(m_dataListen, reinterpret_cast<sockaddr*>(&a), &len);
+    sockaddr_in a;
+    m_dataListen = LoopbackSocket(1, &a);
     return ntohs(a.sin_port);
   }
 
@@ -157,14 +153,8 @@ class ScriptConn {
 class ScriptServer {
  public:
   explicit ScriptServer(std::function<void(ScriptConn&)> script) {
-    m_listen = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof(a);
-    bind(m_listen, reinterpret_cast<sockaddr*>(&a), sizeof(a));
-    listen(m_listen, 1);
-    getsockname(m_listen, reinterpret_cast<sockaddr*>(&a), &len);
+    sockaddr_in a;
+    m_listen = LoopbackSocket(1, &a);
     m_port = ntohs(a.sin_port);
     m_thread = std::thread([this, script] {
       pollfd p{m_listen, POLLIN, 0};

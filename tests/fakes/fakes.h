@@ -2,6 +2,8 @@
 // the host implementation on destruction.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -134,6 +136,10 @@ class FakeBus : public IEventPublisher {
 };
 
 // Records command lines instead of running them; answers with `result`.
+// A TCP socket bound to 127.0.0.1 on a port the kernel chose, listening with backlog (none
+// when backlog < 0); its address goes to *addr. -1 on failure.
+int LoopbackSocket(int backlog, sockaddr_in* addr);
+
 class FakeShell : public IShellRunner {
  public:
   FakeShell();
