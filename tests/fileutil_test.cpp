@@ -118,10 +118,12 @@ TEST(HostLogTest, DebugLinesReachTheLogFileOneLineEachWithControlBytesMasked) {
   TempRoot root;
   WriteDbgLog(2, "FTP Update [%s]\n", "u\nforged line\x1b[2J");
   WriteDbgLog(0, "no newline %d", 7);
+  WriteDbgLog(0, "\n\n%s:%d exist!\n\n", "a\nb", 3);  // a format's own blank lines stay
   std::string text = ReadWholeFile(root.path() + "/var/log/velmar/velmar.log");
   EXPECT_NE(text.find(" [2] FTP Update [u?forged line?[2J]\n"), std::string::npos) << text;
   EXPECT_NE(text.find(" [0] no newline 7\n"), std::string::npos) << text;
-  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2);
+  EXPECT_NE(text.find(" [0] \n\na?b:3 exist!\n\n"), std::string::npos) << text;
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 6);
 }
 
 }  // namespace

@@ -80,8 +80,13 @@ void WriteDbgLog(int level, const char* fmt, ...) {
     line[size++] = '\n';
   }
   // Values from outside (names, accounts, replies) end up in log lines: a control byte among
-  // them must neither forge a line of its own nor drive the terminal that shows the log.
-  for (size_t i = 0; i + 1 < size; ++i) {
+  // them must neither forge a line of its own nor drive the terminal that shows the log. Blank
+  // lines that a format puts before or after its text are kept.
+  size_t first = static_cast<size_t>(len) - strlen(text);  // where the text begins
+  while (first < size && line[first] == '\n') ++first;
+  size_t last = size;
+  while (last > first && line[last - 1] == '\n') --last;
+  for (size_t i = first; i < last; ++i) {
     unsigned char c = static_cast<unsigned char>(line[i]);
     if ((c < 0x20 && c != '\t') || c == 0x7f) line[i] = '?';
   }
