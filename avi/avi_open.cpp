@@ -5,6 +5,7 @@
 
 #include "avi/avi_layout.h"
 #include "avi/read_avi.h"
+#include "platform/env.h"
 #include "platform/status.h"
 #include "platform/text.h"
 
@@ -31,12 +32,12 @@ PictureSize SizeOfResolution(uint32_t code) {
 
 // Looks the partition id up in the status lists 15, 17 and 16, in this order. On a match copies
 // its path into access and item->part_path and returns true.
-bool FindPartition(int id, PartAccess_t* access, RecordItem_t* item) {
+bool FindPartition(Env* env, int id, PartAccess_t* access, RecordItem_t* item) {
   const STATUS_E codes[] = {STATUS_PART_LIST_A, STATUS_PART_LIST_B, STATUS_PART_LIST_C};
   for (STATUS_E code : codes) {
     PartStatus_t list;
     memset(&list, 0, sizeof(list));
-    if (GetStatus(code, &list) != 0) {
+    if (env->GetStatus(code, &list) != 0) {
       if (code == STATUS_PART_LIST_C) return false;
       continue;
     }
@@ -54,8 +55,9 @@ bool FindPartition(int id, PartAccess_t* access, RecordItem_t* item) {
 // Sum of (24 + payload) over every frame of the span, read with a reader of its own. The info
 // frames update the stream's info record (record) on the way, as a reading would; their
 // lengths depend on the subtype alone.
-uint64_t PreScan(const RecordItem_t& item, const PartAccess_t& access, uint8_t* record) {
-  CReadDisk* reader = NewReadDisk();
+uint64_t PreScan(Env* env, const RecordItem_t& item, const PartAccess_t& access,
+                 uint8_t* record) {
+  CReadDisk* reader = env->NewReadDisk();
   if (reader == nullptr) return 0;
   PartAccess_t acc = access;
   RecordItem_t it = item;
@@ -94,7 +96,7 @@ AviFileInfo_t* CReadAvi::ReadAviOpen(const char* name) {
   memset(&item, 0, sizeof(item));
   uint8_t device[kStatusDeviceSize];
   memset(device, 0, sizeof(device));
-  GetStatus(STATUS_DEVICE, device);
+  m_env->GetStatus(STATUS_DEVICE, device);
   PartAccess_t access;
   memset(&access, 0, sizeof(access));
   access.devWord = LoadLE32(device);
@@ -111,7 +113,7 @@ AviFileInfo_t* CReadAvi::ReadAviOpen(const char* name) {
   item.end_time = static_cast<uint32_t>(end);
   item.record_type = static_cast<uint32_t>(type);
   item.record_size = static_cast<uint32_t>(size);
-  bool found = FindPartition(partition, &access, &item);
+  bool found = FindPartition(m_env, partition, &access, &item);
   printf("-------------------item.RecordItem.record_type = %d\n", type);
 
   // Refusals: without a partition the reader would be pointed at no path at all, and a span
@@ -128,7 +130,7 @@ AviFileInfo_t* CReadAvi::ReadAviOpen(const char* name) {
 
   AviFileInfo_t* h = static_cast<AviFileInfo_t*>(calloc(1, sizeof(AviFileInfo_t)));
   if (h == nullptr) return nullptr;
-  h->reader = NewReadDisk();
+  h->reader = m_env->NewReadDisk();
   if (h->reader == nullptr) {
     free(h);
     return nullptr;
@@ -189,7 +191,7 @@ int CReadAvi::ReadAviInit(AviFileInfo_t* h, const RecordItem_t* item, const Part
     movilen = static_cast<uint64_t>(item->record_size) + 1036 +
               static_cast<uint64_t>(kAviChunkOverhead) * h->video_frametotal;
   } else {
-    movilen = PreScan(*h->item, *access, h->bt_record) + 1036;
+    movilen = PreScan(m_env, *h->item, *access, h->bt_record) + 1036;
   }
   movilen = (movilen + 15) & ~static_cast<uint64_t>(15);
   uint64_t indexLen = 16ull * h->index_max;

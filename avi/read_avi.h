@@ -96,9 +96,14 @@ struct AviFileInfo_t {
   uint8_t bt_record[kAviInfoRecordLen];
 };
 
-// The AVI stream's operations. Holds no state: any object serves any stream.
+class Env;
+
+// The AVI stream's operations. Holds only its Env (recorder status and frame-store readers):
+// any object on the same Env serves any stream.
 class CReadAvi {
  public:
+  explicit CReadAvi(Env* env) : m_env(env) {}
+
   // Opens the recording named "/%04d_%08x_%d_%d_%d_%d_%d.avi" (channel, file number, partition,
   // start, end, record type, record size). Returns a new handle, or null when the name names no
   // partition, the span is empty backwards or too long, or the reader cannot describe it.
@@ -131,4 +136,7 @@ class CReadAvi {
                      uint32_t length);
   int ReadAviAddWidx(AviFileInfo_t* h, uint32_t type, uint32_t flags, uint32_t offset,
                      uint32_t length);
+
+ private:
+  Env* m_env;
 };

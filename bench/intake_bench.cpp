@@ -9,37 +9,38 @@
 #include <string>
 
 #include "control/ftp_ctrl_mng.h"
+#include "platform/byteorder.h"
+#include "platform/env.h"
 #include "platform/file2ftpdb.h"
 #include "platform/fileutil.h"
-#include "platform/log.h"
 #include "platform/status.h"
+#include "platform/text.h"
+#include "upload/ftp_upload_file_mng.h"
 
 namespace {
 
-// Swallows the per-task log lines; counts failed database writes.
-class QuietLog : public ILogSink {
+// One disk with id 1 at dir; counts failed database writes. Everything else is the host's.
+class OneDiskEnv : public EnvWrapper {
  public:
-  int errors = 0;
-  void OnDbgLine(int, const char* line) override {
-    if (strstr(line, "error") != nullptr) ++errors;
-  }
-  void OnUserRecord(int, unsigned, const void*, unsigned) override {}
-};
+  struct CountingDb : public CFile2FtpDbMng {
+    int errors = 0;
+    int Insert(__ftp_log* row) override {
+      int r = CFile2FtpDbMng::Insert(row);
+      if (r < 0) ++errors;
+      return r;
+    }
+  };
 
-// One disk with id 1 at dir.
-class OneDisk : public IStatusService {
- public:
-  explicit OneDisk(std::string dir) : m_dir(std::move(dir)) {}
+  explicit OneDiskEnv(std::string dir) : EnvWrapper(Env::Default()), m_dir(std::move(dir)) {}
   int GetStatus(STATUS_E which, void* buf) override {
     memset(buf, 0, StatusRecordSize(which));
     uint8_t* b = static_cast<uint8_t*>(buf);
-    int32_t one = 1;
     if (which == STATUS_DISK) {
-      memcpy(b, &one, 4);
-      memcpy(b + 4, &one, 4);
-      memcpy(b + 12, &one, 4);
+      StoreLE32(b, 1);
+      StoreLE32(b + 4, 1);
+      StoreLE32(b + 12, 1);
     } else if (which == STATUS_RECORDER) {
-      memcpy(b + 128, &one, 4);
+      StoreLE32(b + 128, 1);
     }
     return 0;
   }
@@ -49,17 +50,17 @@ class OneDisk : public IStatusService {
     if (usage == DISK_USAGE_UPLOAD) {
       list->count = 1;
       list->part[0].type = 1;
-      strncpy(list->part[0].path, m_dir.c_str(), sizeof(list->part[0].path) - 1);
+      CopyText(list->part[0].path, sizeof(list->part[0].path), m_dir.c_str());
     }
     return 0;
   }
-  int CheckDog() override { return 0; }
+  CFile2FtpDbMng* TaskDb() override { return &db; }
+
+  CountingDb db;
 
  private:
   std::string m_dir;
 };
-
-class BenchCtrlMng : public CFtpCtrlMng {};
 
 void BM_InsertFileInfo(benchmark::State& state) {
   char tmpl[] = "./bench-intake-XXXXXX";
@@ -67,13 +68,13 @@ void BM_InsertFileInfo(benchmark::State& state) {
   char cwd[512];
   std::string dir = std::string(getcwd(cwd, sizeof(cwd))) + "/" + base.substr(2) + "/mnt/sd1";
   MakeDirs(dir.c_str());
-  QuietLog quiet;
-  ILogSink* prevLog = SetLogSinkForTest(getenv("BENCH_VERBOSE") ? nullptr : &quiet);
-  OneDisk disk(dir);
-  IStatusService* prevStatus = SetStatusServiceForTest(&disk);
-
-  CFile2FtpDbMng::Instance()->m_bTabOpen = 0;
-  BenchCtrlMng* mng = new BenchCtrlMng();
+  // The per-task log lines go to the bench directory, not to the terminal.
+  setenv("VELMAR_ROOT", base.c_str(), 1);
+  int savedErr = dup(STDERR_FILENO);
+  if (getenv("BENCH_VERBOSE") == nullptr) (void)!freopen("/dev/null", "w", stderr);
+  OneDiskEnv env(dir);
+  CFtpUploadFileMng engine(&env);
+  CFtpCtrlMng* mng = new CFtpCtrlMng(&env, &engine);
   mng->CheckDiskState(100);
   ftpFileInfo_t task{};
   task.valid = 1;
@@ -89,10 +90,12 @@ void BM_InsertFileInfo(benchmark::State& state) {
       mng->m_taskList.clear();
     }
   }
-  if (quiet.errors > 0) state.SkipWithError("database writes failed");
+  if (env.db.errors > 0) state.SkipWithError("database writes failed");
   state.SetItemsProcessed(n);
-  SetStatusServiceForTest(prevStatus);
-  SetLogSinkForTest(prevLog);
+  delete mng;
+  fflush(stderr);
+  dup2(savedErr, STDERR_FILENO);
+  close(savedErr);
   (void)!system(("rm -rf " + base).c_str());
 }
 BENCHMARK(BM_InsertFileInfo)->Unit(benchmark::kMicrosecond)->MinTime(3.0)->UseRealTime();

@@ -5,6 +5,7 @@
 
 #include "control/ftp_ctrl_mng.h"
 #include "platform/byteorder.h"
+#include "platform/env.h"
 #include "platform/file2ftpdb.h"
 #include "platform/fileutil.h"
 #include "platform/log.h"
@@ -34,17 +35,17 @@ int Clamp8(int32_t count) { return count < 0 ? 0 : (count > 8 ? 8 : count); }
 
 // Fills the slot directories from the mount lists: usage 18 for types 1, 6, 5, 7, 8 and
 // usage 14 for type 9; a later entry of the same type wins.
-void ReadSlotDirs(char dirs[kSlotCount][128]) {
+void ReadSlotDirs(Env* env, char dirs[kSlotCount][128]) {
   memset(dirs, 0, kSlotCount * 128);
   PartStatus_t list;
   memset(&list, 0, sizeof(list));
-  GetDiskForCommUsage(DISK_USAGE_UPLOAD, &list, nullptr);
+  env->GetDiskForCommUsage(DISK_USAGE_UPLOAD, &list);
   for (int i = 0; i < Clamp8(list.count); ++i) {
     int slot = SlotOf(list.part[i].type);
     if (slot >= 0 && slot < 5) CopyField(dirs[slot], 128, list.part[i].path, 128);
   }
   memset(&list, 0, sizeof(list));
-  GetDiskForCommUsage(DISK_USAGE_TYPE9, &list, nullptr);
+  env->GetDiskForCommUsage(DISK_USAGE_TYPE9, &list);
   for (int i = 0; i < Clamp8(list.count); ++i) {
     if (list.part[i].type == 9) CopyField(dirs[5], 128, list.part[i].path, 128);
   }
@@ -55,12 +56,12 @@ void ReadSlotDirs(char dirs[kSlotCount][128]) {
 void CFtpCtrlMng::CheckDiskState(uint32_t seconds) {
   uint8_t disks[kStatusDiskSize] = {};
   int count = 0;
-  if (GetStatus(STATUS_DISK, disks) == 0) {
+  if (m_env->GetStatus(STATUS_DISK, disks) == 0) {
     count = static_cast<int32_t>(LoadLE32(disks));
     if (count <= 0) return;
   }
   char dirs[kSlotCount][128];
-  ReadSlotDirs(dirs);
+  ReadSlotDirs(m_env, dirs);
   for (int i = 0; i < Clamp8(count); ++i) {
     const uint8_t* entry = disks + 4 + 12 * i;
     int id = static_cast<int32_t>(LoadLE32(entry));
@@ -73,7 +74,7 @@ void CFtpCtrlMng::CheckDiskState(uint32_t seconds) {
         // The disk is gone; its tasks stay queued. An open table may be on it, and a card
         // put back at the same mount would otherwise be written through the old handle.
         m_diskMap.erase(it);
-        CFile2FtpDbMng::Instance()->m_bTabOpen = 0;
+        m_env->TaskDb()->m_bTabOpen = 0;
         continue;
       }
       // Compared as stored (cut to 63 characters), so a long mount path is not reloaded on
@@ -82,7 +83,7 @@ void CFtpCtrlMng::CheckDiskState(uint32_t seconds) {
       CopyText(stored, sizeof(stored), dirs[slot]);
       if (strcmp(it->second.path, stored) != 0) {
         memcpy(it->second.path, stored, sizeof(stored));
-        it->second.pfnSync(it->second.path, m_taskList, &m_lock);
+        SyncDisk(it->second.path);
       }
     } else if (present && strfind_s(dirs[slot], "/mnt/")) {
       ftpDiskInfo_t disk{};
@@ -90,12 +91,12 @@ void CFtpCtrlMng::CheckDiskState(uint32_t seconds) {
       CopyText(disk.path, sizeof(disk.path), dirs[slot]);
       disk.pfnSync = dataSync;
       m_diskMap[slot] = disk;
-      dataSync(m_diskMap[slot].path, m_taskList, &m_lock);
+      SyncDisk(m_diskMap[slot].path);
     }
   }
 
   uint8_t recorder[kStatusRecorderSize] = {};
-  if (GetStatus(STATUS_RECORDER, recorder) != 0 || LoadLE32(recorder + 128) != 1 ||
+  if (m_env->GetStatus(STATUS_RECORDER, recorder) != 0 || LoadLE32(recorder + 128) != 1 ||
       m_diskMap.empty()) {
     return;
   }
@@ -108,7 +109,7 @@ void CFtpCtrlMng::CheckDiskState(uint32_t seconds) {
   if (llabs(static_cast<int64_t>(seconds) - m_lastActive) >= kReloadSeconds && idle) {
     char path[128];
     CopyText(path, sizeof(path), CurDisk().path);
-    dataSync(path, m_taskList, &m_lock);
+    SyncDisk(path);
     m_lastActive = static_cast<int32_t>(seconds);
   }
 }
@@ -125,17 +126,23 @@ void CFtpCtrlMng::FollowSmallestSlot() {
   }
   // The library keeps one table open; make the next intake open the new disk's database
   // rather than go on writing into the old one.
-  CFile2FtpDbMng::Instance()->m_bTabOpen = 0;
+  m_env->TaskDb()->m_bTabOpen = 0;
   WriteDbgLog(0, "%s:%d disk changed [%d,%s]\n", "CheckDiskState", 349, first.id, first.path);
 }
 
+void CFtpCtrlMng::SyncDisk(char* mountDir) { dataSync(m_env->TaskDb(), mountDir, m_taskList, &m_lock); }
+
 void dataSync(char* mountDir, std::list<ftpFileInfo_t>& taskList, CLock* lock) {
+  dataSync(CFile2FtpDbMng::Instance(), mountDir, taskList, lock);
+}
+
+void dataSync(CFile2FtpDbMng* db, char* mountDir, std::list<ftpFileInfo_t>& taskList,
+              CLock* lock) {
   if (!strfind_s(mountDir, "/mnt/")) return;
   char dbFile[128];
   FormatBounded(dbFile, sizeof(dbFile), "%s/%s.db", mountDir, kDbBaseName);
   if (file_exist(dbFile) != 1) return;  // this loader never creates a database
 
-  CFile2FtpDbMng* db = CFile2FtpDbMng::Instance();
   db->m_bTabOpen = 0;
   if (db->OpenTable(mountDir) < 0) {
     WriteDbgLog(0, "%s:%d open :%s db file error\n", "dataSync", 62, kDbBaseName);

@@ -2,12 +2,21 @@
 
 #include <mutex>
 
+#include "platform/env.h"
+#include "upload/ftp_upload_file_mng.h"
+
 CFtpCtrlMng* CFtpCtrlMng::m_pInstance = nullptr;
 
 CFtpCtrlMng* CFtpCtrlMng::Instance() {
   static std::once_flag once;
-  std::call_once(once, [] { m_pInstance = new CFtpCtrlMng(); });
+  std::call_once(once, [] {
+    m_pInstance = new CFtpCtrlMng(Env::Default(), CFtpUploadFileMng::Instance());
+  });
   return m_pInstance;
+}
+
+CFtpCtrlMng::CFtpCtrlMng(Env* env, CFtpUploadFileMng* engine) : m_env(env), m_pEngine(engine) {
+  engine->SetTaskControl(this);
 }
 
 ftpCurDisk_t CFtpCtrlMng::CurDisk() const {

@@ -5,19 +5,26 @@
 #include <list>
 #include <map>
 
-#include "control/ftp_records.h"
 #include "platform/thread.h"
+#include "upload/ftp_records.h"
+#include "upload/task_control.h"
+
+class CFile2FtpDbMng;
+class CFtpUploadFileMng;
+class Env;
 
 typedef void (*DataSync_f)(char* mountDir, std::list<ftpFileInfo_t>& taskList, CLock* lock);
 
 // Loads the tasks of the database of the disk mounted at mountDir that are not in taskList
-// yet, appending them under *lock.
+// yet, appending them under *lock. The first form uses the host database.
 void dataSync(char* mountDir, std::list<ftpFileInfo_t>& taskList, CLock* lock);
+void dataSync(CFile2FtpDbMng* db, char* mountDir, std::list<ftpFileInfo_t>& taskList,
+              CLock* lock);
 
 struct ftpDiskInfo_t {
   int32_t id;          // status identifier 1, 5, 6, 7, 8 or 9; never 0
   char path[64];       // mount directory
-  DataSync_f pfnSync;  // always dataSync
+  DataSync_f pfnSync;  // always dataSync; the manager itself loads through its Env's database
 };
 
 struct ftpCurDisk_t {
@@ -25,22 +32,30 @@ struct ftpCurDisk_t {
   char path[128];  // mount directory
 };
 
-class CFtpCtrlMng {
+class CFtpCtrlMng : public ITaskControl {
  public:
-  // The singleton, created on first use and never destroyed. Safe from any thread.
+  // The singleton on the default Env and the engine's singleton, created on first use and
+  // never destroyed. Safe from any thread.
   static CFtpCtrlMng* Instance();
+
+  // A manager of env's disks that hands its tasks to engine, and hands itself to the engine
+  // as its task control. Both must outlive it.
+  CFtpCtrlMng(Env* env, CFtpUploadFileMng* engine);
 
   // Follows the storage disks the status service reports (every 5000 ms, main thread).
   void CheckDiskState(uint32_t seconds);
   // Admits a task: 0 admitted, -1 refused. Request thread.
   int InsertFileInfo(ftpFileInfo_t* info);
   // Transfer control of the tasks (seq, fileType): 0 off, 1 on, 2 delete.
-  void SetFtpTrans(int fileType, unsigned int ctrType, int seq);
+  void SetFtpTrans(int fileType, unsigned int ctrType, int seq) override;
   // Distributes the task status event (status 0: every task of seq is done).
   void SendTaskStatus(int seq, int status);
   // One scheduler pass (every 200 ms, main thread).
   void ScheduleTask(uint32_t seconds);
 
+  // Constant after construction.
+  Env* const m_env;
+  CFtpUploadFileMng* const m_pEngine;
   // Written only by the scheduler (main thread); read by tests.
   uint32_t m_netMask = 0;
   uint32_t m_lastSecond = 0;
@@ -63,10 +78,9 @@ class CFtpCtrlMng {
   // A copy of m_curDisk. Safe from any thread; must not be called with m_lock held.
   ftpCurDisk_t CurDisk() const;
 
- protected:
-  CFtpCtrlMng() = default;
-
  private:
+  // dataSync of mountDir through the Env's database.
+  void SyncDisk(char* mountDir);
   // Makes the smallest slot of the disk table the current disk, logging a change.
   void FollowSmallestSlot();
   // The once-a-second network step of the scheduler. False when the status is unreadable.

@@ -5,6 +5,7 @@
 
 #include "control/ftp_ctrl_mng.h"
 #include "platform/byteorder.h"
+#include "platform/env.h"
 #include "platform/file2ftpdb.h"
 #include "platform/log.h"
 #include "platform/status.h"
@@ -31,11 +32,11 @@ uint32_t MaskOfLink(int32_t link) {
 bool CFtpCtrlMng::UpdateNetwork(uint32_t seconds) {
   m_lastSecond = seconds;
   uint8_t block[kStatusNetworkSize] = {};
-  if (GetStatus(STATUS_NETWORK, block) < 0) return false;
+  if (m_env->GetStatus(STATUS_NETWORK, block) < 0) return false;
   m_netMask = MaskOfLink(static_cast<int32_t>(LoadLE32(block)));
-  int32_t state = CFtpUploadFileMng::Instance()->m_nTransState.load();  // sign-extended
+  int32_t state = m_pEngine->m_nTransState.load();  // sign-extended
   StoreLE32(block + 4, static_cast<uint32_t>(state));
-  SetStatus(STATUS_NETWORK, block);
+  m_env->SetStatus(STATUS_NETWORK, block);
   return true;
 }
 
@@ -43,7 +44,7 @@ void CFtpCtrlMng::DropHeadTask() {
   ftpFileInfo_t head = m_taskList.front();
   // The file goes with the rows, disk by disk: with no disk known, no file is removed.
   for (const auto& slot : m_diskMap) {
-    CFile2FtpDbMng::Instance()->SearchDelete(slot.second.path, head.fullName);
+    m_env->TaskDb()->SearchDelete(slot.second.path, head.fullName);
     if (head.delAfterUpload == 1) remove(head.fullName);
   }
   m_taskList.pop_front();
@@ -54,7 +55,7 @@ void CFtpCtrlMng::ScheduleTask(uint32_t seconds) {
   if (seconds != m_lastSecond && !UpdateNetwork(seconds)) return;
   CAutoLock guard(&m_lock);
   if (m_taskList.empty()) return;
-  ftpFileInfo_t held = CFtpUploadFileMng::Instance()->SnapshotTask();
+  ftpFileInfo_t held = m_pEngine->SnapshotTask();
   if (held.valid == 1) {
     FollowEngineTask(held, seconds);
   } else {
@@ -63,7 +64,7 @@ void CFtpCtrlMng::ScheduleTask(uint32_t seconds) {
 }
 
 void CFtpCtrlMng::FollowEngineTask(const ftpFileInfo_t& held, uint32_t seconds) {
-  CFtpUploadFileMng* engine = CFtpUploadFileMng::Instance();
+  CFtpUploadFileMng* engine = m_pEngine;
   auto it = m_taskList.begin();
   while (it != m_taskList.end() && strcmp(it->fullName, held.fullName) != 0) ++it;
   if (it == m_taskList.end()) return;  // the engine's task has left the queue
@@ -80,7 +81,7 @@ void CFtpCtrlMng::FollowEngineTask(const ftpFileInfo_t& held, uint32_t seconds) 
   } else {
     int remaining = 0;
     for (const auto& slot : m_diskMap) {
-      CFile2FtpDbMng* db = CFile2FtpDbMng::Instance();
+      CFile2FtpDbMng* db = m_env->TaskDb();
       db->SearchDelete(slot.second.path, held.fullName);
       remaining += db->SearchBySeqAndType(slot.second.path, static_cast<int>(held.seq), held.type);
     }
@@ -97,7 +98,7 @@ void CFtpCtrlMng::FollowEngineTask(const ftpFileInfo_t& held, uint32_t seconds) 
 
 void CFtpCtrlMng::OfferHeadTask(uint32_t seconds) {
   ftpFileInfo_t head = m_taskList.front();
-  CXFile source(head.type);
+  CXFile source(head.type, m_env);
   if (source.Xexist(head.fullName) == 0) {
     WriteDbgLog(0, "file does not exist\n");
     DropHeadTask();
@@ -105,8 +106,8 @@ void CFtpCtrlMng::OfferHeadTask(uint32_t seconds) {
     if ((head.net & m_netMask) == 0) {
       m_taskList.pop_front();  // not for the present link: to the back
       m_taskList.push_back(head);
-    } else if (CFtpUploadFileMng::Instance()->m_nBusy == 0) {
-      CFtpUploadFileMng::Instance()->SetTask(&head);
+    } else if (m_pEngine->m_nBusy == 0) {
+      m_pEngine->SetTask(&head);
     }
     m_lastActive = static_cast<int32_t>(seconds);
   } else {
@@ -114,4 +115,4 @@ void CFtpCtrlMng::OfferHeadTask(uint32_t seconds) {
   }
 }
 
-void CFtpCtrlMng::SendTaskStatus(int seq, int status) { SendTaskStatusEvent(seq, status); }
+void CFtpCtrlMng::SendTaskStatus(int seq, int status) { SendTaskStatusEvent(m_env, seq, status); }

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "control/ftp_ctrl_mng.h"
+#include "platform/env.h"
 #include "platform/file2ftpdb.h"
 #include "platform/log.h"
 #include "upload/ftp_upload_file_mng.h"
@@ -17,8 +18,7 @@ bool Matches(const ftpFileInfo_t& rec, int fileType, int seq) {
 }
 
 // Opens the current disk's table when the library has none open.
-void EnsureTableOpen(const char* diskPath, int line) {
-  CFile2FtpDbMng* db = CFile2FtpDbMng::Instance();
+void EnsureTableOpen(CFile2FtpDbMng* db, const char* diskPath, int line) {
   if (db->m_bTabOpen == 0 && db->OpenTable(diskPath) < 0) {
     WriteDbgLog(0, "%s:%d open :%s db file error\n", "SetFtpTrans", line, kDbBaseName);
   }
@@ -41,7 +41,7 @@ int CFtpCtrlMng::InsertFileInfo(ftpFileInfo_t* info) {
   WriteDbgLog(0, "set db info=>net:%d type:%d seq:%d dir:%s filename:%s fullpath:%s\n", row.net,
               static_cast<int>(row.type), static_cast<int>(row.seq), row.dir, row.filename,
               row.fullpath);
-  CFile2FtpDbMng* db = CFile2FtpDbMng::Instance();
+  CFile2FtpDbMng* db = m_env->TaskDb();
   if (db->m_bTabOpen == 0) {
     WriteDbgLog(0, "CFile2FtpDbMng Tab not open \n");
     if (db->OpenTable(disk.path) < 0) WriteDbgLog(0, "CFile2FtpDbMng open :%s error\n", disk.path);
@@ -71,16 +71,16 @@ void CFtpCtrlMng::SetFtpTrans(int fileType, unsigned int ctrType, int seq) {
 }
 
 void CFtpCtrlMng::DeleteTasks(int fileType, int seq, const char* diskPath) {
-  EnsureTableOpen(diskPath, 368);
-  CFile2FtpDbMng::Instance()->DeleteBySeqAndType(seq, static_cast<unsigned char>(fileType));
+  EnsureTableOpen(m_env->TaskDb(), diskPath, 368);
+  m_env->TaskDb()->DeleteBySeqAndType(seq, static_cast<unsigned char>(fileType));
   CAutoLock guard(&m_lock);
   m_taskList.remove_if([&](const ftpFileInfo_t& rec) { return Matches(rec, fileType, seq); });
-  CFtpUploadFileMng::Instance()->SetTaskTrans(0, 0);
+  m_pEngine->SetTaskTrans(0, 0);
 }
 
 void CFtpCtrlMng::SwitchTasks(int fileType, unsigned int ctrType, int seq, const char* diskPath) {
-  EnsureTableOpen(diskPath, 400);
-  CFile2FtpDbMng* db = CFile2FtpDbMng::Instance();
+  EnsureTableOpen(m_env->TaskDb(), diskPath, 400);
+  CFile2FtpDbMng* db = m_env->TaskDb();
   std::list<__ftp_log> rows;
   db->SearchBySeqAndType(seq, static_cast<unsigned char>(fileType), rows);
   if (rows.empty()) return;  // nothing of this sequence number is stored: nothing changes
@@ -97,5 +97,5 @@ void CFtpCtrlMng::SwitchTasks(int fileType, unsigned int ctrType, int seq, const
   for (ftpFileInfo_t& rec : m_taskList) {
     if (Matches(rec, fileType, seq)) rec.trans = static_cast<uint8_t>(ctrType);
   }
-  CFtpUploadFileMng::Instance()->SetTaskTrans(1, static_cast<uint8_t>(ctrType));
+  m_pEngine->SetTaskTrans(1, static_cast<uint8_t>(ctrType));
 }

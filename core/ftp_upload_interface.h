@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "control/ftp_records.h"
+#include "upload/ftp_records.h"
 #include "platform/evbus.h"
 
 constexpr int64_t kRequestMask = 0x0000000000410000LL;  // events 16 and 22

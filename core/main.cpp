@@ -10,7 +10,7 @@
 #include "core/ftp_upload_interface.h"
 #include "core/main_loop.h"
 #include "maintain/ftp_maintain_mng.h"
-#include "platform/clock.h"
+#include "platform/env.h"
 #include "platform/log.h"
 #include "upload/ftp_upload_file_mng.h"
 
@@ -21,11 +21,11 @@ int main() {
   // A peer that closes a socket must end a transfer, not the service.
   signal(SIGPIPE, SIG_IGN);
 
-  ClockSleepUs(3 * 1000000ULL);
+  Env::Default()->SleepUs(3 * 1000000ULL);
   CFtpMaintainMng* maintain = CFtpMaintainMng::Instance();
-  // Created before any thread that could reach them is started.
+  // Created before any thread that could reach them is started; the control manager hands
+  // itself to the engine as its task control.
   CFtpCtrlMng::Instance();
-  CFtpUploadFileMng::Instance();
 
   CFtpUploadInterface::Instance()->StartListen();
   CFtpUploadFileMng::Instance()->StartSyncThread();

@@ -6,8 +6,7 @@
 
 #include "control/ftp_ctrl_mng.h"
 #include "platform/byteorder.h"
-#include "platform/clock.h"
-#include "platform/evbus.h"
+#include "platform/env.h"
 #include "platform/log.h"
 #include "platform/status.h"
 #include "platform/text.h"
@@ -30,15 +29,16 @@ void BuildHeartbeat(uint8_t out[kHeartbeatSize]) {
 }
 
 CMainLoop::CMainLoop()
-    : CMainLoop(Targets{
+    : CMainLoop(Env::Default(),
+                Targets{
           [](uint32_t s) { CFtpCtrlMng::Instance()->CheckDiskState(s); },
           [](uint32_t s) { CFtpCtrlMng::Instance()->ScheduleTask(s); },
       }) {}
 
-CMainLoop::CMainLoop(Targets targets) : m_targets(std::move(targets)) {}
+CMainLoop::CMainLoop(Env* env, Targets targets) : m_env(env), m_targets(std::move(targets)) {}
 
 void CMainLoop::CheckWatchdog() {
-  if (CCommDog::Instance()->CheckDog() > 0) {
+  if (m_env->CheckDog() > 0) {
     WriteDbgLog(2, "FtpUpLoadMng Dog TimeOut\n");
     char record[kUserLogBufferSize] = {};
     memcpy(record, kDogTimeoutText, sizeof(kDogTimeoutText));
@@ -47,11 +47,11 @@ void CMainLoop::CheckWatchdog() {
   }
   uint8_t heartbeat[kHeartbeatSize];
   BuildHeartbeat(heartbeat);
-  DistributeEvent(EVENT_HEARTBEAT, kHeartbeatSize, heartbeat);
+  m_env->DistributeEvent(EVENT_HEARTBEAT, kHeartbeatSize, heartbeat);
 }
 
 void CMainLoop::Pass() {
-  int64_t now = msecdiff(0);
+  int64_t now = m_env->NowMs();
   // The absolute difference, so that a clock stepping backwards also triggers a step.
   if (llabs(now - m_lastCheck) >= kCheckIntervalMs) {
     CheckWatchdog();
@@ -60,7 +60,7 @@ void CMainLoop::Pass() {
   }
   m_targets.schedule(Seconds(now));
   fflush(stdout);  // block-buffered when it is not a terminal: let its reader keep up
-  ClockSleepUs(kPassPauseUs);
+  m_env->SleepUs(kPassPauseUs);
 }
 
 void CMainLoop::Run() {

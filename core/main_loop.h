@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <functional>
 
+class Env;
+
 constexpr size_t kHeartbeatSize = 68;
 constexpr int64_t kCheckIntervalMs = 5000;
 constexpr uint64_t kPassPauseUs = 200000;
@@ -21,9 +23,10 @@ class CMainLoop {
     std::function<void(uint32_t)> schedule;
   };
 
-  // Drives the control manager's CheckDiskState and ScheduleTask.
+  // Drives the control manager's CheckDiskState and ScheduleTask on the default Env.
   CMainLoop();
-  explicit CMainLoop(Targets targets);
+  // Drives targets, taking time, sleep, watchdog and bus from env (which must outlive it).
+  CMainLoop(Env* env, Targets targets);
 
   // One pass, including its 200 ms pause.
   void Pass();
@@ -34,6 +37,7 @@ class CMainLoop {
   // The watchdog check with heartbeat or time-out record.
   void CheckWatchdog();
 
+  Env* const m_env;
   Targets m_targets;
   int64_t m_lastCheck = 0;  // millisecond time of the last 5000 ms step
 };

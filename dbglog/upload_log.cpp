@@ -270,7 +270,7 @@ int UploadLog(UpgradeSet_t* settings, const int32_t* expiry, LogCmdItem_t* item)
     WriteDbgLog(2, "UploadLog out of date\n");
     return -1;
   }
-  long long deviceNo = ConfigDeviceNumber();
+  long long deviceNo = ConfigDeviceNumber(CConfig::Instance());
   if (item->scope == nullptr || item->scope[0] == '\0' || !InScope(item->scope, deviceNo)) {
     WriteDbgLog(2, "UploadLog not in scope\n");
     return -1;

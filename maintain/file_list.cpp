@@ -140,7 +140,7 @@ int CFtpMaintainMng::IsNeedLoadFile(const FtpFileItem_t* item) {
                 f[1], f[2], f[3], f[4], f[5]);
     return -1;
   }
-  long long deviceNo = ConfigDeviceNumber();
+  long long deviceNo = ConfigDeviceNumber(CConfig::Instance());
   if (item->Scope[0] == '\0') {
     puts("IsNeedLoadFile is TRUE");
     return 0;

@@ -1,5 +1,6 @@
-// Clocks and sleeping. The service takes time and sleeps only through these calls, so that
-// tests can run the long pauses on a fake clock without sleeping.
+// Clocks and sleeping of the host. The service takes time and sleeps through its Env
+// (platform/env.h), whose default calls these; a test's Env runs the long pauses on a fake
+// clock without sleeping.
 #pragma once
 
 #include <ctime>
@@ -22,16 +23,3 @@ time_t ClockTime();
 // Sleeps for us microseconds.
 void ClockSleepUs(uint64_t us);
 inline void ClockSleepMs(uint64_t ms) { ClockSleepUs(ms * 1000); }
-
-// Test seam: the clock behind the calls above.
-class IClock {
- public:
-  virtual ~IClock() = default;
-  virtual int64_t MonotonicMs() = 0;
-  virtual time_t WallSeconds() = 0;
-  virtual void SleepUs(uint64_t us) = 0;
-};
-
-// Installs clock (null: the host clock) and returns the previous one. Not thread-safe:
-// install before the threads that use it start.
-IClock* SetClockForTest(IClock* clock);

@@ -54,19 +54,23 @@ struct JTBaseSet_t {
 static_assert(sizeof(JTBaseSet_t) == 256, "JTBaseSet_t layout");
 static_assert(offsetof(JTBaseSet_t, deviceNo) == 100, "deviceNo offset");
 
+// The host configuration (XML files under etc/velmar). Its calls are virtual so that a test's
+// Env can hand over one that fails or answers what the test sets.
 class CConfig {
  public:
+  // The host instance, which Env::Default() hands over.
   static CConfig* Instance();
+  virtual ~CConfig() = default;
   // Each fills the whole record (zeroed first; stays zero where the file lacks a value, except
   // the maintenance server's port, which is the FTP port 21 when not given).
   // 0 on success, -1 when the file is missing or malformed (one log line).
-  int GetConfig(UpgradeSet_t* out, char* reserved);
-  int GetConfig(VersionInfo_t* out, char* reserved);
-  int GetConfig(JTBaseSet_t* out, char* reserved);
+  virtual int GetConfig(UpgradeSet_t* out, char* reserved);
+  virtual int GetConfig(VersionInfo_t* out, char* reserved);
+  virtual int GetConfig(JTBaseSet_t* out, char* reserved);
   // Replaces the file of type with the XML text xml, atomically. 0 or -1.
-  int SetConfigXml(PARAM_TYPE_E type, char* xml);
+  virtual int SetConfigXml(PARAM_TYPE_E type, char* xml);
 
- private:
+ protected:
   CConfig() = default;
 };
 
@@ -75,9 +79,9 @@ int GetUpgradeFilePrefix(char* out);
 
 // This recorder's device number: the decimal text of JTBaseSet_t.deviceNo, read with strtoll
 // base 10 (0 when the configuration is missing or holds no number).
-inline long long ConfigDeviceNumber() {
+inline long long ConfigDeviceNumber(CConfig* config) {
   JTBaseSet_t base;
-  CConfig::Instance()->GetConfig(&base, nullptr);  // zeroed on failure
+  config->GetConfig(&base, nullptr);  // zeroed on failure
   char text[sizeof(base.deviceNo) + 1] = {};
   memcpy(text, base.deviceNo, sizeof(base.deviceNo));
   return strtoll(text, nullptr, 10);

@@ -49,13 +49,3 @@ int EncodeEvent(EVENT_E event, const void* data, int len, unsigned char* out, si
 // gone or full is skipped without delaying the others. Returns the number of receivers
 // reached, or -1 for a bad event or length.
 int DistributeEvent(EVENT_E event, int len, void* data);
-
-// Test seam for DistributeEvent: a fake captures events instead of sending them.
-class IEventPublisher {
- public:
-  virtual ~IEventPublisher() = default;
-  virtual int Distribute(EVENT_E event, int len, const void* data) = 0;
-};
-
-// Installs publisher (null: the host bus) and returns the previous one.
-IEventPublisher* SetEventPublisherForTest(IEventPublisher* publisher);

@@ -34,38 +34,45 @@ static_assert(offsetof(__ftp_log, valid) == 264, "valid offset");
 static_assert(offsetof(__ftp_log, result) == 267, "result offset");
 static_assert(offsetof(__ftp_log, server) == 268, "server offset");
 
+// The host database (SQLite). Its calls are virtual so that a test's Env can hand over a
+// database with fault switches (busy, corrupt, full) that forwards to this one.
 class CFile2FtpDbMng {
  public:
+  // The host instance, which Env::Default() hands over.
   static CFile2FtpDbMng* Instance();
+  virtual ~CFile2FtpDbMng();
 
   // Non-zero while a table is open. Callers write 0 to make the next user reopen.
   std::atomic<unsigned char> m_bTabOpen{0};
 
   // Opens mountDir/new_file_op.db (creating it) as the table of the calls below that take no
   // directory; sets m_bTabOpen. Negative on failure.
-  int OpenTable(const char* mountDir);
-  int Insert(__ftp_log* row);
-  int InsertMore(std::list<__ftp_log>& rows);
+  virtual int OpenTable(const char* mountDir);
+  virtual int Insert(__ftp_log* row);
+  virtual int InsertMore(std::list<__ftp_log>& rows);
   // Appends every row, in insertion order. Negative on failure.
-  int SearchAll(std::list<__ftp_log>& rows);
-  int SearchBySeqAndType(int seq, unsigned char type, std::list<__ftp_log>& rows);
-  int DeleteBySeqAndType(int seq, unsigned char type);
+  virtual int SearchAll(std::list<__ftp_log>& rows);
+  virtual int SearchBySeqAndType(int seq, unsigned char type, std::list<__ftp_log>& rows);
+  virtual int DeleteBySeqAndType(int seq, unsigned char type);
   // DeleteBySeqAndType followed by InsertMore of rows, as one transaction: a crash in between
   // cannot lose the tasks. Negative on failure (nothing changed then).
-  int ReplaceBySeqAndType(int seq, unsigned char type, std::list<__ftp_log>& rows);
+  virtual int ReplaceBySeqAndType(int seq, unsigned char type, std::list<__ftp_log>& rows);
   // Rows with seq and type in the database of the disk mounted at mountDir; 0 on failure.
-  int SearchBySeqAndType(const char* mountDir, int seq, unsigned char type);
+  virtual int SearchBySeqAndType(const char* mountDir, int seq, unsigned char type);
   // Deletes the rows whose fullpath equals fullPath from the database at mountDir.
-  int SearchDelete(const char* mountDir, const char* fullPath);
+  virtual int SearchDelete(const char* mountDir, const char* fullPath);
+
+  CFile2FtpDbMng(const CFile2FtpDbMng&) = delete;
+  CFile2FtpDbMng& operator=(const CFile2FtpDbMng&) = delete;
+
+ protected:
+  // A database of its own, with no table open. Tests make one per case.
+  CFile2FtpDbMng();
 
  private:
-  CFile2FtpDbMng();
   int Rewrite(const std::pair<int, unsigned char>* key, std::list<__ftp_log>& rows);
   void DropTable();
 
- public:
-  // The implementation's state; kept public only so that the flag's offset can be checked.
   struct Impl;
   Impl* m_pImpl;
 };
-static_assert(offsetof(CFile2FtpDbMng, m_bTabOpen) == 0, "open flag is the first member");

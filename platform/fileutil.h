@@ -28,16 +28,5 @@ int systemdump(const char* command, int seconds);
 // shell's exit status, or -1.
 int system_run(const char* command);
 
-// Test seam for the two calls above: a fake records command lines instead of running them.
-class IShellRunner {
- public:
-  virtual ~IShellRunner() = default;
-  virtual int RunLimited(const char* command, int seconds) = 0;
-  virtual int RunUnlimited(const char* command) = 0;
-};
-
-// Installs runner (null: the host shell) and returns the previous one.
-IShellRunner* SetShellRunnerForTest(IShellRunner* runner);
-
 // Creates dir and its missing parents (mode 0755). 0 when it exists afterwards, -1 otherwise.
 int MakeDirs(const char* dir);

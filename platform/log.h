@@ -19,14 +19,3 @@ void WriteDbgLog(int level, const char* fmt, ...) __attribute__((format(printf, 
 // type, code and length as uint32 little-endian, then len bytes of data (at most 4096).
 // 0 on success, -1 on failure.
 int WriteUserLog(LOG_TYPE_E type, unsigned int code, unsigned int len, void* data);
-
-// Test seam: receives formatted debug lines and user-log records instead of the files.
-class ILogSink {
- public:
-  virtual ~ILogSink() = default;
-  virtual void OnDbgLine(int level, const char* line) = 0;
-  virtual void OnUserRecord(int type, unsigned int code, const void* data, unsigned int len) = 0;
-};
-
-// Installs sink (null: the host files) and returns the previous one.
-ILogSink* SetLogSinkForTest(ILogSink* sink);

@@ -77,7 +77,5 @@ class CReadDisk {
   Impl* m_pImpl = nullptr;
 };
 
-// Creates a reader: the host reader, or what a test installed.
+// Creates the host reader (Env::Default()->NewReadDisk() calls this).
 CReadDisk* NewReadDisk();
-typedef CReadDisk* (*ReadDiskFactory_f)();
-ReadDiskFactory_f SetReadDiskFactoryForTest(ReadDiskFactory_f factory);

@@ -79,16 +79,3 @@ class CCommDog {
  private:
   CCommDog() = default;
 };
-
-// Test seam: the service behind the calls above.
-class IStatusService {
- public:
-  virtual ~IStatusService() = default;
-  virtual int GetStatus(STATUS_E which, void* buf) = 0;
-  virtual int SetStatus(STATUS_E which, void* buf) = 0;
-  virtual int GetDiskForCommUsage(LOG_STATUS_E usage, PartStatus_t* list) = 0;
-  virtual int CheckDog() = 0;
-};
-
-// Installs service (null: the host service) and returns the previous one.
-IStatusService* SetStatusServiceForTest(IStatusService* service);

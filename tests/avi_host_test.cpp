@@ -23,6 +23,7 @@ class HostReaderTest : public ::testing::Test {
  protected:
   HostReaderTest() : dir(root.Make("mnt/rec/")) {
     status.partLists[15] = {FakeStatus::Entry(1, dir)};
+    env.status = &status;
     memset(&param, 0, sizeof(param));
     param.fps = 10;
     param.resolution = 3;
@@ -103,7 +104,8 @@ class HostReaderTest : public ::testing::Test {
   FakeStatus status;
   EncodeParam_t param;
   std::vector<uint8_t> bytes;
-  CReadAvi avi;
+  TestEnv env;
+  CReadAvi avi{&env};
 };
 
 TEST_F(HostReaderTest, DeliversTheSpanAndSeeksBack) {

@@ -26,7 +26,10 @@ struct AviFile {
 
 class AviTest : public ::testing::Test {
  protected:
-  AviTest() { status.partLists[15] = {FakeStatus::Entry(1, "/mnt/part1")}; }
+  AviTest() {
+    status.partLists[15] = {FakeStatus::Entry(1, "/mnt/part1")};
+    env.status = &status;
+  }
 
   // "/0001_0000000a_1_<start>_<end>_<type>_<size>.avi"
   static std::string Name(uint32_t start, uint32_t end, int type, int size, int part = 1) {
@@ -63,5 +66,6 @@ class AviTest : public ::testing::Test {
 
   FakeStatus status;
   FakeRecording rec;
-  CReadAvi avi;
+  TestEnv env;
+  CReadAvi avi{&env};
 };

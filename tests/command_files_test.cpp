@@ -161,7 +161,7 @@ TEST_F(CommandFilesTest, LogCommandClearsTheManagersCredentialsEvenWithoutLogsIn
 }
 
 TEST_F(CommandFilesTest, ConfigArchiveAppliesKnownFilesByExactName) {
-  SetShellRunnerForTest(nullptr);  // the real shell and tar
+  UseRealShell();
   root.Write("/etc/velmar/config/wifi.xml", "<wifi old=\"1\"/>");
   root.Write("/src/config/wifi.xml", "<wifi ssid=\"fleet\"/>");
   root.Write("/src/config/notes.txt", "hello");
@@ -217,7 +217,7 @@ TEST_F(CommandFilesTest, HostileArchivesAreRefusedBeforeAnythingIsUnpacked) {
   EXPECT_FALSE(Check(damaged, &why));
 
   // Through the handler with the real shell and tar: nothing lands outside, nothing applied.
-  SetShellRunnerForTest(nullptr);
+  UseRealShell();
   const std::string outside = root.path() + "/outside";
   const std::string archive = root.path() + "/dl/evil.tar";
   root.Write("/dl/evil.tar",

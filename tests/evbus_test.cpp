@@ -61,7 +61,10 @@ TEST_F(EventBusTest, HeartbeatReachesARegisteredReceiverAsWireBytes) {
 
   FakeClock clock;
   FakeStatus status;
-  CMainLoop loop(CMainLoop::Targets{[](uint32_t) {}, [](uint32_t) {}});
+  TestEnv env;
+  env.clock = &clock;
+  env.status = &status;
+  CMainLoop loop(&env, CMainLoop::Targets{[](uint32_t) {}, [](uint32_t) {}});
   clock.SetMs(10000);
   loop.Pass();
 

@@ -10,8 +10,13 @@ namespace {
 
 class MainLoopTest : public ::testing::Test {
  protected:
+  MainLoopTest() {
+    env.clock = &clock;
+    env.status = &status;
+    env.bus = &bus;
+  }
   CMainLoop MakeLoop() {
-    return CMainLoop(CMainLoop::Targets{
+    return CMainLoop(&env, CMainLoop::Targets{
         [this](uint32_t s) { calls.push_back("disk " + std::to_string(s)); },
         [this](uint32_t s) { calls.push_back("sched " + std::to_string(s)); },
     });
@@ -25,6 +30,7 @@ class MainLoopTest : public ::testing::Test {
   FakeClock clock;
   FakeStatus status;
   FakeBus bus;
+  TestEnv env;
   LogCapture log;
   std::vector<std::string> calls;
 };

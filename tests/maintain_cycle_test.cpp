@@ -8,6 +8,7 @@
 
 #include "maintain/ftp_maintain_mng.h"
 #include "tests/maintain_fixture.h"
+#include "platform/clock.h"
 #include "tests/fakes/fakes.h"
 
 namespace {

@@ -24,6 +24,8 @@ class MaintainFixture : public ::testing::Test {
   // No shell command may run while the manager's lock is held: the request thread would
   // wait for the whole download.
   void TearDown() override { EXPECT_EQ(shell.LockedRuns(), 0); }
+  // Commands run in the real shell from now on.
+  void UseRealShell() {}
   // The maintenance account the tests log in with.
   static UpgradeSet_t Account() {
     UpgradeSet_t a{};

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "control/ftp_records.h"
+#include "upload/ftp_records.h"
 
 namespace {
 

@@ -23,8 +23,6 @@
 
 namespace {
 
-class TestCtrlMng : public CFtpCtrlMng {};
-class TestEngine : public CFtpUploadFileMng {};
 
 std::string Bytes(size_t n, int seed = 7) {
   std::string s(n, '\0');
@@ -42,8 +40,9 @@ TEST(UploadSourceTest, PlainFileAndUnknownKind) {
   std::string path = root.path() + "/plain.bin";
   std::ofstream(path, std::ios::binary) << "0123456789";
   char buf[32] = {};
+  TestEnv env;
 
-  CXFile other(2);  // every operation fails, even on an existing file
+  CXFile other(2, &env);  // every operation fails, even on an existing file
   EXPECT_EQ(other.Xexist(path.c_str()), 0);
   EXPECT_EQ(other.XsizeByPath(path.c_str()), 0);
   EXPECT_EQ(other.Xopen(path.c_str(), "rb"), -1);
@@ -53,14 +52,14 @@ TEST(UploadSourceTest, PlainFileAndUnknownKind) {
   EXPECT_EQ(other.Xwrite(buf, 1, 4), -1);
   EXPECT_EQ(other.Xclose(), -1);
 
-  CXFile missing;
+  CXFile missing(0, &env);
   testing::internal::CaptureStdout();
   EXPECT_EQ(missing.Xopen((root.path() + "/none").c_str(), "rb"), -1);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "fopen faild No such file or directory\n");
   EXPECT_EQ(missing.Xsize(), -1);
   EXPECT_EQ(missing.XsizeByPath((root.path() + "/none").c_str()), 0);
 
-  CXFile plain;
+  CXFile plain(0, &env);
   ASSERT_EQ(plain.Xopen(path.c_str(), "r+b"), 0);
   EXPECT_EQ(plain.Xsize(), 10);
   ASSERT_EQ(unlink(path.c_str()), 0);
@@ -78,6 +77,8 @@ TEST(UploadSourceTest, PlainFileAndUnknownKind) {
 TEST(UploadSourceTest, Recording) {
   FakeStatus status;
   status.partLists[15] = {FakeStatus::Entry(1, "/mnt/part1")};
+  TestEnv env;
+  env.status = &status;
   FakeRecording rec;
   rec.SetParam(25, 3);
   for (int i = 0; i < 10; ++i) rec.Add(100000000ULL + i * 40000, i == 0 ? 1 : 0, 3000, i);
@@ -85,7 +86,7 @@ TEST(UploadSourceTest, Recording) {
   const char* bad = "/0001_0000000a_1_300_200_1_0.avi";  // ends before it starts
   std::vector<uint8_t> whole;
   {
-    CXFile src(1);
+    CXFile src(1, &env);
     EXPECT_EQ(src.Xsize(), -1);
     EXPECT_EQ(src.XsizeByPath(bad), 0);
     EXPECT_EQ(src.Xexist(bad), 0);
@@ -119,27 +120,28 @@ TEST(UploadSourceTest, Recording) {
     EXPECT_EQ(src.Xread(whole.data(), 1, 16), 0);  // a recording not open reads nothing
   }
   {
-    CXFile failed(1);
+    CXFile failed(1, &env);
     EXPECT_EQ(failed.Xopen(bad, "r+b"), -1);
     EXPECT_NE(failed.m_pAviReader, nullptr);  // kept until destruction (a leak check sees it)
     EXPECT_EQ(failed.Xclose(), -1);
   }
   {
-    CXFile open(1);
+    CXFile open(1, &env);
     ASSERT_EQ(open.Xopen(name, "r+b"), 0);
     EXPECT_LT(rec.destroyed, rec.created);
   }
   EXPECT_EQ(rec.destroyed, rec.created);  // destruction releases the stream
 }
 
-// Drives single passes of the singleton engine on a fake clock with a scripted client.
+// Drives single passes of an engine on a fake clock with a scripted client.
 class UploadEngineTest : public ::testing::Test {
  protected:
   UploadEngineTest() {
-    engine = CFtpUploadFileMng::Instance();
-    engine->m_pFtpClient = NewFtpClient();
-    engine->m_nBusy = 0;
-    engine->m_nTransState = 0;
+    env.clock = &clock;
+    env.status = &status;
+    env.bus = &bus;
+    env.db = &db;
+    engine->m_pFtpClient = env.NewFtpClient();
   }
   ~UploadEngineTest() override {
     delete engine->m_pFtpClient;
@@ -159,7 +161,10 @@ class UploadEngineTest : public ::testing::Test {
   FakeBus bus;
   LogCapture log;
   FakeFtpClient::Installer ftp;
-  CFtpUploadFileMng* engine;
+  FaultyDb db;
+  TestEnv env;
+  CFtpUploadFileMng engineObj{&env};
+  CFtpUploadFileMng* engine = &engineObj;
   ftpFileInfo_t previous{};
 };
 
@@ -300,8 +305,8 @@ TEST_F(UploadEngineTest, FourFailedConnectionsGiveTheTaskUp) {
     status.disks.push_back({1, 1});
     status.mounts[DISK_USAGE_UPLOAD].push_back(FakeStatus::Entry(1, sd1));
   }
-  CFile2FtpDbMng::Instance()->m_bTabOpen = 0;
-  CFtpCtrlMng* control = CFtpCtrlMng::Instance();
+  CFtpCtrlMng controlObj(&env, engine);
+  CFtpCtrlMng* control = &controlObj;
   control->CheckDiskState(100);
   ftpFileInfo_t t = PlainTask(LocalFile(Bytes(70000)), 321);
   ASSERT_EQ(control->InsertFileInfo(&t), 0);
@@ -338,8 +343,7 @@ TEST_F(UploadEngineTest, FourFailedConnectionsGiveTheTaskUp) {
     CAutoLock guard(&control->m_lock);
     EXPECT_TRUE(control->m_taskList.empty());
   }
-  EXPECT_EQ(CFile2FtpDbMng::Instance()->SearchBySeqAndType(sd1.c_str(), 321, 0), 0);
-  CFile2FtpDbMng::Instance()->m_bTabOpen = 0;
+  EXPECT_EQ(db.SearchBySeqAndType(sd1.c_str(), 321, 0), 0);
 }
 
 TEST_F(UploadEngineTest, RecordingToleranceAppliesOnlyAfterTheFirstSend) {
@@ -349,7 +353,7 @@ TEST_F(UploadEngineTest, RecordingToleranceAppliesOnlyAfterTheFirstSend) {
   status.partLists[15] = {FakeStatus::Entry(1, "/mnt/part1")};
   ftpFileInfo_t t = PlainTask("/0001_0000000a_1_100_101_1_0.avi");
   t.type = 1;
-  CXFile probe(1);
+  CXFile probe(1, &env);
   int32_t size = probe.XsizeByPath(t.fullName);
   ASSERT_GT(size, 4096);
   auto sentOnce = [this] {
@@ -388,16 +392,13 @@ TEST_F(UploadEngineTest, RecordingToleranceAppliesOnlyAfterTheFirstSend) {
   EXPECT_EQ(engine->SnapshotTask().result, 0);
 }
 
-// The scheduler against the singleton engine, whose outcome each test sets by hand.
+// The scheduler against an engine whose outcome each test sets by hand.
 class SchedulerTest : public ::testing::Test {
  protected:
   SchedulerTest() {
-    CFile2FtpDbMng::Instance()->m_bTabOpen = 0;
-    engine = CFtpUploadFileMng::Instance();
-    ftpFileInfo_t zero{};
-    engine->SetTask(&zero);
-    engine->m_nBusy = 0;
-    engine->m_nTransState = 0;
+    env.status = &status;
+    env.bus = &bus;
+    env.db = &db;
     sd1 = root.path() + "/mnt/sd1";
     sd2 = root.path() + "/mnt/sd2";
     MakeDirs(sd1.c_str());
@@ -428,20 +429,18 @@ class SchedulerTest : public ::testing::Test {
   int Rows() {
     int n = 0;
     for (const std::string& d : {sd1, sd2}) {
-      n += CFile2FtpDbMng::Instance()->SearchBySeqAndType(d.c_str(), 5, 0) +
-           CFile2FtpDbMng::Instance()->SearchBySeqAndType(d.c_str(), 6, 0);
+      n += db.SearchBySeqAndType(d.c_str(), 5, 0) + db.SearchBySeqAndType(d.c_str(), 6, 0);
     }
     return n;
   }
   // Moves the rows of t from the first disk's database to the second's.
   void MoveRowToSecondDisk(const ftpFileInfo_t& t) {
-    CFile2FtpDbMng* db = CFile2FtpDbMng::Instance();
-    db->SearchDelete(sd1.c_str(), t.fullName);
-    ASSERT_EQ(db->OpenTable(sd2.c_str()), 0);
+    db.SearchDelete(sd1.c_str(), t.fullName);
+    ASSERT_EQ(db.OpenTable(sd2.c_str()), 0);
     __ftp_log row;
     RowFromRecord(t, &row);
-    ASSERT_EQ(db->Insert(&row), 0);
-    db->m_bTabOpen = 0;
+    ASSERT_EQ(db.Insert(&row), 0);
+    db.m_bTabOpen = 0;
   }
   // The engine reports an outcome for the task it holds.
   void Finish(uint8_t result) { StoreControlByte(&engine->m_stTask.result, result); }
@@ -450,8 +449,11 @@ class SchedulerTest : public ::testing::Test {
   FakeStatus status;
   FakeBus bus;
   LogCapture log;
-  TestCtrlMng mng;
-  CFtpUploadFileMng* engine;
+  FaultyDb db;
+  TestEnv env;
+  CFtpUploadFileMng engineObj{&env};
+  CFtpUploadFileMng* engine = &engineObj;
+  CFtpCtrlMng mng{&env, engine};
   std::string sd1, sd2;
 };
 
@@ -503,7 +505,7 @@ TEST_F(SchedulerTest, RealUploadThreadSendsWhileTheSchedulerFollows) {
     CFtpUploadFileMng* engine;
     ~Stopper() {
       engine->m_thread.Join();
-      engine->m_bStarted = 0;  // the singleton serves later tests
+      engine->m_bStarted = 0;
     }
   } stopper{engine};
   auto waitFor = [](const std::function<bool()>& done) {

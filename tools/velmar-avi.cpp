@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "avi/read_avi.h"
+#include "platform/env.h"
 
 int main(int argc, char** argv) {
   if (argc == 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
@@ -18,7 +19,7 @@ int main(int argc, char** argv) {
     fprintf(stderr, "usage: velmar-avi NAME OUTPUT (--help for more)\n");
     return 2;
   }
-  CReadAvi avi;
+  CReadAvi avi(Env::Default());
   AviFileInfo_t* h = avi.ReadAviOpen(argv[1]);
   if (h == nullptr) {
     fprintf(stderr, "velmar-avi: cannot open recording %s\n", argv[1]);

@@ -14,7 +14,7 @@
 #include <mutex>
 #include <string>
 
-#include "control/ftp_records.h"
+#include "upload/ftp_records.h"
 #include "core/ftp_upload_interface.h"
 #include "platform/byteorder.h"
 #include "platform/evbus.h"

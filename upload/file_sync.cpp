@@ -10,8 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "control/ftp_ctrl_mng.h"
-#include "platform/clock.h"
+#include "platform/env.h"
 #include "platform/log.h"
 #include "upload/ftp_upload_file_mng.h"
 #include "upload/xfile.h"
@@ -95,7 +94,7 @@ void CFtpUploadFileMng::ResetConnFail() {
 bool CFtpUploadFileMng::WaitRunnable() {
   for (;;) {
     if (m_thread.GetStatus() == 0) return false;
-    ClockSleepUs(kPollUs);
+    m_env->SleepUs(kPollUs);
     TaskControl_t c = LoadTaskControl(&m_stTask);
     if (Runnable(c)) return true;
     if (c.trans != 0) StoreControlByte(&m_stTask.trans, 0);
@@ -103,7 +102,7 @@ bool CFtpUploadFileMng::WaitRunnable() {
 }
 
 void CFtpUploadFileMng::FileSyncProcess() {
-  if (m_pFtpClient == nullptr) m_pFtpClient = NewFtpClient();
+  if (m_pFtpClient == nullptr) m_pFtpClient = m_env->NewFtpClient();
   m_pFtpClient->Init(WriteDbgLog);
   ftpFileInfo_t previous{};
   while (WaitRunnable()) {
@@ -121,11 +120,13 @@ void CFtpUploadFileMng::RunPass(ftpFileInfo_t* previous) {
   ftpFileInfo_t task = SnapshotTask();
   if (task.connFailTimes > 3) {
     SendTaskStatus(static_cast<int>(task.seq), 1);
-    CFtpCtrlMng::Instance()->SetFtpTrans(task.type, 2, static_cast<int>(task.seq));
+    if (m_pTaskControl != nullptr) {
+      m_pTaskControl->SetFtpTrans(task.type, 2, static_cast<int>(task.seq));
+    }
     ResetConnFail();
     task = SnapshotTask();
   }
-  if (memcmp(&task, previous, sizeof(task)) == 0) ClockSleepUs(kRepeatPauseUs);
+  if (memcmp(&task, previous, sizeof(task)) == 0) m_env->SleepUs(kRepeatPauseUs);
   CFtpClient* client = m_pFtpClient;
   client->FtpSetServerInfo(&task.server);
   client->FtpSetLocalInfo(task.fileDir, task.fileName);
@@ -133,7 +134,7 @@ void CFtpUploadFileMng::RunPass(ftpFileInfo_t* previous) {
 
   if (client->FtpStart() < 0) {
     CountConnFail();
-    ClockSleepUs(kLoginFailPauseUs);
+    m_env->SleepUs(kLoginFailPauseUs);
     m_nBusy = 0;
     return;
   }
@@ -155,7 +156,7 @@ void CFtpUploadFileMng::RunPass(ftpFileInfo_t* previous) {
       SendFile2FtpServer(task.fullName, 0, 0);
       CountSend();
     } else {
-      CXFile source(task.type);
+      CXFile source(task.type, m_env);
       if (source.Xexist(task.fullName) != 1) {
         WriteDbgLog(0, "\n\n%s:%d file:%s not exist!\n\n", "FileSyncProcess", 373, task.fullName);
         StoreControlByte(&m_stTask.result, 1);
@@ -178,7 +179,7 @@ void CFtpUploadFileMng::RunPass(ftpFileInfo_t* previous) {
   }
   m_nBusy = 0;
   client->FtpClose();
-  ClockSleepUs(kPassPauseUs);
+  m_env->SleepUs(kPassPauseUs);
 }
 
 void CFtpUploadFileMng::SendFile2FtpServer(const char* path, int mode, int offset) {
@@ -192,15 +193,15 @@ void CFtpUploadFileMng::SendFile2FtpServer(const char* path, int mode, int offse
     CountConnFail();
     WriteDbgLog(0, "ftp Create DateSockFd faild cnt:%d\n", SnapshotTask().connFailTimes);
     free(buffer);
-    ClockSleepUs(kFailPauseUs);
+    m_env->SleepUs(kFailPauseUs);
     return;
   }
-  CXFile source(task.type);
+  CXFile source(task.type, m_env);
   if (source.Xopen(path, "r+b") == -1) {
     WriteDbgLog(0, "ftp Xopen file:%s faild\n", path);
     StoreControlByte(&m_stTask.result, 2);
     free(buffer);
-    ClockSleepUs(kFailPauseUs);
+    m_env->SleepUs(kFailPauseUs);
     return;
   }
   if (source.Xseek(offset, SEEK_SET) != 0) {
@@ -208,10 +209,10 @@ void CFtpUploadFileMng::SendFile2FtpServer(const char* path, int mode, int offse
     m_nTransState = 2;
     WriteDbgLog(0, "ftp Xseek file:%d faild cnt:%d\n", offset, task.sendTimes);
     free(buffer);
-    ClockSleepUs(kFailPauseUs);
+    m_env->SleepUs(kFailPauseUs);
     return;
   }
-  time_t start = ClockTime();
+  time_t start = m_env->WallSeconds();
   time_t lastReport = start;
   int64_t total = 0;
   int64_t sinceReport = 0;
@@ -232,14 +233,14 @@ void CFtpUploadFileMng::SendFile2FtpServer(const char* path, int mode, int offse
     total += n;
     sinceReport += n;
     emptyReads = 0;
-    time_t now = ClockTime();
+    time_t now = m_env->WallSeconds();
     if (now != lastReport) {
       WriteDbgLog(0, "ftp trans %.2f kb/s\n", static_cast<float>(sinceReport * (1.0 / 1024)));
       sinceReport = 0;
       lastReport = now;
     }
   }
-  time_t end = ClockTime();
+  time_t end = m_env->WallSeconds();
   TaskControl_t c = LoadTaskControl(&m_stTask);
   int stopBy = c.trans != 1 ? 2 : (c.valid != 1 ? 1 : 0);
   if (c.valid != 1) StoreControlByte(&m_stTask.result, 3);
@@ -247,7 +248,7 @@ void CFtpUploadFileMng::SendFile2FtpServer(const char* path, int mode, int offse
   WriteDbgLog(2, "%s:%d tarns %s file used time:%d s stop by:%d \n", "SendFile2FtpServer", 230,
               path, static_cast<int>(end - start), stopBy);
   source.Xclose();
-  ClockSleepUs(20);
+  m_env->SleepUs(20);
   m_nTransState = 2;
   free(buffer);
 }

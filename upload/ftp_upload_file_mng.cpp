@@ -4,6 +4,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "platform/env.h"
 #include "platform/log.h"
 #include "upload/task_status.h"
 
@@ -38,9 +39,11 @@ CFtpUploadFileMng* CFtpUploadFileMng::m_pInstance = nullptr;
 
 CFtpUploadFileMng* CFtpUploadFileMng::Instance() {
   static std::once_flag once;
-  std::call_once(once, [] { m_pInstance = new CFtpUploadFileMng(); });
+  std::call_once(once, [] { m_pInstance = new CFtpUploadFileMng(Env::Default()); });
   return m_pInstance;
 }
+
+CFtpUploadFileMng::CFtpUploadFileMng(Env* env) : m_env(env) {}
 
 CFtpUploadFileMng::~CFtpUploadFileMng() {
   m_thread.Join();
@@ -65,7 +68,9 @@ void CFtpUploadFileMng::SetTaskTrans(uint8_t valid, uint8_t trans) {
   StoreControlByte(&m_stTask.trans, trans);
 }
 
-void CFtpUploadFileMng::SendTaskStatus(int seq, int status) { SendTaskStatusEvent(seq, status); }
+void CFtpUploadFileMng::SendTaskStatus(int seq, int status) {
+  SendTaskStatusEvent(m_env, seq, status);
+}
 
 ftpFileInfo_t CFtpUploadFileMng::SnapshotTask() const {
   ftpFileInfo_t copy;

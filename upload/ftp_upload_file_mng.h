@@ -10,9 +10,12 @@
 #include <atomic>
 #include <cstdint>
 
-#include "control/ftp_records.h"
 #include "platform/ftpclient.h"
 #include "platform/thread.h"
+#include "upload/ftp_records.h"
+#include "upload/task_control.h"
+
+class Env;
 
 // Atomic access to the control bytes of a shared record.
 inline uint8_t LoadControlByte(const uint8_t* b) { return __atomic_load_n(b, __ATOMIC_ACQUIRE); }
@@ -29,8 +32,17 @@ TaskControl_t LoadTaskControl(const ftpFileInfo_t* task);
 
 class CFtpUploadFileMng {
  public:
-  // The singleton, created on first use. Safe from any thread.
+  // The singleton on the default Env, created on first use. Safe from any thread.
   static CFtpUploadFileMng* Instance();
+
+  // An engine that takes time, its FTP clients and its sources from env (which must outlive
+  // it). It has no task control until one is handed over.
+  explicit CFtpUploadFileMng(Env* env);
+  ~CFtpUploadFileMng();
+
+  // Where the engine gives a task up (transfer control delete). Called once, before the
+  // upload thread starts; the control manager hands itself over when it is made.
+  void SetTaskControl(ITaskControl* control) { m_pTaskControl = control; }
 
   // Logs, resets the transfer state, copies the task and clears its result. Called by the
   // scheduler only while m_nBusy is 0.
@@ -53,6 +65,10 @@ class CFtpUploadFileMng {
   // Sends path from offset (mode 0 anew, 1 append) while the task stays runnable.
   void SendFile2FtpServer(const char* path, int mode, int offset);
 
+  // Constant after construction (and SetTaskControl).
+  Env* const m_env;
+  ITaskControl* m_pTaskControl = nullptr;
+
   uint8_t m_bStarted = 0;
   std::atomic<int16_t> m_nBusy{0};        // 1 while the thread works a pass
   std::atomic<int16_t> m_nTransState{0};  // 0 idle/new, 1 sending, 2 send ended
@@ -63,10 +79,6 @@ class CFtpUploadFileMng {
 
   CFtpUploadFileMng(const CFtpUploadFileMng&) = delete;
   CFtpUploadFileMng& operator=(const CFtpUploadFileMng&) = delete;
-
- protected:
-  CFtpUploadFileMng() = default;
-  ~CFtpUploadFileMng();
 
  private:
   // Waits in 100 ms steps for a runnable task, clearing trans meanwhile. False when the

@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "platform/byteorder.h"
-#include "platform/evbus.h"
+#include "platform/env.h"
 
 void BuildTaskStatus(int seq, int status, uint8_t out[kTaskStatusSize]) {
   memset(out, 0, kTaskStatusSize);
@@ -14,8 +14,8 @@ void BuildTaskStatus(int seq, int status, uint8_t out[kTaskStatusSize]) {
   StoreLE16(out + 10, static_cast<uint16_t>(seq));
 }
 
-void SendTaskStatusEvent(int seq, int status) {
+void SendTaskStatusEvent(Env* env, int seq, int status) {
   uint8_t payload[kTaskStatusSize];
   BuildTaskStatus(seq, status, payload);
-  DistributeEvent(EVENT_FILE_UPLOAD, static_cast<int>(kTaskStatusSize), payload);
+  env->DistributeEvent(EVENT_FILE_UPLOAD, static_cast<int>(kTaskStatusSize), payload);
 }

@@ -10,5 +10,6 @@ constexpr uint32_t kCodeTaskStatus = 0x702;
 
 // Fills the 1032-byte payload: code 0x702, length 4, 0, status, seq's low 16 bits.
 void BuildTaskStatus(int seq, int status, uint8_t out[kTaskStatusSize]);
-// Builds the payload and distributes it on the bus.
-void SendTaskStatusEvent(int seq, int status);
+// Builds the payload and distributes it on env's bus.
+class Env;
+void SendTaskStatusEvent(Env* env, int seq, int status);

@@ -15,10 +15,8 @@ namespace {
 constexpr size_t kPlainReadBuffer = 256 * 1024;
 }  // namespace
 
-CXFile::CXFile() : CXFile(XFILE_NORMAL) {}
-
-CXFile::CXFile(int type)
-    : m_nType(type), m_pHandle(nullptr), m_pAviReader(nullptr), m_szPath() {}
+CXFile::CXFile(int type, Env* env)
+    : m_env(env), m_nType(type), m_pHandle(nullptr), m_pAviReader(nullptr), m_szPath() {}
 
 CXFile::~CXFile() {
   if (m_nType == XFILE_AVI && m_pAviReader != nullptr) {
@@ -31,7 +29,7 @@ int CXFile::Xexist(const char* path) {
   if (m_nType == XFILE_NORMAL) return file_exist(path);
   if (m_nType != XFILE_AVI) return 0;
   if (m_pHandle != nullptr) return 1;
-  CReadAvi reader;
+  CReadAvi reader(m_env);
   AviFileInfo_t* h = reader.ReadAviOpen(path);
   if (h == nullptr) return 0;
   reader.ReadAviClose(h);
@@ -56,7 +54,7 @@ int CXFile::Xopen(const char* path, const char* mode) {
     return 0;
   }
   if (m_nType != XFILE_AVI) return -1;
-  if (m_pAviReader == nullptr) m_pAviReader = new (std::nothrow) CReadAvi();
+  if (m_pAviReader == nullptr) m_pAviReader = new (std::nothrow) CReadAvi(m_env);
   if (m_pAviReader == nullptr) return -1;
   m_pHandle = m_pAviReader->ReadAviOpen(m_szPath);
   return m_pHandle != nullptr ? 0 : -1;
@@ -82,7 +80,7 @@ int32_t CXFile::XsizeByPath(const char* path) {
     return static_cast<int32_t>(st.st_size);
   }
   if (m_nType != XFILE_AVI) return 0;
-  CReadAvi reader;
+  CReadAvi reader(m_env);
   AviFileInfo_t* h = reader.ReadAviOpen(path);
   int32_t size = h != nullptr ? static_cast<int32_t>(reader.ReadAviGetSize(h)) : 0;
   reader.ReadAviClose(h);

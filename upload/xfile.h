@@ -7,6 +7,7 @@
 #include <memory>
 
 class CReadAvi;
+class Env;
 struct AviFileInfo_t;
 
 enum XFILE_TYPE_E {
@@ -16,8 +17,9 @@ enum XFILE_TYPE_E {
 
 class CXFile {
  public:
-  CXFile();                  // a plain-file source
-  explicit CXFile(int type); // type 0 plain, 1 recording; any other: every operation fails
+  // type 0 plain, 1 recording (read through env's recorder status and frame store); any
+  // other: every operation fails. env must outlive the source.
+  CXFile(int type, Env* env);
   ~CXFile();                 // releases a recording's stream; a plain file needs Xclose
   CXFile(const CXFile&) = delete;
   CXFile& operator=(const CXFile&) = delete;
@@ -32,6 +34,7 @@ class CXFile {
   int32_t Xwrite(const void* buf, int size, int count);
   const char* XgetPath();                   // the open path, or null
 
+  Env* const m_env;
   int32_t m_nType;
   void* m_pHandle;           // FILE* or AviFileInfo_t*
   CReadAvi* m_pAviReader;    // owned; recordings only

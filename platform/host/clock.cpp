@@ -2,26 +2,7 @@
 
 #include <time.h>
 
-#include <atomic>
-
 namespace {
-
-class HostClock : public IClock {
- public:
-  int64_t MonotonicMs() override {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-  }
-  time_t WallSeconds() override { return time(nullptr); }
-  void SleepUs(uint64_t us) override {
-    timespec ts;
-    ts.tv_sec = static_cast<time_t>(us / 1000000);
-    ts.tv_nsec = static_cast<long>((us % 1000000) * 1000);
-    while (nanosleep(&ts, &ts) != 0) {
-    }
-  }
-};
 
 // Days from 1970-01-01 to the civil date year-month-day (proleptic Gregorian calendar; month
 // may lie outside 1-12 and day outside the month: they carry over).
@@ -38,21 +19,23 @@ int64_t DaysFromCivil(int64_t year, int64_t month, int64_t day) {
   return era * 146097 + doe - 719468;
 }
 
-HostClock g_hostClock;
-std::atomic<IClock*> g_clock{&g_hostClock};
-
 }  // namespace
 
-IClock* SetClockForTest(IClock* clock) {
-  return g_clock.exchange(clock != nullptr ? clock : &g_hostClock);
-}
-
 int64_t msecdiff(uint64_t base) {
-  return g_clock.load()->MonotonicMs() - static_cast<int64_t>(base);
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000 - static_cast<int64_t>(base);
 }
 
-time_t ClockTime() { return g_clock.load()->WallSeconds(); }
-void ClockSleepUs(uint64_t us) { g_clock.load()->SleepUs(us); }
+time_t ClockTime() { return time(nullptr); }
+
+void ClockSleepUs(uint64_t us) {
+  timespec ts;
+  ts.tv_sec = static_cast<time_t>(us / 1000000);
+  ts.tv_nsec = static_cast<long>((us % 1000000) * 1000);
+  while (nanosleep(&ts, &ts) != 0) {
+  }
+}
 
 int comm_localtime_r(const long* t, struct tm* out) {
   if (t == nullptr || out == nullptr) return -1;

@@ -102,9 +102,9 @@ void* ListenLoop(void* p) {
   return nullptr;
 }
 
-class HostPublisher : public IEventPublisher {
+class HostPublisher {
  public:
-  int Distribute(EVENT_E event, int len, const void* data) override {
+  int Distribute(EVENT_E event, int len, const void* data) {
     unsigned char datagram[kEventHeaderSize + kEventPayloadMax];
     int size = EncodeEvent(event, data, len, datagram, sizeof(datagram));
     if (size < 0 || static_cast<unsigned>(event) > 63) return -1;
@@ -151,13 +151,9 @@ class HostPublisher : public IEventPublisher {
 };
 
 HostPublisher g_hostPublisher;
-std::atomic<IEventPublisher*> g_publisher{&g_hostPublisher};
 
 }  // namespace
 
-IEventPublisher* SetEventPublisherForTest(IEventPublisher* publisher) {
-  return g_publisher.exchange(publisher != nullptr ? publisher : &g_hostPublisher);
-}
 
 int RegisterEventReciever(const char* name, int64_t mask) {
   if (name == nullptr || name[0] != '/' || strchr(name, '\n') != nullptr) return -1;
@@ -243,5 +239,5 @@ int ParseRecvEvent(const unsigned char* msg, int len, EVENT_E* event, int* /*res
 }
 
 int DistributeEvent(EVENT_E event, int len, void* data) {
-  return g_publisher.load()->Distribute(event, len, data);
+  return g_hostPublisher.Distribute(event, len, data);
 }

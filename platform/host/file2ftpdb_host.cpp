@@ -186,6 +186,11 @@ struct CFile2FtpDbMng::Impl {
 
 CFile2FtpDbMng::CFile2FtpDbMng() : m_pImpl(new Impl()) {}
 
+CFile2FtpDbMng::~CFile2FtpDbMng() {
+  m_pImpl->Close();
+  delete m_pImpl;
+}
+
 CFile2FtpDbMng* CFile2FtpDbMng::Instance() {
   static CFile2FtpDbMng* instance = new CFile2FtpDbMng();
   return instance;

@@ -124,14 +124,14 @@ int HostSystemDump(const char* command, int seconds) {
   return -1;
 }
 
-class HostShellRunner : public IShellRunner {
+class HostShellRunner {
  public:
-  int RunLimited(const char* command, int seconds) override {
+  int RunLimited(const char* command, int seconds) {
     return HostSystemDump(command, seconds);
   }
   // Like system(3), but the command starts with SIGPIPE at its default: the service ignores
   // it, and a pipeline in a user command must end the way it would from a terminal.
-  int RunUnlimited(const char* command) override {
+  int RunUnlimited(const char* command) {
     if (command == nullptr) return -1;
     posix_spawnattr_t attr;
     posix_spawnattr_init(&attr);
@@ -155,19 +155,15 @@ class HostShellRunner : public IShellRunner {
 };
 
 HostShellRunner g_hostRunner;
-std::atomic<IShellRunner*> g_runner{&g_hostRunner};
 
 }  // namespace
 
-IShellRunner* SetShellRunnerForTest(IShellRunner* runner) {
-  return g_runner.exchange(runner != nullptr ? runner : &g_hostRunner);
-}
 
 int systemdump(const char* command, int seconds) {
-  return g_runner.load()->RunLimited(command, seconds);
+  return g_hostRunner.RunLimited(command, seconds);
 }
 
-int system_run(const char* command) { return g_runner.load()->RunUnlimited(command); }
+int system_run(const char* command) { return g_hostRunner.RunUnlimited(command); }
 
 int file_exist(const char* path) {
   struct stat st;

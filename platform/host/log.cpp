@@ -17,7 +17,6 @@
 
 namespace {
 
-std::atomic<ILogSink*> g_sink{nullptr};
 std::mutex g_fileMutex;  // guards the cached descriptors below
 
 struct LogFile {
@@ -51,8 +50,6 @@ void WriteAll(int fd, const char* data, size_t len) {
 
 }  // namespace
 
-ILogSink* SetLogSinkForTest(ILogSink* sink) { return g_sink.exchange(sink); }
-
 void WriteDbgLog(int level, const char* fmt, ...) {
   char text[1024];
   va_list ap;
@@ -60,10 +57,6 @@ void WriteDbgLog(int level, const char* fmt, ...) {
   int n = vsnprintf(text, sizeof(text), fmt, ap);
   va_end(ap);
   if (n < 0) return;
-  if (ILogSink* sink = g_sink.load()) {
-    sink->OnDbgLine(level, text);
-    return;
-  }
   timespec ts;
   clock_gettime(CLOCK_REALTIME, &ts);
   struct tm tmv;
@@ -98,10 +91,6 @@ void WriteDbgLog(int level, const char* fmt, ...) {
 
 int WriteUserLog(LOG_TYPE_E type, unsigned int code, unsigned int len, void* data) {
   if (len > 4096 || (len > 0 && data == nullptr)) return -1;
-  if (ILogSink* sink = g_sink.load()) {
-    sink->OnUserRecord(type, code, data, len);
-    return 0;
-  }
   unsigned char record[12 + 4096];
   StoreLE32(record, static_cast<uint32_t>(type));
   StoreLE32(record + 4, code);

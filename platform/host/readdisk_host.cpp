@@ -206,15 +206,4 @@ int CReadDisk::StopRead(void* handle) {
 
 int CReadDisk::Quit() { return 0; }
 
-namespace {
-CReadDisk* NewHostReadDisk() { return new CReadDisk; }
-ReadDiskFactory_f g_factory = nullptr;
-}  // namespace
-
-CReadDisk* NewReadDisk() { return g_factory != nullptr ? g_factory() : NewHostReadDisk(); }
-
-ReadDiskFactory_f SetReadDiskFactoryForTest(ReadDiskFactory_f factory) {
-  ReadDiskFactory_f prev = g_factory;
-  g_factory = factory;
-  return prev;
-}
+CReadDisk* NewReadDisk() { return new CReadDisk; }

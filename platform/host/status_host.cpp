@@ -120,9 +120,9 @@ bool ParseProfile(const std::string& path, Profile* out, std::string* why) {
   return true;
 }
 
-class HostStatusService : public IStatusService {
+class HostStatusService {
  public:
-  int GetStatus(STATUS_E which, void* buf) override {
+  int GetStatus(STATUS_E which, void* buf) {
     size_t size = StatusRecordSize(which);
     if (buf == nullptr || size == 0) return -1;
     memset(buf, 0, size);
@@ -157,7 +157,7 @@ class HostStatusService : public IStatusService {
     }
   }
 
-  int SetStatus(STATUS_E which, void* buf) override {
+  int SetStatus(STATUS_E which, void* buf) {
     if (buf == nullptr) return -1;
     std::lock_guard<std::mutex> guard(m_mutex);
     if (which == STATUS_NETWORK) {
@@ -174,7 +174,7 @@ class HostStatusService : public IStatusService {
     return WriteStatusFile();
   }
 
-  int GetDiskForCommUsage(LOG_STATUS_E usage, PartStatus_t* list) override {
+  int GetDiskForCommUsage(LOG_STATUS_E usage, PartStatus_t* list) {
     if (list == nullptr) return -1;
     memset(list, 0, sizeof(*list));
     std::lock_guard<std::mutex> guard(m_mutex);
@@ -191,7 +191,7 @@ class HostStatusService : public IStatusService {
     return 0;
   }
 
-  int CheckDog() override {
+  int CheckDog() {
     std::lock_guard<std::mutex> guard(m_mutex);
     if (!Refresh()) return 0;
     return m_profile.watchdogExpired ? 1 : 0;
@@ -303,13 +303,9 @@ class HostStatusService : public IStatusService {
 };
 
 HostStatusService g_hostStatus;
-std::atomic<IStatusService*> g_status{&g_hostStatus};
 
 }  // namespace
 
-IStatusService* SetStatusServiceForTest(IStatusService* service) {
-  return g_status.exchange(service != nullptr ? service : &g_hostStatus);
-}
 
 size_t StatusRecordSize(STATUS_E which) {
   switch (which) {
@@ -325,11 +321,11 @@ size_t StatusRecordSize(STATUS_E which) {
   }
 }
 
-int GetStatus(STATUS_E which, void* buf) { return g_status.load()->GetStatus(which, buf); }
-int SetStatus(STATUS_E which, void* buf) { return g_status.load()->SetStatus(which, buf); }
+int GetStatus(STATUS_E which, void* buf) { return g_hostStatus.GetStatus(which, buf); }
+int SetStatus(STATUS_E which, void* buf) { return g_hostStatus.SetStatus(which, buf); }
 
 int GetDiskForCommUsage(LOG_STATUS_E usage, PartStatus_t* list, void* /*reserved*/) {
-  return g_status.load()->GetDiskForCommUsage(usage, list);
+  return g_hostStatus.GetDiskForCommUsage(usage, list);
 }
 
 CCommDog* CCommDog::Instance() {
@@ -337,4 +333,4 @@ CCommDog* CCommDog::Instance() {
   return &dog;
 }
 
-int CCommDog::CheckDog() { return g_status.load()->CheckDog(); }
+int CCommDog::CheckDog() { return g_hostStatus.CheckDog(); }

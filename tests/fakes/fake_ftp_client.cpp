@@ -4,18 +4,9 @@
 
 FakeFtpClient::Script* FakeFtpClient::script = nullptr;
 
-namespace {
-CFtpClient* MakeFake() { return new FakeFtpClient(); }
-}  // namespace
+FakeFtpClient::Installer::Installer() { script = &m_script; }
 
-FakeFtpClient::Installer::Installer() : m_prev(SetFtpClientFactoryForTest(MakeFake)) {
-  script = &m_script;
-}
-
-FakeFtpClient::Installer::~Installer() {
-  SetFtpClientFactoryForTest(m_prev);
-  script = nullptr;
-}
+FakeFtpClient::Installer::~Installer() { script = nullptr; }
 
 FtpDirEntry_t FakeFtpClient::Entry(const std::string& name, int32_t size) {
   FtpDirEntry_t e{};

@@ -29,7 +29,7 @@ class FakeFtpClient : public CFtpClient {
   };
   static Script* script;  // installed by the test
 
-  // Installs the factory (with a fresh script) for the life of the object.
+  // Makes a TestEnv hand out fake clients (with a fresh script) for the life of the object.
   class Installer {
    public:
     Installer();
@@ -37,7 +37,6 @@ class FakeFtpClient : public CFtpClient {
     Script& s() { return m_script; }
    private:
     Script m_script;
-    FtpClientFactory_f m_prev;
   };
 
   int Init(FtpLogFn_f) override { return 0; }

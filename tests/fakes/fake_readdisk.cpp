@@ -73,20 +73,16 @@ class FakeReadDisk : public CReadDisk {
   long m_start = 0;
 };
 
-CReadDisk* NewFake() { return new FakeReadDisk; }
-
 }  // namespace
+
+CReadDisk* NewFakeReadDisk() { return new FakeReadDisk; }
 
 FakeRecording::FakeRecording() {
   current = this;
-  m_prev = SetReadDiskFactoryForTest(&NewFake);
   SetParam(25, 3);
 }
 
-FakeRecording::~FakeRecording() {
-  SetReadDiskFactoryForTest(m_prev);
-  current = nullptr;
-}
+FakeRecording::~FakeRecording() { current = nullptr; }
 
 void FakeRecording::SetParam(int fps, int resolution, bool h265, int audioCodec, int standard) {
   memset(&param, 0, sizeof(param));

@@ -1,5 +1,5 @@
-// An in-memory frame-store reader for the AVI stream tests. A FakeRecording installs itself as
-// the reader factory for its lifetime; every reader created meanwhile reads its frames.
+// An in-memory frame-store reader for the AVI stream tests. While a FakeRecording lives, every
+// reader a TestEnv creates reads its frames.
 #pragma once
 
 #include <cstdint>
@@ -43,7 +43,7 @@ class FakeRecording {
   std::vector<RecordItem_t> starts;
 
   static FakeRecording* current;
-
- private:
-  ReadDiskFactory_f m_prev;
 };
+
+// A reader of FakeRecording::current.
+CReadDisk* NewFakeReadDisk();

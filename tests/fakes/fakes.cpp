@@ -11,7 +11,11 @@
 #include <sstream>
 #include <thread>
 
+#include "platform/byteorder.h"
+#include "platform/paths.h"
 #include "platform/text.h"
+#include "tests/fakes/fake_ftp_client.h"
+#include "tests/fakes/fake_readdisk.h"
 
 TempRoot::TempRoot() {
   const char* old = getenv("VELMAR_ROOT");
@@ -51,10 +55,7 @@ std::string ReadWholeFile(const std::string& path) {
   return text.str();
 }
 
-FakeClock::FakeClock() : m_prev(SetClockForTest(this)) {}
-FakeClock::~FakeClock() { SetClockForTest(m_prev); }
-
-int64_t FakeClock::MonotonicMs() {
+int64_t FakeClock::NowMs() {
   std::lock_guard<std::mutex> g(m_mutex);
   return m_nowMs;
 }
@@ -85,27 +86,52 @@ uint64_t FakeClock::sleptUs() const {
   return m_sleptUs;
 }
 
-LogCapture::LogCapture() : m_prev(SetLogSinkForTest(this)) {}
-LogCapture::~LogCapture() { SetLogSinkForTest(m_prev); }
+namespace {
 
-void LogCapture::OnDbgLine(int level, const char* line) {
-  std::lock_guard<std::mutex> g(m_mutex);
-  m_lines.push_back(std::to_string(level) + " " + line);
-}
+std::string DbgLogPath(const std::string& root) { return root + "/var/log/velmar/velmar.log"; }
+std::string UserLogPath(const std::string& root) { return root + "/var/log/velmar/user.log"; }
 
-void LogCapture::OnUserRecord(int type, unsigned code, const void* data, unsigned len) {
-  std::lock_guard<std::mutex> g(m_mutex);
-  m_user.push_back({type, code, std::string(static_cast<const char*>(data), len)});
-}
+}  // namespace
+
+LogCapture::LogCapture()
+    : m_root(SandboxRoot()),
+      m_dbgStart(ReadWholeFile(DbgLogPath(m_root)).size()),
+      m_userStart(ReadWholeFile(UserLogPath(m_root)).size()) {}
 
 std::vector<std::string> LogCapture::Lines() const {
-  std::lock_guard<std::mutex> g(m_mutex);
-  return m_lines;
+  std::string text = ReadWholeFile(DbgLogPath(m_root)).substr(m_dbgStart);
+  std::vector<std::string> lines;
+  size_t at = 0;
+  while (at < text.size()) {
+    size_t end = text.find('\n', at);
+    if (end == std::string::npos) end = text.size() - 1;
+    std::string line = text.substr(at, end + 1 - at);
+    at = end + 1;
+    // "YYYY-MM-DD hh:mm:ss.mmm [level] text": keep "level text".
+    size_t open = line.find(" [");
+    size_t close = line.find("] ", open == std::string::npos ? 0 : open);
+    if (open == std::string::npos || close == std::string::npos) {
+      lines.push_back(line);  // a line of a multi-line message
+      continue;
+    }
+    lines.push_back(line.substr(open + 2, close - open - 2) + " " + line.substr(close + 2));
+  }
+  return lines;
 }
 
 std::vector<LogCapture::UserRecord> LogCapture::UserRecords() const {
-  std::lock_guard<std::mutex> g(m_mutex);
-  return m_user;
+  std::string data = ReadWholeFile(UserLogPath(m_root)).substr(m_userStart);
+  std::vector<UserRecord> out;
+  const uint8_t* b = reinterpret_cast<const uint8_t*>(data.data());
+  size_t at = 0;
+  while (at + 12 <= data.size()) {
+    uint32_t len = LoadLE32(b + at + 8);
+    if (at + 12 + len > data.size()) break;
+    out.push_back({static_cast<int>(LoadLE32(b + at)), LoadLE32(b + at + 4),
+                   data.substr(at + 12, len)});
+    at += 12 + len;
+  }
+  return out;
 }
 
 int LogCapture::Count(const std::string& part) const {
@@ -113,9 +139,6 @@ int LogCapture::Count(const std::string& part) const {
   for (const std::string& line : Lines()) n += line.find(part) != std::string::npos ? 1 : 0;
   return n;
 }
-
-FakeStatus::FakeStatus() : m_prev(SetStatusServiceForTest(this)) {}
-FakeStatus::~FakeStatus() { SetStatusServiceForTest(m_prev); }
 
 PartEntry_t FakeStatus::Entry(int type, const std::string& path) {
   PartEntry_t e{};
@@ -190,9 +213,6 @@ int FakeStatus::CheckDog() {
   return dog;
 }
 
-FakeBus::FakeBus() : m_prev(SetEventPublisherForTest(this)) {}
-FakeBus::~FakeBus() { SetEventPublisherForTest(m_prev); }
-
 int FakeBus::Distribute(EVENT_E event, int len, const void* data) {
   std::lock_guard<std::mutex> g(m_mutex);
   const uint8_t* b = static_cast<const uint8_t*>(data);
@@ -212,9 +232,6 @@ std::vector<FakeBus::Event> FakeBus::Events(EVENT_E event) const {
   }
   return out;
 }
-
-FakeShell::FakeShell() : m_prev(SetShellRunnerForTest(this)) {}
-FakeShell::~FakeShell() { SetShellRunnerForTest(m_prev); }
 
 int LoopbackSocket(int backlog, sockaddr_in* addr) {
   int s = socket(AF_INET, SOCK_STREAM, 0);
@@ -284,4 +301,31 @@ int FakeShell::Count(const std::string& part) const {
   int n = 0;
   for (auto& c : Commands()) n += c.first.find(part) != std::string::npos;
   return n;
+}
+
+int FaultyDb::OpenTable(const char* mountDir) {
+  return corrupt ? -1 : CFile2FtpDbMng::OpenTable(mountDir);
+}
+int FaultyDb::Insert(__ftp_log* row) {
+  return full || corrupt ? -1 : CFile2FtpDbMng::Insert(row);
+}
+int FaultyDb::InsertMore(std::list<__ftp_log>& rows) {
+  return full || corrupt ? -1 : CFile2FtpDbMng::InsertMore(rows);
+}
+int FaultyDb::SearchAll(std::list<__ftp_log>& rows) {
+  return corrupt ? -1 : CFile2FtpDbMng::SearchAll(rows);
+}
+int FaultyDb::ReplaceBySeqAndType(int seq, unsigned char type, std::list<__ftp_log>& rows) {
+  return full || corrupt ? -1 : CFile2FtpDbMng::ReplaceBySeqAndType(seq, type, rows);
+}
+int FaultyDb::DeleteBySeqAndType(int seq, unsigned char type) {
+  return full || corrupt ? -1 : CFile2FtpDbMng::DeleteBySeqAndType(seq, type);
+}
+
+CFtpClient* TestEnv::NewFtpClient() {
+  return FakeFtpClient::script != nullptr ? new FakeFtpClient() : target()->NewFtpClient();
+}
+
+CReadDisk* TestEnv::NewReadDisk() {
+  return FakeRecording::current != nullptr ? NewFakeReadDisk() : target()->NewReadDisk();
 }

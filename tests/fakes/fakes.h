@@ -1,5 +1,5 @@
-// In-memory platform fakes for unit tests. Each installs itself on construction and restores
-// the host implementation on destruction.
+// In-memory platform fakes for unit tests, and TestEnv, the Env that plugs them in: a role
+// whose fake is not plugged in is the host's.
 #pragma once
 
 #include <netinet/in.h>
@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "platform/clock.h"
+#include "platform/env.h"
 #include "platform/evbus.h"
+#include "platform/file2ftpdb.h"
 #include "platform/fileutil.h"
-#include "platform/log.h"
 #include "platform/status.h"
 #include "platform/thread.h"
 
@@ -40,13 +40,11 @@ class TempRoot {
 std::string ReadWholeFile(const std::string& path);
 
 // A clock that moves only when told to or when something sleeps on it.
-class FakeClock : public IClock {
+class FakeClock {
  public:
-  FakeClock();
-  ~FakeClock() override;
-  int64_t MonotonicMs() override;
-  time_t WallSeconds() override;
-  void SleepUs(uint64_t us) override;
+  int64_t NowMs();
+  time_t WallSeconds();
+  void SleepUs(uint64_t us);
   void AdvanceMs(int64_t ms);
   void SetMs(int64_t ms);
   uint64_t sleptUs() const;
@@ -56,10 +54,10 @@ class FakeClock : public IClock {
   int64_t m_nowMs = 1000000;
   time_t m_wallBase = 1700000000;
   uint64_t m_sleptUs = 0;
-  IClock* m_prev;
 };
 
-class LogCapture : public ILogSink {
+// The debug-log and user-log lines the current sandbox root received since construction.
+class LogCapture {
  public:
   struct UserRecord {
     int type;
@@ -67,34 +65,29 @@ class LogCapture : public ILogSink {
     std::string data;
   };
   LogCapture();
-  ~LogCapture() override;
-  void OnDbgLine(int level, const char* line) override;
-  void OnUserRecord(int type, unsigned code, const void* data, unsigned len) override;
+  // Debug lines as "level text", without the time stamp.
   std::vector<std::string> Lines() const;
   std::vector<UserRecord> UserRecords() const;
   // Number of debug lines that contain part.
   int Count(const std::string& part) const;
 
  private:
-  mutable std::mutex m_mutex;
-  std::vector<std::string> m_lines;
-  std::vector<UserRecord> m_user;
-  ILogSink* m_prev;
+  std::string m_root;
+  size_t m_dbgStart;
+  size_t m_userStart;
 };
 
 // A status service whose answers the test sets. Fault switch: failing[which].
-class FakeStatus : public IStatusService {
+class FakeStatus {
  public:
   struct Disk {
     int id;
     int present;
   };
-  FakeStatus();
-  ~FakeStatus() override;
-  int GetStatus(STATUS_E which, void* buf) override;
-  int SetStatus(STATUS_E which, void* buf) override;
-  int GetDiskForCommUsage(LOG_STATUS_E usage, PartStatus_t* list) override;
-  int CheckDog() override;
+  int GetStatus(STATUS_E which, void* buf);
+  int SetStatus(STATUS_E which, void* buf);
+  int GetDiskForCommUsage(LOG_STATUS_E usage, PartStatus_t* list);
+  int CheckDog();
 
   std::mutex mutex;  // guards everything below
   std::vector<Disk> disks;                           // status 21
@@ -111,28 +104,22 @@ class FakeStatus : public IStatusService {
   std::vector<int> calls;                         // status codes asked, in order
 
   static PartEntry_t Entry(int type, const std::string& path);
-
- private:
-  IStatusService* m_prev;
 };
 
 // Captures distributed events.
-class FakeBus : public IEventPublisher {
+class FakeBus {
  public:
   struct Event {
     EVENT_E event;
     std::vector<uint8_t> payload;
   };
-  FakeBus();
-  ~FakeBus() override;
-  int Distribute(EVENT_E event, int len, const void* data) override;
+  int Distribute(EVENT_E event, int len, const void* data);
   std::vector<Event> Events() const;
   std::vector<Event> Events(EVENT_E event) const;
 
  private:
   mutable std::mutex m_mutex;
   std::vector<Event> m_events;
-  IEventPublisher* m_prev;
 };
 
 // Records command lines instead of running them; answers with `result`.
@@ -140,12 +127,10 @@ class FakeBus : public IEventPublisher {
 // when backlog < 0); its address goes to *addr. -1 on failure.
 int LoopbackSocket(int backlog, sockaddr_in* addr);
 
-class FakeShell : public IShellRunner {
+class FakeShell {
  public:
-  FakeShell();
-  ~FakeShell() override;
-  int RunLimited(const char* command, int seconds) override;
-  int RunUnlimited(const char* command) override;
+  int RunLimited(const char* command, int seconds);
+  int RunUnlimited(const char* command);
   std::vector<std::pair<std::string, int>> Commands() const;  // (command, limit; -1 none)
   // The same as "command @limit", one text each, for comparing whole sequences.
   std::vector<std::string> Lines() const;
@@ -165,5 +150,58 @@ class FakeShell : public IShellRunner {
   mutable std::mutex m_mutex;
   std::atomic<int> m_lockedRuns{0};
   std::vector<std::pair<std::string, int>> m_commands;
-  IShellRunner* m_prev;
+};
+
+// A task database of its own (SQLite under the test's root, like the host's) with fault
+// switches: a full disk fails every write, a busy or corrupt database fails every call.
+class FaultyDb : public CFile2FtpDbMng {
+ public:
+  bool full = false;     // writes fail
+  bool corrupt = false;  // every call fails, as on a database that is not one
+  int OpenTable(const char* mountDir) override;
+  int Insert(__ftp_log* row) override;
+  int InsertMore(std::list<__ftp_log>& rows) override;
+  int SearchAll(std::list<__ftp_log>& rows) override;
+  int ReplaceBySeqAndType(int seq, unsigned char type, std::list<__ftp_log>& rows) override;
+  int DeleteBySeqAndType(int seq, unsigned char type) override;
+};
+
+// The Env of a test: each role whose fake is plugged in answers from it, the others are the
+// host's. The FTP client and frame-store reader are the fakes while a FakeFtpClient::Installer
+// or a FakeRecording lives (tests/fakes/fake_ftp_client.h, fake_readdisk.h).
+class TestEnv : public EnvWrapper {
+ public:
+  TestEnv() : EnvWrapper(Env::Default()) {}
+  FakeClock* clock = nullptr;
+  FakeStatus* status = nullptr;
+  FakeBus* bus = nullptr;
+  FakeShell* shell = nullptr;
+  CFile2FtpDbMng* db = nullptr;
+
+  int64_t NowMs() override { return clock ? clock->NowMs() : target()->NowMs(); }
+  time_t WallSeconds() override { return clock ? clock->WallSeconds() : target()->WallSeconds(); }
+  void SleepUs(uint64_t us) override { clock ? clock->SleepUs(us) : target()->SleepUs(us); }
+  int GetStatus(STATUS_E which, void* buf) override {
+    return status ? status->GetStatus(which, buf) : target()->GetStatus(which, buf);
+  }
+  int SetStatus(STATUS_E which, void* buf) override {
+    return status ? status->SetStatus(which, buf) : target()->SetStatus(which, buf);
+  }
+  int GetDiskForCommUsage(LOG_STATUS_E usage, PartStatus_t* list) override {
+    return status ? status->GetDiskForCommUsage(usage, list)
+                  : target()->GetDiskForCommUsage(usage, list);
+  }
+  int CheckDog() override { return status ? status->CheckDog() : target()->CheckDog(); }
+  int DistributeEvent(EVENT_E event, int len, const void* data) override {
+    return bus ? bus->Distribute(event, len, data) : target()->DistributeEvent(event, len, data);
+  }
+  int RunCommand(const char* command, int seconds) override {
+    return shell ? shell->RunLimited(command, seconds) : target()->RunCommand(command, seconds);
+  }
+  int RunCommandUnlimited(const char* command) override {
+    return shell ? shell->RunUnlimited(command) : target()->RunCommandUnlimited(command);
+  }
+  CFile2FtpDbMng* TaskDb() override { return db ? db : target()->TaskDb(); }
+  CFtpClient* NewFtpClient() override;
+  CReadDisk* NewReadDisk() override;
 };

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-#include "control/ftp_records.h"
+#include "upload/ftp_records.h"
 
 inline ftpFileInfo_t SampleTask(uint32_t seq, const std::string& fullName, uint8_t type = 0) {
   ftpFileInfo_t t{};

@@ -2,7 +2,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "control/ftp_records.h"
+#include "upload/ftp_records.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   ftpFileInfo_t rec;

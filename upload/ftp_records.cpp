@@ -1,4 +1,4 @@
-#include "control/ftp_records.h"
+#include "upload/ftp_records.h"
 
 #include <cstring>
 
