@@ -11,6 +11,7 @@
 
 #include "maintain/shell_values.h"
 #include "platform/clock.h"
+#include "platform/env.h"
 #include "platform/fileutil.h"
 #include "platform/log.h"
 #include "platform/paths.h"
@@ -99,7 +100,7 @@ bool QuoteAccount(const UpgradeSet_t* settings, AccountWords* out) {
 }
 
 // Sends dir/name as "<deviceNo>_<name>" unless its time lies outside (start, end).
-void UploadOne(const UpgradeSet_t* settings, const AccountWords* account, bool accountOk,
+void UploadOne(Env* env, const UpgradeSet_t* settings, const AccountWords* account, bool accountOk,
                long long deviceNo, const char* dir, const char* dirWord, const char* name,
                int64_t start, int64_t end) {
   int f[6] = {0, 0, 0, 0, 0, 0};
@@ -134,7 +135,7 @@ void UploadOne(const UpgradeSet_t* settings, const AccountWords* account, bool a
     return;
   }
   WriteDbgLog(2, "%s\n", command);
-  systemdump(command, 600);
+  env->RunCommand(command, 600);
 }
 
 }  // namespace
@@ -146,7 +147,7 @@ int DbgLogFilter(const struct dirent* entry) {
   return strncmp(name, "dbglog", 6) == 0 && strcmp(name + 22, ".log") == 0 ? 1 : 0;
 }
 
-int queryDiskInfo(const char* device, const char* reportPath, int parameter) {
+int queryDiskInfo(Env* env, const char* device, const char* reportPath, int parameter) {
   char tool[256];
   char toolWord[300];
   char reportWord[300];
@@ -162,8 +163,8 @@ int queryDiskInfo(const char* device, const char* reportPath, int parameter) {
     return -1;
   }
   printf("cmd:%s\n", command);
-  system_run(command);
-  ClockSleepMs(2000);
+  env->RunCommandUnlimited(command);
+  env->SleepMs(2000);
 
   FILE* report = fopen(reportPath, "r");
   if (report == nullptr) return -1;
@@ -174,14 +175,14 @@ int queryDiskInfo(const char* device, const char* reportPath, int parameter) {
     if (fseek(report, 0, SEEK_END) == 0) size = ftell(report);
     if (i > 0 && size == previous) break;
     previous = size;
-    if (i < 171) ClockSleepMs(500);
+    if (i < 171) env->SleepMs(500);
   }
   fclose(report);
   puts("queryDiskInfo quit");
   return 0;
 }
 
-int UploadDiskLog(UpgradeSet_t* settings, long long deviceNo, const char* diskPath,
+int UploadDiskLog(Env* env, UpgradeSet_t* settings, long long deviceNo, const char* diskPath,
                   LogCmdItem_t* item) {
   if (settings == nullptr || diskPath == nullptr || item == nullptr) return -1;
   {
@@ -206,7 +207,7 @@ int UploadDiskLog(UpgradeSet_t* settings, long long deviceNo, const char* diskPa
   char reportWord[300] = "";
   bool reportMade = false;
   if (IsReportType(item->type)) {
-    long now = static_cast<long>(ClockTime());
+    long now = static_cast<long>(env->WallSeconds());
     struct tm t;
     memset(&t, 0, sizeof(t));
     comm_localtime_r(&now, &t);
@@ -217,7 +218,7 @@ int UploadDiskLog(UpgradeSet_t* settings, long long deviceNo, const char* diskPa
         ShellWord(reportPath, reportWord, sizeof(reportWord))) {
       char device[32];
       FormatBounded(device, sizeof(device), " /dev/sda%d", item->type / 10);
-      queryDiskInfo(device, reportPath, item->type % 10);
+      queryDiskInfo(env, device, reportPath, item->type % 10);
       reportMade = true;
     } else {
       WriteDbgLog(2, "UploadDiskLog: no disk report on %s: path too long or unusable\n", diskPath);
@@ -243,7 +244,7 @@ int UploadDiskLog(UpgradeSet_t* settings, long long deviceNo, const char* diskPa
   bool dirOk = ShellWord(dir, dirWord, sizeof(dirWord));
   for (int i = 0; i < count; ++i) {
     printf("LogFileList[%d] = %s\n", i, list[i]->d_name);
-    UploadOne(settings, &account, accountOk, deviceNo, dir, dirOk ? dirWord : nullptr,
+    UploadOne(env, settings, &account, accountOk, deviceNo, dir, dirOk ? dirWord : nullptr,
               list[i]->d_name, start, end);
     free(list[i]);
   }
@@ -252,7 +253,7 @@ int UploadDiskLog(UpgradeSet_t* settings, long long deviceNo, const char* diskPa
   if (reportMade) {
     char command[256];
     if (FormatBounded(command, sizeof(command), "rm %s", reportWord) == 0) {
-      systemdump(command, 60);
+      env->RunCommand(command, 60);
     } else {
       WriteDbgLog(2, "UploadDiskLog: report %s not removed: path too long\n", reportPath);
     }
@@ -260,17 +261,17 @@ int UploadDiskLog(UpgradeSet_t* settings, long long deviceNo, const char* diskPa
   return count;
 }
 
-int UploadLog(UpgradeSet_t* settings, const int32_t* expiry, LogCmdItem_t* item) {
+int UploadLog(Env* env, UpgradeSet_t* settings, const int32_t* expiry, LogCmdItem_t* item) {
   if (settings == nullptr || expiry == nullptr || item == nullptr) {
     WriteDbgLog(2, "UploadLog: no settings, expiry or command\n");
     return -1;
   }
   int64_t expires = LocalTime2000(expiry[0], expiry[1], expiry[2], expiry[3], expiry[4], expiry[5]);
-  if (expires < static_cast<int64_t>(ClockTime())) {
+  if (expires < static_cast<int64_t>(env->WallSeconds())) {
     WriteDbgLog(2, "UploadLog out of date\n");
     return -1;
   }
-  long long deviceNo = ConfigDeviceNumber(CConfig::Instance());
+  long long deviceNo = ConfigDeviceNumber(env->Config());
   if (item->scope == nullptr || item->scope[0] == '\0' || !InScope(item->scope, deviceNo)) {
     WriteDbgLog(2, "UploadLog not in scope\n");
     return -1;
@@ -278,7 +279,7 @@ int UploadLog(UpgradeSet_t* settings, const int32_t* expiry, LogCmdItem_t* item)
 
   PartStatus_t disks;
   memset(&disks, 0, sizeof(disks));
-  if (GetDiskForCommUsage(DISK_USAGE_MAINTAIN, &disks, nullptr) != 0) disks.count = 0;
+  if (env->GetDiskForCommUsage(DISK_USAGE_MAINTAIN, &disks) != 0) disks.count = 0;
   WriteDbgLog(2, "PathCount = %d\n", disks.count);
   int results[kMaxResults];
   memset(results, 0, sizeof(results));
@@ -287,7 +288,7 @@ int UploadLog(UpgradeSet_t* settings, const int32_t* expiry, LogCmdItem_t* item)
     char path[sizeof(disks.part[i].path) + 1];
     CopyField(path, sizeof(path), disks.part[i].path, sizeof(disks.part[i].path));
     WriteDbgLog(2, "  PathName = %s\n", path);
-    results[i] = UploadDiskLog(settings, deviceNo, path, item);
+    results[i] = UploadDiskLog(env, settings, deviceNo, path, item);
   }
 
   if (IsReportType(item->type) || n == 0) return 0;
@@ -295,7 +296,7 @@ int UploadLog(UpgradeSet_t* settings, const int32_t* expiry, LogCmdItem_t* item)
   for (int i = 0; i < n; ++i) anyLogs = anyLogs || results[i] > 0;
   if (anyLogs) {
     // The account was lent for this one command: it is withdrawn once the uploads are done.
-    ClockSleepMs(2000);
+    env->SleepMs(2000);
     memset(settings->user, 0, sizeof(settings->user));
     memset(settings->password, 0, sizeof(settings->password));
   }

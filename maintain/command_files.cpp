@@ -13,6 +13,7 @@
 #include "maintain/ftp_maintain_mng.h"
 #include "maintain/shell_values.h"
 #include "platform/config.h"
+#include "platform/env.h"
 #include "platform/fileutil.h"
 #include "platform/log.h"
 #include "platform/paths.h"
@@ -370,7 +371,7 @@ int CFtpMaintainMng::HandleLogCmd(const char* path) {
   UpgradeSet_t account = before;
   for (int i = 0; i < count; ++i) {
     WriteDbgLog(0, "Cmd: %d, %s\n", items[i].type, ScopeText(items[i].scope));
-    UploadLog(&account, expiry, &items[i]);
+    UploadLog(m_env, &account, expiry, &items[i]);
     free(items[i].scope);
     items[i].scope = nullptr;
   }
@@ -403,12 +404,12 @@ int CFtpMaintainMng::HandleUsrDefineCmd(const char* path) {
   for (int i = 0; i < count; ++i) {
     WriteDbgLog(0, "Cmd: %s, %s\n", items[i].command, ScopeText(items[i].scope));
     // The maintenance server's own command line: run as it stands, like a remote shell.
-    system_run(items[i].command);
+    m_env->RunCommandUnlimited(items[i].command);
     free(items[i].scope);
     items[i].scope = nullptr;
     std::string followUp;
     int limit = 0;
-    if (UsrCmdFollowUp(items[i].command, &followUp, &limit)) systemdump(followUp.c_str(), limit);
+    if (UsrCmdFollowUp(items[i].command, &followUp, &limit)) m_env->RunCommand(followUp.c_str(), limit);
   }
   FreeUsrCmdItems(items, count);
   return 0;
@@ -440,7 +441,7 @@ int CFtpMaintainMng::HandleConfigCmd(const char* path) {
     return -1;
   }
   MakeDirs(tmp.c_str());
-  systemdump(command, 600);
+  m_env->RunCommand(command, 600);
 
   struct stat st;
   DIR* dir = nullptr;
@@ -461,11 +462,11 @@ int CFtpMaintainMng::HandleConfigCmd(const char* path) {
     int size = 0;
     char* content = filetobufwithoutbuf(file, &size);
     if (content == nullptr) continue;
-    CConfig::Instance()->SetConfigXml(static_cast<PARAM_TYPE_E>(type), content);
+    m_env->Config()->SetConfigXml(static_cast<PARAM_TYPE_E>(type), content);
     free(content);
   }
   closedir(dir);
   FormatBounded(command, sizeof(command), "rm -Rf %s", configWord);
-  systemdump(command, 600);
+  m_env->RunCommand(command, 600);
   return 0;
 }

@@ -12,6 +12,7 @@
 #include "platform/byteorder.h"
 #include "platform/clock.h"
 #include "platform/config.h"
+#include "platform/env.h"
 #include "platform/fileutil.h"
 #include "platform/log.h"
 #include "platform/paths.h"
@@ -73,7 +74,7 @@ int CFtpMaintainMng::GetFileList(const UpgradeSet_t* account, const char* dir) {
   FormatBounded(command, sizeof(command), "ftpget -u %s -p %s -P %d %s %s/%s %s", user, password,
                 account->port, host, where, "FileList.xml", "FileList.xml");
   WriteDbgLog(0, "%s\n", command);
-  systemdump(command, 600);
+  m_env->RunCommand(command, 600);
   return 0;
 }
 
@@ -123,7 +124,7 @@ int CFtpMaintainMng::IsNeedLoadFile(const FtpFileItem_t* item) {
     return -1;
   }
   uint8_t device[kStatusDeviceSize] = {};
-  GetStatus(STATUS_DEVICE, device);
+  m_env->GetStatus(STATUS_DEVICE, device);
   int32_t localType = static_cast<int32_t>(LoadLE32(device));
   if (localType != item->DevType) {
     WriteDbgLog(2, "IsNeedLoadFile DevType Mismatch: Local = %d, Ftp = %d\n", localType,
@@ -132,7 +133,7 @@ int CFtpMaintainMng::IsNeedLoadFile(const FtpFileItem_t* item) {
   }
   int f[6] = {};
   int64_t expiry = 0;
-  time_t now = ClockTime();
+  time_t now = m_env->WallSeconds();
   if (!ExpiryTime(item->ExpiryDate, &expiry, f) || expiry < static_cast<int64_t>(now)) {
     WriteDbgLog(2,
                 "IsNeedLoadFile out of date: ExpiryDate = %s, %lld, %lld, (%d, %d, %d, %d, %d, %d)\n",
@@ -140,7 +141,7 @@ int CFtpMaintainMng::IsNeedLoadFile(const FtpFileItem_t* item) {
                 f[1], f[2], f[3], f[4], f[5]);
     return -1;
   }
-  long long deviceNo = ConfigDeviceNumber(CConfig::Instance());
+  long long deviceNo = ConfigDeviceNumber(m_env->Config());
   if (item->Scope[0] == '\0') {
     puts("IsNeedLoadFile is TRUE");
     return 0;

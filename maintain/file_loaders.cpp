@@ -6,6 +6,7 @@
 #include "maintain/ftp_maintain_mng.h"
 #include "maintain/shell_values.h"
 #include "platform/config.h"
+#include "platform/env.h"
 #include "platform/fileutil.h"
 #include "platform/log.h"
 #include "platform/paths.h"
@@ -18,25 +19,25 @@ const char kTmpLoadName[] = "tmp_ftp_load.bin";
 
 // Removes every "*.<ext>" from the upload disks and from /tmp before a download of that kind.
 // noDiskLog is the loader's message when no disk is mounted.
-void CleanDisks(const char* ext, const char* noDiskLog) {
+void CleanDisks(Env* env, const char* ext, const char* noDiskLog) {
   PartStatus_t disks;
   memset(&disks, 0, sizeof(disks));
   char command[300];
   char word[200];
-  if (GetDiskForCommUsage(DISK_USAGE_UPLOAD, &disks, nullptr) == 0 && disks.count > 0) {
+  if (env->GetDiskForCommUsage(DISK_USAGE_UPLOAD, &disks) == 0 && disks.count > 0) {
     for (int i = 0; i < disks.count && i < 8; ++i) {
       char path[129] = {};
       memcpy(path, disks.part[i].path, sizeof(disks.part[i].path));
       if (!ShellWord(path, word, sizeof(word))) continue;
       FormatBounded(command, sizeof(command), "rm %s/*.%s", word, ext);
-      systemdump(command, 5);
+      env->RunCommand(command, 5);
     }
   } else {
     WriteDbgLog(2, "%s", noDiskLog);
   }
   if (ShellWord(RootedPath("/tmp").c_str(), word, sizeof(word))) {
     FormatBounded(command, sizeof(command), "rm %s/*.%s", word, ext);
-    systemdump(command, 5);
+    env->RunCommand(command, 5);
   }
 }
 
@@ -58,10 +59,10 @@ int CFtpMaintainMng::DownloadFile(FtpFileItem_t* item, const UpgradeSet_t* accou
   char command[255];
   FormatBounded(command, sizeof(command), "ftpget -u %s -p %s -P %d %s %s/%s %s", user, password,
                 account->port, host, where, kTmpLoadName, item->FileName);
-  systemdump(command, 600);
+  m_env->RunCommand(command, 600);
   FormatBounded(command, sizeof(command), "mv %s/%s %s/%s", where, kTmpLoadName, where,
                 item->FileName);
-  systemdump(command, 10);
+  m_env->RunCommand(command, 10);
   return 0;
 }
 
@@ -77,7 +78,7 @@ int CFtpMaintainMng::LoadUsrCmdFile(FtpFileItem_t* item, const UpgradeSet_t* acc
 
 int CFtpMaintainMng::GetUpgradeFileName(char* out) {
   VersionInfo_t version;
-  CConfig::Instance()->GetConfig(&version, nullptr);
+  m_env->Config()->GetConfig(&version, nullptr);
   char prefix[32];
   GetUpgradeFilePrefix(prefix);
   char v[4][17] = {};
@@ -96,7 +97,7 @@ int CFtpMaintainMng::LoadUpgradeFile(FtpFileItem_t* item, const UpgradeSet_t* ac
   }
   WriteDbgLog(2, "LocalVersion=%s, FtpVersion=%s\n", local, item->FileName);
   // GBK text: "LoadUpgradeFile: no disk found".
-  CleanDisks("sw", "LoadUpgradeFile\xc3\xbb\xd3\xd0\xd5\xd2\xb5\xbd\xb4\xc5\xc5\xcc\n");
+  CleanDisks(m_env, "sw", "LoadUpgradeFile\xc3\xbb\xd3\xd0\xd5\xd2\xb5\xbd\xb4\xc5\xc5\xcc\n");
   DownloadFile(item, account, dir);
   char path[127];
   FormatBounded(path, sizeof(path), "%s/%s", dir, item->FileName);
@@ -104,21 +105,21 @@ int CFtpMaintainMng::LoadUpgradeFile(FtpFileItem_t* item, const UpgradeSet_t* ac
   note.code = 201;
   note.length = static_cast<uint16_t>(strlen(path));
   note.path = path;
-  SetStatus(STATUS_UPGRADE, &note);  // announced whatever the transfer's outcome
+  m_env->SetStatus(STATUS_UPGRADE, &note);  // announced whatever the transfer's outcome
   return 0;
 }
 
 int CFtpMaintainMng::LoadMcuFile(FtpFileItem_t* item, const UpgradeSet_t* account,
                                  const char* dir) {
   char version[kStatusMcuVersionSize + 1] = {};
-  GetStatus(STATUS_MCU_VERSION, version);
+  m_env->GetStatus(STATUS_MCU_VERSION, version);
   version[kStatusMcuVersionSize] = '\0';
   if (strstr(item->FileName, version) != nullptr) {  // an empty version is in every name
     WriteDbgLog(2, "NewVer=CurVer=%s\n", item->FileName);
     return 1;
   }
   // GBK text: "LoadMcuFile: no disk found".
-  CleanDisks("crc", "LoadMcuFile\xc3\xbb\xd3\xd0\xd5\xd2\xb5\xbd\xb4\xc5\xc5\xcc\n");
+  CleanDisks(m_env, "crc", "LoadMcuFile\xc3\xbb\xd3\xd0\xd5\xd2\xb5\xbd\xb4\xc5\xc5\xcc\n");
   DownloadFile(item, account, dir);
   return 0;
 }
@@ -126,7 +127,7 @@ int CFtpMaintainMng::LoadMcuFile(FtpFileItem_t* item, const UpgradeSet_t* accoun
 int CFtpMaintainMng::LoadConfigFile(FtpFileItem_t* item, const UpgradeSet_t* account,
                                     const char* dir) {
   // GBK text: "LoadConfigFile: no disk found".
-  CleanDisks("tar", "LoadConfigFile\xc3\xbb\xd3\xd0\xd5\xd2\xb5\xbd\xb4\xc5\xc5\xcc\n");
+  CleanDisks(m_env, "tar", "LoadConfigFile\xc3\xbb\xd3\xd0\xd5\xd2\xb5\xbd\xb4\xc5\xc5\xcc\n");
   DownloadFile(item, account, dir);
   return 0;
 }

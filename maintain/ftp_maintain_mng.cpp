@@ -5,6 +5,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "platform/env.h"
 #include "platform/fileutil.h"
 #include "platform/log.h"
 #include "platform/text.h"
@@ -13,12 +14,12 @@ CFtpMaintainMng* CFtpMaintainMng::m_pInstance = nullptr;
 
 CFtpMaintainMng* CFtpMaintainMng::Instance() {
   static std::once_flag once;
-  std::call_once(once, [] { m_pInstance = new CFtpMaintainMng(); });
+  std::call_once(once, [] { m_pInstance = new CFtpMaintainMng(Env::Default()); });
   return m_pInstance;
 }
 
-CFtpMaintainMng::CFtpMaintainMng()
-    : m_pData(static_cast<FtpMaintainData_t*>(calloc(1, sizeof(FtpMaintainData_t)))) {}
+CFtpMaintainMng::CFtpMaintainMng(Env* env)
+    : m_env(env), m_pData(static_cast<FtpMaintainData_t*>(calloc(1, sizeof(FtpMaintainData_t)))) {}
 
 CFtpMaintainMng::~CFtpMaintainMng() {
   if (m_pData == nullptr) return;

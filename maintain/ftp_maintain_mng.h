@@ -7,6 +7,8 @@
 #include "platform/config.h"
 #include "platform/thread.h"
 
+class Env;
+
 enum FTP_FILE_TYPE_E {
   FTP_FILE_UPGRADE = 1,  // firmware package, "*.sw"
   FTP_FILE_LOGCMD = 2,   // log-command file
@@ -52,8 +54,13 @@ struct FtpMaintainData_t {
 
 class CFtpMaintainMng {
  public:
-  // The singleton, created on first use. Safe from any thread.
+  // The singleton on the default Env, created on first use. Safe from any thread.
   static CFtpMaintainMng* Instance();
+
+  // A manager that reaches clock, status, shell and configuration through env (which must
+  // outlive it).
+  explicit CFtpMaintainMng(Env* env);
+  ~CFtpMaintainMng();
 
   // Installs a new account and restarts the cycle at once. Request thread.
   int FtpConnectTo(const char* user, const char* password, const char* host, uint16_t port,
@@ -114,6 +121,7 @@ class CFtpMaintainMng {
   // appears within 120 s. Always 0.
   int SelectWorkDir();
 
+  Env* const m_env;  // constant after construction
   FtpMaintainData_t* m_pData;
   time_t m_lastStepTime = 0;  // under m_lock
   // Under m_lock. Grows whenever FtpConnectTo replaces the account and the lists, so that a
@@ -125,10 +133,6 @@ class CFtpMaintainMng {
 
   CFtpMaintainMng(const CFtpMaintainMng&) = delete;
   CFtpMaintainMng& operator=(const CFtpMaintainMng&) = delete;
-
- protected:
-  CFtpMaintainMng();
-  ~CFtpMaintainMng();
 
  private:
   static CFtpMaintainMng* m_pInstance;

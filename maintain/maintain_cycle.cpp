@@ -14,6 +14,7 @@
 #include "maintain/ftp_maintain_mng.h"
 #include "platform/clock.h"
 #include "platform/config.h"
+#include "platform/env.h"
 #include "platform/fileutil.h"
 #include "platform/log.h"
 #include "platform/paths.h"
@@ -47,7 +48,7 @@ void FtpProc(CommonThread_st* thread, void* arg) {
   CFtpMaintainMng* mng = static_cast<CFtpMaintainMng*>(arg);
   WriteDbgLog(0, "FtpProc pid = %d\n", static_cast<int>(getpid()));
   UpgradeSet_t account;
-  CConfig::Instance()->GetConfig(&account, nullptr);
+  mng->m_env->Config()->GetConfig(&account, nullptr);
   {
     CAutoLock guard(&mng->m_lock);
     mng->m_pData->upgradeSet = account;
@@ -55,12 +56,12 @@ void FtpProc(CommonThread_st* thread, void* arg) {
   mng->SelectWorkDir();
   {
     CAutoLock guard(&mng->m_lock);
-    mng->m_lastStepTime = ClockTime();
+    mng->m_lastStepTime = mng->m_env->WallSeconds();
   }
   int interval = kStepInterval;
   while (ThreadGetStatus(thread) != 0) {
     mng->ProcPass(&interval);
-    ClockSleepUs(1000000);
+    mng->m_env->SleepUs(1000000);
   }
   WriteDbgLog(0, "Ftp Upgrade Thread Exit\n");
 }
@@ -102,19 +103,19 @@ int CFtpMaintainMng::Stop() {
 }
 
 int CFtpMaintainMng::SelectWorkDir() {
-  time_t start = ClockTime();
+  time_t start = m_env->WallSeconds();
   for (;;) {
-    ClockSleepUs(1500000);
+    m_env->SleepUs(1500000);
     PartStatus_t disks;
     memset(&disks, 0, sizeof(disks));
-    GetDiskForCommUsage(DISK_USAGE_MAINTAIN, &disks, nullptr);
+    m_env->GetDiskForCommUsage(DISK_USAGE_MAINTAIN, &disks);
     if (disks.count > 0) {
       CAutoLock guard(&m_lock);
       CopyField(m_pData->fileList.dir, sizeof(m_pData->fileList.dir), disks.part[0].path,
                 sizeof(disks.part[0].path));
       return 0;
     }
-    if (llabs(static_cast<long long>(ClockTime() - start)) > 120) {
+    if (llabs(static_cast<long long>(m_env->WallSeconds() - start)) > 120) {
       CAutoLock guard(&m_lock);
       RootedPath("/tmp", m_pData->fileList.dir, sizeof(m_pData->fileList.dir));
       return 0;
@@ -126,7 +127,7 @@ void CFtpMaintainMng::ProcPass(int* interval) {
   bool step = false;
   {
     CAutoLock guard(&m_lock);
-    time_t now = ClockTime();
+    time_t now = m_env->WallSeconds();
     if (llabs(static_cast<long long>(now - m_lastStepTime)) > *interval) {
       m_lastStepTime = now;
       step = true;

@@ -225,7 +225,10 @@ TEST(MaintainThreadTest, StartsStepsAndStops) {
     std::lock_guard<std::mutex> g(status.mutex);
     status.mounts[DISK_USAGE_MAINTAIN] = {FakeStatus::Entry(1, root.path() + "/mnt/sd1")};
   }
-  TestMaintMng mng;
+  TestEnv env;
+  env.status = &status;
+  env.shell = &shell;
+  CFtpMaintainMng mng(&env);
   ASSERT_EQ(mng.Start(), 0);
   // The real clock: the disk search sleeps 1.5 s, the first step comes more than 5 s later.
   for (int i = 0; i < 100 && log.Count("FtpProc pid") == 0; ++i) ClockSleepMs(50);

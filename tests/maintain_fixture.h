@@ -10,13 +10,13 @@
 #include "maintain/ftp_maintain_mng.h"
 #include "tests/fakes/fakes.h"
 
-// A fresh manager per test; the service itself uses the singleton.
-class TestMaintMng : public CFtpMaintainMng {};
-
 class MaintainFixture : public ::testing::Test {
  protected:
   MaintainFixture() {
     root.Write("/etc/velmar/config/jtbase.xml", "<jtbase deviceNo=\"150\"/>");
+    env.clock = &clock;
+    env.status = &status;
+    env.shell = &shell;
     shell.mustBeFree = &mng.m_lock;
     std::lock_guard<std::mutex> g(status.mutex);
     status.deviceType = 3;
@@ -25,7 +25,7 @@ class MaintainFixture : public ::testing::Test {
   // wait for the whole download.
   void TearDown() override { EXPECT_EQ(shell.LockedRuns(), 0); }
   // Commands run in the real shell from now on.
-  void UseRealShell() {}
+  void UseRealShell() { env.shell = nullptr; }
   // The maintenance account the tests log in with.
   static UpgradeSet_t Account() {
     UpgradeSet_t a{};
@@ -40,6 +40,7 @@ class MaintainFixture : public ::testing::Test {
   FakeClock clock;
   FakeStatus status;
   LogCapture log;
-  TestMaintMng mng;
   FakeShell shell;
+  TestEnv env;
+  CFtpMaintainMng mng{&env};  // a fresh manager per test; the service uses the singleton
 };

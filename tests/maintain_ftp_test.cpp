@@ -13,8 +13,6 @@
 
 namespace {
 
-class TestMaintMng : public CFtpMaintainMng {};
-
 TEST(MaintainFtpTest, FetchesTheListAndLoadsEntriesUnderTheirNames) {
   TempRoot root;
   LogCapture log;
@@ -41,7 +39,9 @@ TEST(MaintainFtpTest, FetchesTheListAndLoadsEntriesUnderTheirNames) {
   PyFtpd server(served, {});
   ASSERT_GT(server.port(), 0);
 
-  TestMaintMng mng;
+  TestEnv env;
+  env.status = &status;
+  CFtpMaintainMng mng(&env);
   std::string work = root.Make("/work/x");
   work = work.substr(0, work.rfind('/'));
   {

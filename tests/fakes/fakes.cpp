@@ -48,6 +48,20 @@ void TempRoot::Write(const std::string& rel, const std::string& text) const {
   std::ofstream(Make(rel), std::ios::binary) << text;
 }
 
+void DiscardLogFiles() {
+  static bool done = false;
+  if (done) return;
+  done = true;
+  char tmpl[] = "/tmp/velmar-fuzz-XXXXXX";
+  const char* dir = mkdtemp(tmpl);
+  if (dir == nullptr) return;
+  std::string logs = std::string(dir) + "/var/log/velmar";
+  MakeDirs(logs.c_str());
+  (void)!symlink("/dev/null", (logs + "/velmar.log").c_str());
+  (void)!symlink("/dev/null", (logs + "/user.log").c_str());
+  setenv("VELMAR_ROOT", dir, 1);
+}
+
 std::string ReadWholeFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::stringstream text;

@@ -36,6 +36,10 @@ class TempRoot {
   bool m_hadRoot = false;
 };
 
+// Points VELMAR_ROOT at a fresh directory whose log files are /dev/null, for fuzz targets
+// that run millions of inputs. Once per process.
+void DiscardLogFiles();
+
 // The whole content of a file; empty when it cannot be read.
 std::string ReadWholeFile(const std::string& path);
 

@@ -20,7 +20,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   rec.AddInfo(1700000000ull * 1000000u + 5, 0);
   std::string name(reinterpret_cast<const char*>(data), size);
-  CReadAvi avi;
+  TestEnv env;
+  env.status = &status;
+  CReadAvi avi(&env);
   AviFileInfo_t* h = avi.ReadAviOpen(name.c_str());
   if (h == nullptr) return 0;
   // Read only files small enough to finish quickly; the length is checked in any case.

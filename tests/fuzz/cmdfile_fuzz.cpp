@@ -7,22 +7,10 @@
 #include <string>
 
 #include "maintain/command_files.h"
-#include "platform/log.h"
-
-namespace {
-
-class QuietLog : public ILogSink {
- public:
-  void OnDbgLine(int, const char*) override {}
-  void OnUserRecord(int, unsigned, const void*, unsigned) override {}
-};
-
-}  // namespace
+#include "tests/fakes/fakes.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static QuietLog quiet;
-  static ILogSink* prev = SetLogSinkForTest(&quiet);
-  (void)prev;
+  DiscardLogFiles();
   std::string text(reinterpret_cast<const char*>(data), size);
   TiXmlDocument doc;
   doc.Parse(text.c_str(), nullptr, TIXML_ENCODING_UNKNOWN);

@@ -8,28 +8,17 @@
 #include <string>
 
 #include "maintain/ftp_maintain_mng.h"
-#include "platform/log.h"
 #include "tests/fakes/fakes.h"
 
-namespace {
-
-class QuietLog : public ILogSink {
- public:
-  void OnDbgLine(int, const char*) override {}
-  void OnUserRecord(int, unsigned, const void*, unsigned) override {}
-};
-
-class FuzzMaintMng : public CFtpMaintainMng {};
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static QuietLog quiet;
-  static ILogSink* prev = SetLogSinkForTest(&quiet);
+  DiscardLogFiles();
   static FakeStatus* status = new FakeStatus();
-  static FuzzMaintMng* mng = new FuzzMaintMng();
-  (void)prev;
-  (void)status;
+  static TestEnv* env = [] {
+    TestEnv* e = new TestEnv();
+    e->status = status;
+    return e;
+  }();
+  static CFtpMaintainMng* mng = new CFtpMaintainMng(env);
   char path[] = "/tmp/velmar-filelist-fuzz-XXXXXX";
   int fd = mkstemp(path);
   if (fd < 0) return 0;

@@ -26,7 +26,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   FakeStatus status;
   status.partLists[15] = {FakeStatus::Entry(1, dir)};
-  CReadAvi avi;
+  TestEnv env;
+  env.status = &status;
+  CReadAvi avi(&env);
   for (int type = 0; type < 2; ++type) {
     char name[100];
     snprintf(name, sizeof(name), "/0001_0000000a_1_1700000000_1700000010_%d_20000.avi", type);
