@@ -62,13 +62,11 @@ class CFtpCtrlMng : public ITaskControl {
   // Guards m_taskList and the records in it.
   CLock m_lock;
   int32_t m_lastActive = 0;
-  // Written only by CheckDiskState (main thread), under m_curDiskLock; other threads read it
-  // through CurDisk().
-  ftpCurDisk_t m_curDisk{};
   // Guards m_curDisk between the main thread and the request thread. Never taken under m_lock.
   mutable CLock m_curDiskLock;
-  // Guarded by m_lock.
-  std::list<ftpFileInfo_t> m_taskList;
+  // Written only by CheckDiskState (main thread); other threads read it through CurDisk().
+  ftpCurDisk_t m_curDisk GUARDED_BY(m_curDiskLock){};
+  std::list<ftpFileInfo_t> m_taskList GUARDED_BY(m_lock);
   // Used only on the main thread.
   std::map<int32_t, ftpDiskInfo_t> m_diskMap;
 
@@ -76,20 +74,21 @@ class CFtpCtrlMng : public ITaskControl {
   CFtpCtrlMng& operator=(const CFtpCtrlMng&) = delete;
 
   // A copy of m_curDisk. Safe from any thread; must not be called with m_lock held.
-  ftpCurDisk_t CurDisk() const;
+  ftpCurDisk_t CurDisk() const EXCLUDES(m_lock);
 
  private:
-  // dataSync of mountDir through the Env's database.
-  void SyncDisk(char* mountDir);
+  // dataSync of mountDir through the Env's database. dataSync takes m_lock itself around each
+  // use of the list, which the analysis cannot see through the reference it is handed.
+  void SyncDisk(char* mountDir) NO_THREAD_SAFETY_ANALYSIS;
   // Makes the smallest slot of the disk table the current disk, logging a change.
   void FollowSmallestSlot();
   // The once-a-second network step of the scheduler. False when the status is unreadable.
   bool UpdateNetwork(uint32_t seconds);
   // Scheduler steps with m_lock held: follow the engine's task, or hand over the head task.
-  void FollowEngineTask(const ftpFileInfo_t& held, uint32_t seconds);
-  void OfferHeadTask(uint32_t seconds);
+  void FollowEngineTask(const ftpFileInfo_t& held, uint32_t seconds) REQUIRES(m_lock);
+  void OfferHeadTask(uint32_t seconds) REQUIRES(m_lock);
   // Removes the head task from the list and its rows (and, if flagged, its file) per disk.
-  void DropHeadTask();
+  void DropHeadTask() REQUIRES(m_lock);
   // Database delete and list update of transfer control; see SetFtpTrans.
   void DeleteTasks(int fileType, int seq, const char* diskPath);
   void SwitchTasks(int fileType, unsigned int ctrType, int seq, const char* diskPath);

@@ -51,7 +51,7 @@ void CFtpCtrlMng::DropHeadTask() {
 }
 
 void CFtpCtrlMng::ScheduleTask(uint32_t seconds) {
-  if (m_curDisk.id == 0) return;  // the main thread is the only writer of m_curDisk
+  if (CurDisk().id == 0) return;
   if (seconds != m_lastSecond && !UpdateNetwork(seconds)) return;
   CAutoLock guard(&m_lock);
   if (m_taskList.empty()) return;

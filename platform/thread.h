@@ -5,25 +5,30 @@
 
 #include <atomic>
 
+#include "platform/thread_annotations.h"
+
 // A non-recursive mutex. No path in the service takes a CLock twice.
-class CLock {
+class CAPABILITY("mutex") CLock {
  public:
   CLock();
   ~CLock();
   CLock(const CLock&) = delete;
   CLock& operator=(const CLock&) = delete;
-  void Lock();
-  void Unlock();
+  void Lock() ACQUIRE();
+  void Unlock() RELEASE();
+  // States that the caller holds the lock, where the analysis cannot follow it (a function
+  // reached through an opaque pointer). Checks nothing at run time.
+  void AssertHeld() const ASSERT_CAPABILITY(this) {}
 
  private:
   pthread_mutex_t m_mutex;
 };
 
 // Holds *lock for the life of the scope.
-class CAutoLock {
+class SCOPED_CAPABILITY CAutoLock {
  public:
-  explicit CAutoLock(CLock* lock) : m_pLock(lock) { m_pLock->Lock(); }
-  ~CAutoLock() { m_pLock->Unlock(); }
+  explicit CAutoLock(CLock* lock) ACQUIRE(lock) : m_pLock(lock) { m_pLock->Lock(); }
+  ~CAutoLock() RELEASE() { m_pLock->Unlock(); }
   CAutoLock(const CAutoLock&) = delete;
   CAutoLock& operator=(const CAutoLock&) = delete;
 

@@ -11,11 +11,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <string>
 
 #include "upload/ftp_records.h"
 #include "core/ftp_upload_interface.h"
+#include "platform/thread.h"
 #include "platform/byteorder.h"
 #include "platform/evbus.h"
 #include "platform/text.h"
@@ -312,7 +312,7 @@ int Command(int argc, char** argv) {
 
 std::atomic<bool> g_stop{false};
 std::atomic<int> g_printed{0};
-std::mutex g_printMutex;
+CLock g_printMutex;
 
 void OnSignal(int) { g_stop = true; }
 
@@ -325,7 +325,7 @@ int PrintEvent(int, sockaddr_un*, unsigned*, char* msg, int len, void*) {
   int reserved = 0;
   int n = ParseRecvEvent(reinterpret_cast<unsigned char*>(msg), len, &event, &reserved, payload);
   if (n < 0) return -1;
-  std::lock_guard<std::mutex> guard(g_printMutex);
+  CAutoLock guard(&g_printMutex);
   if (event == EVENT_HEARTBEAT) {
     char name[65];
     CopyField(name, sizeof(name), reinterpret_cast<char*>(payload + 4), 64);

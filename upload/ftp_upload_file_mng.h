@@ -73,7 +73,7 @@ class CFtpUploadFileMng {
   std::atomic<int16_t> m_nBusy{0};        // 1 while the thread works a pass
   std::atomic<int16_t> m_nTransState{0};  // 0 idle/new, 1 sending, 2 send ended
   CFtpClient* m_pFtpClient = nullptr;     // owned by the upload thread
-  ftpFileInfo_t m_stTask{};               // see the sharing rules above
+  ftpFileInfo_t m_stTask GUARDED_BY(m_taskLock){};  // see the sharing rules above
   CommonCthread m_thread;
   mutable CLock m_taskLock;
 

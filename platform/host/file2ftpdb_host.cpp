@@ -13,11 +13,11 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
-#include <mutex>
 #include <string>
 
 #include "platform/file2ftpdb.h"
 #include "platform/log.h"
+#include "platform/thread.h"
 #include "platform/text.h"
 
 namespace {
@@ -172,12 +172,11 @@ bool Exec(sqlite3* db, const char* sql, const std::function<void(sqlite3_stmt*)>
 }  // namespace
 
 struct CFile2FtpDbMng::Impl {
-  std::mutex mutex;
-  // State below is protected by mutex.
-  sqlite3* db = nullptr;
-  std::string path;  // file of the open table
+  CLock mutex;
+  sqlite3* db GUARDED_BY(mutex) = nullptr;
+  std::string path GUARDED_BY(mutex);  // file of the open table
 
-  void Close() {
+  void Close() REQUIRES(mutex) {
     if (db != nullptr) sqlite3_close(db);
     db = nullptr;
     path.clear();
@@ -187,7 +186,10 @@ struct CFile2FtpDbMng::Impl {
 CFile2FtpDbMng::CFile2FtpDbMng() : m_pImpl(new Impl()) {}
 
 CFile2FtpDbMng::~CFile2FtpDbMng() {
-  m_pImpl->Close();
+  {
+    CAutoLock guard(&m_pImpl->mutex);
+    m_pImpl->Close();
+  }
   delete m_pImpl;
 }
 
@@ -197,7 +199,7 @@ CFile2FtpDbMng* CFile2FtpDbMng::Instance() {
 }
 
 int CFile2FtpDbMng::OpenTable(const char* mountDir) {
-  std::lock_guard<std::mutex> guard(m_pImpl->mutex);
+  CAutoLock guard(&m_pImpl->mutex);
   m_pImpl->Close();
   m_bTabOpen = 0;
   if (mountDir == nullptr || mountDir[0] == '\0') {
@@ -231,10 +233,10 @@ int CFile2FtpDbMng::ReplaceBySeqAndType(int seq, unsigned char type, std::list<_
 // In one transaction: deletes the rows of *key (when given), then appends rows. A crash or a
 // power loss leaves either the old rows or the new ones, never neither.
 int CFile2FtpDbMng::Rewrite(const std::pair<int, unsigned char>* key, std::list<__ftp_log>& rows) {
-  std::lock_guard<std::mutex> guard(m_pImpl->mutex);
+  CAutoLock guard(&m_pImpl->mutex);
   sqlite3* db = m_pImpl->db;
   if (db == nullptr) return -1;
-  const std::string& path = m_pImpl->path;
+  const std::string path = m_pImpl->path;  // a copy: DropTable clears the original
   std::string sql = std::string("INSERT INTO ftp_log (") + kColumns +
                     ") VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
   if (sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK) {
@@ -269,12 +271,13 @@ int CFile2FtpDbMng::Rewrite(const std::pair<int, unsigned char>* key, std::list<
 // Closes a table whose medium failed, so that the next user reopens it. Called with the
 // mutex held.
 void CFile2FtpDbMng::DropTable() {
+  m_pImpl->mutex.AssertHeld();
   m_pImpl->Close();
   m_bTabOpen = 0;
 }
 
 int CFile2FtpDbMng::SearchAll(std::list<__ftp_log>& rows) {
-  std::lock_guard<std::mutex> guard(m_pImpl->mutex);
+  CAutoLock guard(&m_pImpl->mutex);
   if (m_pImpl->db == nullptr) return -1;
   std::string sql = std::string("SELECT ") + kColumns + " FROM ftp_log ORDER BY id";
   bool ok = Exec(m_pImpl->db, sql.c_str(), nullptr,
@@ -289,7 +292,7 @@ int CFile2FtpDbMng::SearchAll(std::list<__ftp_log>& rows) {
 }
 
 int CFile2FtpDbMng::SearchBySeqAndType(int seq, unsigned char type, std::list<__ftp_log>& rows) {
-  std::lock_guard<std::mutex> guard(m_pImpl->mutex);
+  CAutoLock guard(&m_pImpl->mutex);
   if (m_pImpl->db == nullptr) return -1;
   std::string sql =
       std::string("SELECT ") + kColumns + " FROM ftp_log WHERE seq = ? AND type = ? ORDER BY id";
@@ -308,7 +311,7 @@ int CFile2FtpDbMng::SearchBySeqAndType(int seq, unsigned char type, std::list<__
 }
 
 int CFile2FtpDbMng::DeleteBySeqAndType(int seq, unsigned char type) {
-  std::lock_guard<std::mutex> guard(m_pImpl->mutex);
+  CAutoLock guard(&m_pImpl->mutex);
   if (m_pImpl->db == nullptr) return -1;
   bool ok = Exec(m_pImpl->db, "DELETE FROM ftp_log WHERE seq = ? AND type = ?",
                  [&](sqlite3_stmt* st) {
@@ -321,7 +324,7 @@ int CFile2FtpDbMng::DeleteBySeqAndType(int seq, unsigned char type) {
 
 int CFile2FtpDbMng::SearchBySeqAndType(const char* mountDir, int seq, unsigned char type) {
   if (mountDir == nullptr || mountDir[0] == '\0') return 0;
-  std::lock_guard<std::mutex> guard(m_pImpl->mutex);
+  CAutoLock guard(&m_pImpl->mutex);
   std::string path = DbPath(mountDir);
   sqlite3* db = OpenDb(path, false);
   if (db == nullptr) return 0;
@@ -338,7 +341,7 @@ int CFile2FtpDbMng::SearchBySeqAndType(const char* mountDir, int seq, unsigned c
 
 int CFile2FtpDbMng::SearchDelete(const char* mountDir, const char* fullPath) {
   if (mountDir == nullptr || mountDir[0] == '\0' || fullPath == nullptr) return -1;
-  std::lock_guard<std::mutex> guard(m_pImpl->mutex);
+  CAutoLock guard(&m_pImpl->mutex);
   std::string path = DbPath(mountDir);
   sqlite3* db = OpenDb(path, false);
   if (db == nullptr) return -1;

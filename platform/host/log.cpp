@@ -8,27 +8,27 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <mutex>
 #include <string>
 
 #include "platform/byteorder.h"
 #include "platform/fileutil.h"
 #include "platform/paths.h"
+#include "platform/thread.h"
 
 namespace {
 
-std::mutex g_fileMutex;  // guards the cached descriptors below
+CLock g_fileMutex;
 
 struct LogFile {
   std::string path;
   int fd = -1;
 };
-LogFile g_dbgFile;
-LogFile g_userFile;
+LogFile g_dbgFile GUARDED_BY(g_fileMutex);
+LogFile g_userFile GUARDED_BY(g_fileMutex);
 
 // Returns a descriptor open for appending to root + devicePath, reopening when the sandbox
 // root changed. Caller holds g_fileMutex.
-int AppendFd(LogFile* file, const char* devicePath) {
+int AppendFd(LogFile* file, const char* devicePath) REQUIRES(g_fileMutex) {
   std::string path = RootedPath(devicePath);
   if (file->fd >= 0 && file->path == path) return file->fd;
   if (file->fd >= 0) close(file->fd);
@@ -83,7 +83,7 @@ void WriteDbgLog(int level, const char* fmt, ...) {
     unsigned char c = static_cast<unsigned char>(line[i]);
     if ((c < 0x20 && c != '\t') || c == 0x7f) line[i] = '?';
   }
-  std::lock_guard<std::mutex> guard(g_fileMutex);
+  CAutoLock guard(&g_fileMutex);
   WriteAll(STDERR_FILENO, line, size);
   int fd = AppendFd(&g_dbgFile, "/var/log/velmar/velmar.log");
   if (fd >= 0) WriteAll(fd, line, size);
@@ -96,7 +96,7 @@ int WriteUserLog(LOG_TYPE_E type, unsigned int code, unsigned int len, void* dat
   StoreLE32(record + 4, code);
   StoreLE32(record + 8, len);
   if (len > 0) memcpy(record + 12, data, len);
-  std::lock_guard<std::mutex> guard(g_fileMutex);
+  CAutoLock guard(&g_fileMutex);
   int fd = AppendFd(&g_userFile, "/var/log/velmar/user.log");
   if (fd < 0) return -1;
   WriteAll(fd, reinterpret_cast<const char*>(record), 12 + len);

@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -19,6 +18,7 @@
 #include "platform/paths.h"
 #include "platform/status.h"
 #include "platform/text.h"
+#include "platform/thread.h"
 
 namespace {
 
@@ -126,7 +126,7 @@ class HostStatusService {
     size_t size = StatusRecordSize(which);
     if (buf == nullptr || size == 0) return -1;
     memset(buf, 0, size);
-    std::lock_guard<std::mutex> guard(m_mutex);
+    CAutoLock guard(&m_mutex);
     if (!Refresh()) return -1;
     uint8_t* b = static_cast<uint8_t*>(buf);
     switch (which) {
@@ -159,7 +159,7 @@ class HostStatusService {
 
   int SetStatus(STATUS_E which, void* buf) {
     if (buf == nullptr) return -1;
-    std::lock_guard<std::mutex> guard(m_mutex);
+    CAutoLock guard(&m_mutex);
     if (which == STATUS_NETWORK) {
       memcpy(m_network, buf, sizeof(m_network));
     } else if (which == STATUS_UPGRADE) {
@@ -177,7 +177,7 @@ class HostStatusService {
   int GetDiskForCommUsage(LOG_STATUS_E usage, PartStatus_t* list) {
     if (list == nullptr) return -1;
     memset(list, 0, sizeof(*list));
-    std::lock_guard<std::mutex> guard(m_mutex);
+    CAutoLock guard(&m_mutex);
     if (!Refresh()) return -1;
     for (const DiskDef& d : m_profile.disks) {
       if (!d.present || list->count >= 8) continue;
@@ -192,7 +192,7 @@ class HostStatusService {
   }
 
   int CheckDog() {
-    std::lock_guard<std::mutex> guard(m_mutex);
+    CAutoLock guard(&m_mutex);
     if (!Refresh()) return 0;
     return m_profile.watchdogExpired ? 1 : 0;
   }
@@ -200,7 +200,7 @@ class HostStatusService {
  private:
   // Re-reads the profile when its file changed. False while it is missing or malformed;
   // such a state is logged once, when it begins. Caller holds m_mutex.
-  bool Refresh() {
+  bool Refresh() REQUIRES(m_mutex) {
     std::string path = RootedPath("/etc/velmar/recorder.xml");
     struct stat st;
     if (stat(path.c_str(), &st) != 0) {
@@ -227,7 +227,7 @@ class HostStatusService {
     return true;
   }
 
-  void Fail(const std::string& path, const std::string& why) {
+  void Fail(const std::string& path, const std::string& why) REQUIRES(m_mutex) {
     m_valid = false;
     if (!m_failing) {
       WriteDbgLog(2, "recorder profile %s unusable: %s\n", path.c_str(), why.c_str());
@@ -235,7 +235,7 @@ class HostStatusService {
     m_failing = true;
   }
 
-  void FillDiskStatus(uint8_t* b) const {
+  void FillDiskStatus(uint8_t* b) const REQUIRES(m_mutex) {
     int n = 0;
     for (const DiskDef& d : m_profile.disks) {
       uint8_t* e = b + 4 + 12 * n;
@@ -246,7 +246,7 @@ class HostStatusService {
     StoreLE32(b, static_cast<uint32_t>(n));
   }
 
-  void FillPartitions(int listCode, PartStatus_t* list) const {
+  void FillPartitions(int listCode, PartStatus_t* list) const REQUIRES(m_mutex) {
     for (const PartitionDef& p : m_profile.partitions) {
       if (p.list != listCode || list->count >= 8) continue;
       PartEntry_t& e = list->part[list->count++];
@@ -257,7 +257,7 @@ class HostStatusService {
 
   // Publishes the transfer state and the last upgrade announcement for people and tests,
   // replacing $VELMAR_ROOT/run/velmar/status.xml atomically. Caller holds m_mutex.
-  int WriteStatusFile() {
+  int WriteStatusFile() REQUIRES(m_mutex) {
     std::string dir = RootedPath("/run/velmar");
     if (MakeDirs(dir.c_str()) != 0) return -1;
     std::string text = "<status>\n  <network";
@@ -287,19 +287,18 @@ class HostStatusService {
     return 0;
   }
 
-  std::mutex m_mutex;
-  // State below is protected by m_mutex.
-  Profile m_profile;
-  bool m_valid = false;
-  bool m_failing = false;
-  std::string m_path;
-  timespec m_mtime{};
-  off_t m_size = 0;
-  ino_t m_ino = 0;
-  uint8_t m_network[kStatusNetworkSize] = {};
-  bool m_hasUpgrade = false;
-  int m_upgradeCode = 0;
-  std::string m_upgradePath;
+  CLock m_mutex;
+  Profile m_profile GUARDED_BY(m_mutex);
+  bool m_valid GUARDED_BY(m_mutex) = false;
+  bool m_failing GUARDED_BY(m_mutex) = false;
+  std::string m_path GUARDED_BY(m_mutex);
+  timespec m_mtime GUARDED_BY(m_mutex){};
+  off_t m_size GUARDED_BY(m_mutex) = 0;
+  ino_t m_ino GUARDED_BY(m_mutex) = 0;
+  uint8_t m_network[kStatusNetworkSize] GUARDED_BY(m_mutex) = {};
+  bool m_hasUpgrade GUARDED_BY(m_mutex) = false;
+  int m_upgradeCode GUARDED_BY(m_mutex) = 0;
+  std::string m_upgradePath GUARDED_BY(m_mutex);
 };
 
 HostStatusService g_hostStatus;
