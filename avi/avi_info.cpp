@@ -1,9 +1,10 @@
 // The info record carried by "00bt" chunks.
 //
-// Scope: one record per stream. It starts as zeros at open and at every seek and is touched only
-// by the thread that reads the stream, so it needs no lock, and a stream's bytes do not depend on
-// what other streams or pre-scans read before. The pre-scan at open makes its records on a
-// scratch copy; it only needs their lengths.
+// Scope: one record per stream, touched only by the thread that reads the stream, so it needs no
+// lock, and a stream's bytes do not depend on what other streams read. It starts as zeros at
+// open; the pre-scan at open updates the stream's own record, so that afterwards it already
+// holds the values a full reading leaves, and a seek keeps it. Reading a stream again therefore
+// gives identical bytes, and a resumed upload (a new stream) sends what the first one would.
 #include <cstring>
 #include <ctime>
 

@@ -122,11 +122,11 @@ class CFtpMaintainMng {
   int SelectWorkDir();
 
   Env* const m_env;  // constant after construction
-  FtpMaintainData_t* m_pData;
-  time_t m_lastStepTime = 0;  // under m_lock
+  FtpMaintainData_t* m_pData PT_GUARDED_BY(m_lock);
+  time_t m_lastStepTime GUARDED_BY(m_lock) = 0;
   // Under m_lock. Grows whenever FtpConnectTo replaces the account and the lists, so that a
   // step that ran without the lock (a download) does not write its outcome into the new ones.
-  uint32_t m_nEpoch = 0;
+  uint32_t m_nEpoch GUARDED_BY(m_lock) = 0;
   // Serialises the lists, their arrays and the account between the request thread and the
   // maintenance thread. Never held across a shell command.
   CLock m_lock;
