@@ -89,7 +89,7 @@ TEST_F(HostReaderTest, DeliversTheSpanAndSeeks) {
   EXPECT_EQ((Frames{{3000, 130}, {3500, 135}}), Read(kT0 + 3, kT0 + 9));
   EXPECT_EQ((Frames{{2000, 120}, {2500, 125}, {3000, 130}, {3500, 135}}),
             Read(kT0, kT0 + 4, static_cast<long>(kT0) + 2));
-  EXPECT_EQ((Frames{{0, 100}, {500, 105}}), Read(kT0, kT0 + 1, static_cast<long>(kT0)));
+  EXPECT_EQ((Frames{{1000, 110}, {1500, 115}}), Read(kT0 + 1, kT0 + 2, static_cast<long>(kT0) + 1));
   EXPECT_TRUE(Read(kT0 + 5, kT0 + 9).empty());
   EXPECT_EQ(0, infoResult);
   EXPECT_EQ(10, param.fps);

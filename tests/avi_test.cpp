@@ -260,7 +260,7 @@ TEST_F(AviTest, EveryRecordingIsAWellFormedAviOfItsAnnouncedLength) {
       {"zero-second span", 25, 0, 0, 0, 100, "", 0},
       {"many frames, estimated", 25, 0, 10, 0, 2000000, "1:3001 0:3037*249", 250},
       {"mixed", 25, 0, 4, 1, 0, kMixed, 73},
-      {"declared frame count", 2, 0, 2, 1, 0, "0:10*6 3:10", 4},
+      {"declared frame count", 2, 0, 2, 1, 0, "3:10 0:10*6 3:10", 5},  // audio uncounted
       {"largest payload", 25, 0, 1, 1, 0, "1:1048552 0:1048553 0:10", 1},
       {"reader fails", 25, 0, 1, 0, 2000, "0:100*20 !5", 5},
       {"no gap", 25, 0, 1, 0, 1000, "1:1604 0:976 0:0", 2},  // movi 2640, 2628 after its head
