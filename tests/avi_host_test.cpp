@@ -36,9 +36,7 @@ class HostReaderTest : public ::testing::Test {
   void Save(size_t keep = SIZE_MAX, const char* magic = kFrameStoreMagic) {
     std::vector<uint8_t> file(kFrameStoreHeadLen);
     memcpy(file.data(), magic, 8);
-    file[8 + 13] = 10;  // encode parameters: 10 fps, H.265, audio codec 2
-    file[8 + 12] = 1;
-    file[8 + 15] = 2;
+    file[8 + 12] = 1, file[8 + 13] = 10, file[8 + 15] = 2;  // H.265, 10 fps, audio codec 2
     file.insert(file.end(), bytes.begin(), bytes.end());
     file.resize(std::min(keep, file.size()));
     FILE* f = fopen((dir + "/0002_000000ff.vfs").c_str(), "wb");
@@ -91,10 +89,9 @@ TEST_F(HostReaderTest, DeliversTheSpanAndSeeks) {
             Read(kT0, kT0 + 4, static_cast<long>(kT0) + 2));
   EXPECT_EQ((Frames{{1000, 110}, {1500, 115}}), Read(kT0 + 1, kT0 + 2, static_cast<long>(kT0) + 1));
   EXPECT_TRUE(Read(kT0 + 5, kT0 + 9).empty());
-  EXPECT_EQ(0, infoResult);
-  EXPECT_EQ(10, param.fps);
-  EXPECT_EQ(1, param.codecFlags);
-  EXPECT_EQ(2, param.audioCodec);
+  // The encode parameters come from the file head.
+  EXPECT_EQ((std::vector<int>{0, 10, 1, 2}),
+            (std::vector<int>{infoResult, param.fps, param.codecFlags, param.audioCodec}));
 }
 
 TEST_F(HostReaderTest, PayloadsAcrossAndBeyondTheReadAheadWindow) {
