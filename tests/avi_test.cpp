@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <sstream>
 #include <string>
@@ -25,7 +27,7 @@ std::string Tag(const Bytes& b, size_t at) {
 }
 uint32_t U32(const Bytes& b, size_t at) { return at + 4 <= b.size() ? LoadLE32(&b[at]) : 0; }
 uint32_t Word(const char* tag) { return LoadLE32(reinterpret_cast<const uint8_t*>(tag)); }
-const char* codecTags[] = {"0pcm", "711a", "711u", "g726"};
+const char* const kCodecTags[] = {"0pcm", "711a", "711u", "g726"};
 
 // Payload length of a frame's chunk: an info record is 68 bytes, 24 for subtype 1, 0 unknown.
 uint32_t PayloadLen(const FakeFrame& f) {
@@ -182,7 +184,7 @@ std::vector<uint32_t> AviTest::Walk(const AviFile& f) {
       if (!widx && t > 2 && (codec != 0 || t == 4 || t == 5)) continue;  // idx1: video, PCM audio
       if (e == 0) put(Word(widx ? "widx" : "idx1"), static_cast<uint32_t>(index - 8));
       if (e == 8 && widx) put(Word("00cn"), static_cast<uint32_t>(at.size())), put(0, 0);
-      if (e == 24 && widx && codec < 4) StoreLE32(&want[e], Word(codecTags[codec])), e += 4;
+      if (e == 24 && widx && codec < 4) StoreLE32(&want[e], Word(kCodecTags[codec])), e += 4;
       put(LoadLE32(&b[at[k]]), t == 1 ? 0x10 : 0);
       put(at[k], U32(b, at[k] + 4));
     }
@@ -350,12 +352,10 @@ TEST_F(AviTest, SeekReproducesAnUninterruptedReading) {
 
 TEST_F(AviTest, OpenRefusesWhatItCannotServe) {
   // No such partition, a span ending before it starts, longer than a day, beyond 4 GiB.
-  const std::string names[] = {Name(kT0, kT0 + 10, 1, 0, /*part=*/7),
-                               Name(kT0 + 10, kT0, 1, 0),
-                               Name(kT0, kT0 + 86401, 0, 0),
-                               Name(kT0, kT0 + 10, 0, -1),
-                               "",
-                               "x"};
+  // clang-format off
+  const std::string names[] = {Name(kT0, kT0 + 10, 1, 0, /*part=*/7), Name(kT0 + 10, kT0, 1, 0),
+                               Name(kT0, kT0 + 86401, 0, 0), Name(kT0, kT0 + 10, 0, -1), "", "x"};
+  // clang-format on
   testing::internal::CaptureStdout();
   for (const std::string& name : names) EXPECT_EQ(nullptr, avi.ReadAviOpen(name.c_str())) << name;
   EXPECT_EQ(nullptr, avi.ReadAviOpen(nullptr));
