@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/host/ftp_listing.h"
-#include "platform/host/ftp_reply.h"
+#include "platform/host/ftp/listing.h"
+#include "platform/host/ftp/reply.h"
 
 namespace {
 
