@@ -11,7 +11,7 @@ namespace {
 
 constexpr int kDefaultPort = 21;
 constexpr int kDefaultWriteSeconds = 10;
-constexpr int kQuitMs = 2000;                          // waiting for the reply to QUIT
+constexpr int kQuitMs = 2000;                           // waiting for the reply to QUIT
 constexpr int64_t kMaxListingBytes = 64 * 1024 * 1024;  // a listing larger than this is refused
 constexpr size_t kMaxLocalText = 1024;
 
