@@ -15,8 +15,9 @@ namespace {
 class ClientOver : public CFtpClient {
  public:
   ClientOver(std::unique_ptr<FtpTransport> transport, FtpClock* clock) {
-    delete m_pImpl;
-    m_pImpl = new Impl(std::move(transport), clock);
+    Impl* impl = new Impl(std::move(transport), clock);
+    delete m_pImpl;  // the socket session the base made, never used
+    m_pImpl = impl;
   }
 };
 
