@@ -72,7 +72,6 @@ class CFtpClient {
   Impl* m_pImpl = nullptr;
 };
 
-// Creates the client the engine uses: the host client, or what a test installed.
+// The host client: one session over sockets. Service code gets its clients through
+// Env::NewFtpClient() (platform/env.h), whose host implementation calls this.
 CFtpClient* NewFtpClient();
-typedef CFtpClient* (*FtpClientFactory_f)();
-FtpClientFactory_f SetFtpClientFactoryForTest(FtpClientFactory_f factory);

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -245,21 +244,6 @@ std::vector<FakeBus::Event> FakeBus::Events(EVENT_E event) const {
     if (e.event == event) out.push_back(e);
   }
   return out;
-}
-
-int LoopbackSocket(int backlog, sockaddr_in* addr) {
-  int s = socket(AF_INET, SOCK_STREAM, 0);
-  *addr = sockaddr_in{};
-  addr->sin_family = AF_INET;
-  addr->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof(*addr);
-  if (s < 0 || bind(s, reinterpret_cast<sockaddr*>(addr), len) != 0 ||
-      (backlog >= 0 && listen(s, backlog) != 0) ||
-      getsockname(s, reinterpret_cast<sockaddr*>(addr), &len) != 0) {
-    if (s >= 0) close(s);
-    return -1;
-  }
-  return s;
 }
 
 void FakeShell::CheckLockFree() {

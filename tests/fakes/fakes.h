@@ -2,8 +2,6 @@
 // whose fake is not plugged in is the host's.
 #pragma once
 
-#include <netinet/in.h>
-
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -127,10 +125,6 @@ class FakeBus {
 };
 
 // Records command lines instead of running them; answers with `result`.
-// A TCP socket bound to 127.0.0.1 on a port the kernel chose, listening with backlog (none
-// when backlog < 0); its address goes to *addr. -1 on failure.
-int LoopbackSocket(int backlog, sockaddr_in* addr);
-
 class FakeShell {
  public:
   int RunLimited(const char* command, int seconds);

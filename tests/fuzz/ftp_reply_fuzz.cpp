@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/host/ftp_reply.h"
+#include "platform/host/ftp/reply.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const char* p = reinterpret_cast<const char*>(data);

@@ -1,21 +1,25 @@
-// The control connection of an FTP session: commands out, replies in, each bounded in time.
+// The control connection of an FTP session: commands out, replies in, each bounded in time on
+// the session's clock.
 #pragma once
 
+#include <memory>
 #include <string>
 
-#include "platform/host/ftp_reply.h"
+#include "platform/host/ftp/reply.h"
+#include "platform/host/ftp/transport.h"
 
 class FtpControl {
  public:
-  FtpControl() = default;
-  ~FtpControl() { Close(); }
+  explicit FtpControl(FtpClock* clock) : m_clock(clock) {}
   FtpControl(const FtpControl&) = delete;
   FtpControl& operator=(const FtpControl&) = delete;
 
-  // Takes ownership of a connected descriptor; drops bytes left from an earlier session.
-  void Attach(int fd);
+  // Takes a new connection; drops the old one and bytes left from it.
+  void Attach(std::unique_ptr<FtpConn> conn);
   void Close();
-  int fd() const { return m_fd; }
+  bool open() const { return m_conn != nullptr; }
+  // The connection, or nullptr when none is open.
+  const FtpConn* conn() const { return m_conn.get(); }
 
   // Sends "command CRLF". Refuses (-1) a command containing CR, LF or NUL, so that a name
   // from a task record cannot smuggle in a second command. 0 or -1 with *err set.
@@ -26,11 +30,13 @@ class FtpControl {
   // After -1 the connection is unusable and should be closed.
   int ReadReply(FtpReply* reply, int timeoutMs, std::string* err);
 
-  // Send() then ReadReply() for replies other than 1xx preliminaries (which are skipped).
+  // Send() then ReadReply() for replies other than 1xx preliminaries (which are skipped), all
+  // within timeoutMs.
   int Command(const std::string& command, FtpReply* reply, int timeoutMs, std::string* err);
 
  private:
-  int m_fd = -1;
+  FtpClock* const m_clock;
+  std::unique_ptr<FtpConn> m_conn;
   std::string m_pending;  // received bytes not yet parsed
   FtpReplyParser m_parser;
 };

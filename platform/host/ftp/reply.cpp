@@ -1,4 +1,4 @@
-#include "platform/host/ftp_reply.h"
+#include "platform/host/ftp/reply.h"
 
 #include <cctype>
 #include <cstring>

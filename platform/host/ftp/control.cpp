@@ -1,23 +1,18 @@
-#include "platform/host/ftp_control.h"
+#include "platform/host/ftp/control.h"
 
-#include <unistd.h>
-
-#include "platform/host/ftp_socket.h"
-
-void FtpControl::Attach(int fd) {
+void FtpControl::Attach(std::unique_ptr<FtpConn> conn) {
   Close();
-  m_fd = fd;
+  m_conn = std::move(conn);
 }
 
 void FtpControl::Close() {
-  if (m_fd >= 0) close(m_fd);
-  m_fd = -1;
+  m_conn.reset();
   m_pending.clear();
   m_parser.Reset();
 }
 
 int FtpControl::Send(const std::string& command, int timeoutMs, std::string* err) {
-  if (m_fd < 0) {
+  if (m_conn == nullptr) {
     *err = "not connected";
     return -1;
   }
@@ -26,15 +21,15 @@ int FtpControl::Send(const std::string& command, int timeoutMs, std::string* err
     return -1;
   }
   std::string line = command + "\r\n";
-  return FtpSendAll(m_fd, line.data(), line.size(), timeoutMs, err);
+  return m_conn->Send(line.data(), line.size(), timeoutMs, err);
 }
 
 int FtpControl::ReadReply(FtpReply* reply, int timeoutMs, std::string* err) {
-  if (m_fd < 0) {
+  if (m_conn == nullptr) {
     *err = "not connected";
     return -1;
   }
-  int64_t deadline = FtpNowMs() + timeoutMs;
+  int64_t deadline = m_clock->NowMs() + timeoutMs;
   m_parser.Reset();
   char buf[4096];
   for (;;) {
@@ -51,7 +46,8 @@ int FtpControl::ReadReply(FtpReply* reply, int timeoutMs, std::string* err) {
         return -1;
       }
     }
-    ssize_t n = FtpRecvSome(m_fd, buf, sizeof(buf), deadline, err);
+    int64_t left = deadline - m_clock->NowMs();
+    ssize_t n = m_conn->Recv(buf, sizeof(buf), left > 0 ? static_cast<int>(left) : 0, err);
     if (n < 0) return -1;
     if (n == 0) {
       *err = "connection closed by server";
@@ -63,15 +59,15 @@ int FtpControl::ReadReply(FtpReply* reply, int timeoutMs, std::string* err) {
 
 int FtpControl::Command(const std::string& command, FtpReply* reply, int timeoutMs,
                         std::string* err) {
-  int64_t deadline = FtpNowMs() + timeoutMs;
+  int64_t deadline = m_clock->NowMs() + timeoutMs;
   if (Send(command, timeoutMs, err) != 0) return -1;
   for (;;) {
-    int left = static_cast<int>(deadline - FtpNowMs());
+    int64_t left = deadline - m_clock->NowMs();
     if (left <= 0) {
       *err = "timed out waiting for a final reply";
       return -1;
     }
-    int code = ReadReply(reply, left, err);
+    int code = ReadReply(reply, static_cast<int>(left), err);
     if (code < 100 || code >= 200) return code;
   }
 }

@@ -1,4 +1,4 @@
-#include "platform/host/ftp_listing.h"
+#include "platform/host/ftp/listing.h"
 
 #include <strings.h>
 

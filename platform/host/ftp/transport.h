@@ -1,0 +1,59 @@
+// What an FTP session runs over: byte-stream connections that a transport opens, and the clock
+// the session measures its time limits with. The host's transport is socket_transport.h; a test
+// supplies a scripted one on a fake clock, so that no limit needs real waiting.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+// Monotonic milliseconds; only differences mean anything.
+class FtpClock {
+ public:
+  virtual ~FtpClock() = default;
+  virtual int64_t NowMs() = 0;
+};
+
+// One connected byte stream; destroying it closes it. Every call returns within its limit and
+// on failure says why in *err. A connection whose call failed should be dropped.
+class FtpConn {
+ public:
+  virtual ~FtpConn() = default;
+
+  // The number that names this connection in the client's data record (on the host, the
+  // socket descriptor). Non-negative and constant.
+  virtual int id() const = 0;
+
+  // Sends all len bytes; fails when no byte could be sent for idleMs. 0 or -1.
+  virtual int Send(const char* data, size_t len, int idleMs, std::string* err) = 0;
+
+  // Prepares the connection for bulk sends: from now on each Send fails after idleMs without
+  // progress, whatever its own idleMs (the host then spends one system call per block).
+  // False when the transport cannot.
+  virtual bool SetBulkSend(int idleMs) = 0;
+
+  // Receives up to cap bytes, waiting at most timeoutMs (0: only what has arrived). Returns
+  // the count, 0 at the end of the stream, -1 on error or time-out.
+  virtual ssize_t Recv(char* buf, size_t cap, int timeoutMs, std::string* err) = 0;
+};
+
+class FtpTransport {
+ public:
+  virtual ~FtpTransport() = default;
+
+  // Resolves host (name, IPv4 or IPv6 address) and connects to port, trying each address in
+  // turn, each within timeoutMs. nullptr with *err set on failure.
+  virtual std::unique_ptr<FtpConn> Connect(const std::string& host, int port, int timeoutMs,
+                                           std::string* err) = 0;
+
+  // Connects to port at the address of ctrl's peer (ctrl came from this transport's Connect),
+  // within timeoutMs. There is no way to name another address: a server cannot direct the
+  // client to a third host. 0 with *out set; kNoPeer when ctrl's peer address is unknown;
+  // -1 with *err set when the connect failed.
+  static constexpr int kNoPeer = -2;
+  virtual int ConnectToPeer(const FtpConn& ctrl, int port, int timeoutMs,
+                            std::unique_ptr<FtpConn>* out, std::string* err) = 0;
+};
