@@ -9,7 +9,6 @@
 
 #include "maintain/ftp_maintain_mng.h"
 #include "platform/byteorder.h"
-#include "platform/clock.h"
 #include "platform/config.h"
 #include "platform/env.h"
 #include "platform/fileutil.h"

@@ -101,7 +101,6 @@ TEST_F(DbgLogTest, ScopeAndExpiryDecideWhetherTheCommandRuns) {
 
   SetDeviceNo(250);
   EXPECT_EQ(Run(Item(5, -60, 60)), -1);
-  SetDeviceNo(0);
   scope = "";  // addresses no recorder, not every one
   EXPECT_EQ(Run(Item(5, -60, 60)), -1);
   EXPECT_EQ(log.Count("UploadLog not in scope"), 2);

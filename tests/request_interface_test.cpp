@@ -85,12 +85,10 @@ TEST_F(RequestInterfaceTest, NewTaskRecordIsDecodedAndShortRecordsReadZero) {
 TEST_F(RequestInterfaceTest, TransferAndServerRequestsReachTheirTargets) {
   uint8_t transfer[kTransferRequestSize], update[kServerRequestSize];
   Dispatch(EVENT_FILE_UPLOAD, {transfer, transfer + EncodeTransferRequest({3, 0xBEEF}, transfer)});
-  ASSERT_EQ(targets.transfers.size(), 1u);
-  EXPECT_EQ(targets.transfers[0], (std::vector<int>{1, 3, 0xBEEF}));  // always recordings
+  EXPECT_EQ(targets.transfers, (std::vector<std::vector<int>>{{1, 3, 0xBEEF}}));  // recordings
   UserDefServerSet_t server{2100, "maint.example", "u", "p", "/m"};
   Dispatch(EVENT_FILE_UPLOAD, {update, update + EncodeServerRequest(server, update)});
-  ASSERT_EQ(targets.connects.size(), 1u);
-  EXPECT_EQ(targets.connects[0], "u|p|maint.example|2100|/m");
+  EXPECT_EQ(targets.connects, std::vector<std::string>{"u|p|maint.example|2100|/m"});
 }
 
 // Encoded, then decoded whole, cut short, with bytes past the request, or under another code.
@@ -98,30 +96,23 @@ TEST(RequestCodecTest, TransferAndServerRequestsRoundTrip) {
   const UserDefServerSet_t server{2100, "maint.example", "u", "p", "/m"};
   uint8_t wire[kServerRequestSize];
   ASSERT_EQ(EncodeTransferRequest({3, 0xBEEF}, wire), 12u);
-  EXPECT_EQ(std::vector<uint8_t>(wire, wire + 12),
-            (std::vector<uint8_t>{1, 7, 0, 0, 4, 0, 0, 0, 3, 0, 0xEF, 0xBE}));
+  const std::vector<uint8_t> transfer = {1, 7, 0, 0, 4, 0, 0, 0, 3, 0, 0xEF, 0xBE};
+  EXPECT_EQ(std::vector<uint8_t>(wire, wire + 12), transfer);
   ASSERT_EQ(EncodeServerRequest(server, wire), 234u);
   EXPECT_EQ(std::vector<uint8_t>(wire, wire + 11),
             (std::vector<uint8_t>{8, 7, 0, 0, 226, 0, 0, 0, 0x34, 0x08, 'm'}));
-  const struct {
-    bool server;        // a server update encoded, else a transfer control
-    uint32_t code;      // written over the encoded one
-    size_t keep;        // bytes handed to the decoder
-    uint32_t declared;  // written over the length field when not 0
-    bool ok;
-    std::string decoded;  // "ctr|seq" or "user|password|host|port|path"
-  } cases[] = {
-      {false, kCodeTransfer, 12, 0, true, "3|48879"},
-      {false, kCodeTransfer, 40, 0, true, "3|48879"},  // the bytes after it are ignored
-      {false, kCodeTransfer, 11, 0, true, "3|239"},    // missing bytes read as zero
-      {false, kCodeTransfer, 1, 0, false, "0|0"},
-      {false, kCodeServerUpdate, 12, 0, false, "0|0"},
-      {true, kCodeServerUpdate, 234, 0, true, "u|p|maint.example|2100|/m"},
-      {true, kCodeServerUpdate, 300, 300, true, "u|p|maint.example|2100|/m"},
-      {true, kCodeServerUpdate, 234, 10, true, "||maint.ex|2100|"},
-      {true, kCodeServerUpdate, 18, 0, true, "||maint.ex|2100|"},
-      {true, kCodeServerUpdate, 1, 0, false, "|||0|"},
-      {true, kCodeTransfer, 234, 0, false, "|||0|"}};
+  // A server update or a transfer control, encoded, then code (and the length field when
+  // declared is not 0) written over it; keep bytes decoded, as "ctr|seq" or "user|...|path".
+  const uint32_t kT = kCodeTransfer, kS = kCodeServerUpdate;
+  const std::string full = "u|p|maint.example|2100|/m";
+  const struct { bool server; uint32_t code; size_t keep; uint32_t declared; bool ok;
+                 std::string decoded; } cases[] = {
+      {false, kT, 12, 0, true, "3|48879"}, {false, kT, 40, 0, true, "3|48879"},
+      {false, kT, 11, 0, true, "3|239"}, {false, kT, 1, 0, false, "0|0"},
+      {false, kS, 12, 0, false, "0|0"}, {true, kS, 234, 0, true, full},
+      {true, kS, 300, 300, true, full},  // only the 226 bytes of the block count
+      {true, kS, 234, 10, true, "||maint.ex|2100|"}, {true, kS, 18, 0, true, "||maint.ex|2100|"},
+      {true, kS, 1, 0, false, "|||0|"}, {true, kT, 234, 0, false, "|||0|"}};
   for (const auto& c : cases) {
     std::vector<uint8_t> m(400, 0x41);
     c.server ? EncodeServerRequest(server, m.data()) : EncodeTransferRequest({3, 0xBEEF}, m.data());

@@ -4,13 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "platform/fileutil.h"
 #include "rules/date_text.h"
 #include "rules/scope.h"
 #include "rules/shell_words.h"
@@ -20,12 +20,8 @@ namespace {
 
 TEST(RulesTest, ScopeWalksTheRangesUntilOneHoldsTheDevice) {
   const std::string big = "99999999999999999999", huge = big + "~" + big, tiny = "-" + big + "~-5";
-  const struct {
-    const char* scope;
-    long long deviceNo;
-    bool in;
-    std::string walked;  // "lo~hi " of each range examined
-  } cases[] = {
+  const struct { const char* scope; long long deviceNo; bool in; std::string walked; } cases[] = {
+      // walked: "lo~hi " of each range examined
       {"100~200", 200, true, "100~200 "}, {"100~200", 201, false, "100~200 "},
       {"100~200", 99, false, "100~200 "}, {"100~200;", 201, false, "100~200 "},
       {"1~2;140~160;9~9", 150, true, "1~2 140~160 "}, {"150", 150, false, "150~0 "},
@@ -43,14 +39,11 @@ TEST(RulesTest, ScopeWalksTheRangesUntilOneHoldsTheDevice) {
 }
 
 TEST(RulesTest, DatesAndSpansReadAsFarAsTheyGo) {
-  const struct {
-    const char* text;
-    int read;  // a span when the fields are twelve
-    std::vector<int32_t> fields;
-  } cases[] = {
+  // A span when the fields are twelve.
+  const struct { const char* text; int read; std::vector<int32_t> fields; } cases[] = {
       {"20240131-235958 and more", 6, {24, 1, 31, 23, 59, 58}},
       {"20240131-2359", 5, {24, 1, 31, 23, 59, 0}}, {"19991231-235959", 0, {0, 0, 0, 0, 0, 0}},
-      {nullptr, 0, {0, 0, 0, 0, 0, 0}},
+      {nullptr, 0, {0, 0, 0, 0, 0, 0}}, {"", 0, {0, 0, 0, 0, 0, 0}},
       {"20240101-000000~20241231-235959", 12, {24, 1, 1, 0, 0, 0, 24, 12, 31, 23, 59, 59}},
       {"20240101-000000~20241231", 9, {24, 1, 1, 0, 0, 0, 24, 12, 31, 0, 0, 0}},
       {"20240101-000000 ~20241231", 6, {24, 1, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0}},
@@ -80,63 +73,50 @@ TEST(RulesTest, FileNamesToDownloadArePlainComponents) {
                           "-rf", ".hidden", "a b.sw", "a`id`.sw", "..sw", "~root", "a=~", ""}) {
     EXPECT_FALSE(IsSafeFileName(bad)) << bad;
   }
-  EXPECT_TRUE(IsSafeFileName("VLM-1-2-3-4.sw"));
-  EXPECT_TRUE(IsSafeFileName("mcu_V1.2.crc+a@b=c,d"));
-}
-
-// The arguments the command line hands to ftpget: run by /bin/sh with a stand-in ftpget
-// first on PATH that prints each argument on a line of its own.
-std::vector<std::string> ArgumentsOf(const std::string& command, const TempRoot& root) {
-  root.Write("/bin/ftpget", "#!/bin/sh\nprintf '%s\\n' \"$@\"\n");
-  chmod((root.path() + "/bin/ftpget").c_str(), 0755);
-  FILE* out = popen(("cd '" + root.path() + "' && PATH='" + root.path() + "/bin':\"$PATH\"; " +
-                     command).c_str(), "r");
-  std::vector<std::string> args;
-  char text[512];
-  while (out != nullptr && fgets(text, sizeof(text), out) != nullptr) {
-    args.push_back(std::string(text, strcspn(text, "\n")));
-  }
-  if (out != nullptr) pclose(out);
-  return args;
+  EXPECT_TRUE(IsSafeFileName("VLM-1-2-3-4.sw") && IsSafeFileName("mcu_V1.2.crc+a@b=c,d"));
 }
 
 TEST(RulesTest, FtpCommandHandsEachValueOverAsOneArgument) {
+  // The line runs in /bin/sh with a stand-in ftpget first on PATH that writes each of its
+  // arguments on a line of its own.
   TempRoot root;
   root.Write("/a.log", "");  // what a "*" would expand to
+  root.Write("/bin/ftpget", "#!/bin/sh\nprintf '%s\\n' \"$@\" >\"$0.args\"\n");
+  chmod((root.path() + "/bin/ftpget").c_str(), 0755);
+  const std::string args = root.path() + "/bin/ftpget.args";
+  const std::string run = "cd '" + root.path() + "' && PATH='" + root.path() + "/bin':$PATH; ";
   const std::string a224(224, 'a'), a225(225, 'a'), u32(32, 'u'), h64(64, 'h');
-  const struct {
-    std::string user, password, host, first, second;
-    FtpCommandResult result;
-  } cases[] = {
-      {"maint", "pw", "10.1.1.1", "/d/FileList.xml", "FileList.xml", FTP_COMMAND_OK},
+  const FtpCommandResult ok = FTP_COMMAND_OK, badAccount = FTP_COMMAND_BAD_ACCOUNT,
+                         badFirst = FTP_COMMAND_BAD_FIRST, badSecond = FTP_COMMAND_BAD_SECOND;
+  const struct { std::string user, password, host, first, second; FtpCommandResult result; }
+      cases[] = {
+      {"maint", "pw", "10.1.1.1", "/d/FileList.xml", "FileList.xml", ok},
       {"x; rm -rf /", "p w'\"$(touch pwned)`id`;|&*~\\", "h 'q' <>!#$HOME",
-       "/mnt/sd $(reboot)/a b.log", "*", FTP_COMMAND_OK},
-      {"~maint", "'", "h", "350_a'b.log", "a\\b", FTP_COMMAND_OK},
-      {u32, "pw", h64, "a", "b", FTP_COMMAND_OK},  // fields without a terminator
-      {"u", "pw", "h", a224, "b", FTP_COMMAND_OK},  // 254 characters
+       "/mnt/sd $(reboot)/a b.log", "*", ok},
+      {"~maint", "'", "h", "350_a'b.log", "a\\b", ok},
+      {u32, "pw", h64, "a", "b", ok},  // fields without a terminator
+      {"u", "pw", "h", a224, "b", ok},  // 254 characters
       {"u", "pw", "h", a225, "b", FTP_COMMAND_TOO_LONG},
-      {"-o", "pw", "h", "a", "b", FTP_COMMAND_BAD_ACCOUNT},
-      {"", "pw", "h", "a", "b", FTP_COMMAND_BAD_ACCOUNT},
-      {"u", "p\nw", "h", "a", "b", FTP_COMMAND_BAD_ACCOUNT},
-      {"u", "pw", "", "a", "b", FTP_COMMAND_BAD_ACCOUNT},
-      {"u", "pw", "h", "-rf", "b", FTP_COMMAND_BAD_FIRST},
-      {"u", "pw", "h", "a", "x\ny", FTP_COMMAND_BAD_SECOND},
-      {"u", "pw", "h", "a", "b\x7f", FTP_COMMAND_BAD_SECOND}};
+      {"-o", "pw", "h", "a", "b", badAccount}, {"", "pw", "h", "a", "b", badAccount},
+      {"u", "p\nw", "h", "a", "b", badAccount}, {"u", "pw", "", "a", "b", badAccount},
+      {"u", "pw", "h", "-rf", "b", badFirst}, {"u", "pw", "h", "a", "x\ny", badSecond},
+      {"u", "pw", "h", "a", "b\x7f", badSecond}};
   for (const auto& c : cases) {
     UpgradeSet_t account{};
     account.port = 2121;
-    memcpy(account.user, c.user.data(), std::min(c.user.size(), sizeof(account.user)));
+    memcpy(account.user, c.user.data(), c.user.size());  // each fits its field
     memcpy(account.password, c.password.data(), c.password.size());
-    memcpy(account.host, c.host.data(), std::min(c.host.size(), sizeof(account.host)));
+    memcpy(account.host, c.host.data(), c.host.size());
     char command[255] = "unchanged";
     ASSERT_EQ(FtpToolCommand("ftpget", account, c.first.c_str(), c.second.c_str(), command,
                              sizeof(command)), c.result) << c.user << " " << c.first;
-    if (c.result != FTP_COMMAND_OK) {
-      EXPECT_STREQ(command, "");
-      continue;
-    }
-    EXPECT_EQ(ArgumentsOf(command, root), (std::vector<std::string>{"-u", c.user, "-p", c.password,
-              "-P", "2121", c.host, c.first, c.second})) << command;
+    EXPECT_EQ(command[0] == '\0', c.result != FTP_COMMAND_OK) << command;
+    if (c.result != FTP_COMMAND_OK) continue;
+    remove(args.c_str());
+    system_run((run + command).c_str());
+    EXPECT_EQ(ReadWholeFile(args), "-u\n" + c.user + "\n-p\n" + c.password + "\n-P\n2121\n" +
+                                       c.host + "\n" + c.first + "\n" + c.second + "\n")
+        << command;
   }
   EXPECT_NE(access((root.path() + "/pwned").c_str(), F_OK), 0);
 }

@@ -6,7 +6,6 @@
 // payload (at most 8192 bytes). Socket paths lie under the sandbox root.
 #include <dirent.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
