@@ -36,14 +36,16 @@ void DispatchFileUpload(const uint8_t* payload, IRequestTargets* targets) {
       targets->InsertTask(&task);
       break;
     }
-    case kCodeTransfer:
+    case kCodeTransfer: {
+      TransferRequest request;
+      DecodeTransferRequest(payload, kEventPayloadMax, &request);
       // The file type is not carried: transfer control always concerns recordings.
-      targets->SetTransfer(1, payload[8], LoadLE16(payload + 10));
+      targets->SetTransfer(1, request.ctrType, request.seq);
       break;
+    }
     case kCodeServerUpdate: {
-      uint32_t len = LoadLE32(payload + 4);
       UserDefServerSet_t server;
-      DecodeServerSet(payload + 8, len < kServerSetSize ? len : kServerSetSize, &server);
+      DecodeServerRequest(payload, kEventPayloadMax, &server);
       targets->ConnectTo(server.user, server.password, server.host, server.port, server.path);
       break;
     }

@@ -7,15 +7,13 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "upload/ftp_records.h"
+#include "core/request_codec.h"
 #include "platform/evbus.h"
+#include "upload/ftp_records.h"
 
 constexpr int64_t kRequestMask = 0x0000000000410000LL;  // events 16 and 22
 extern const char kRequestSocket[];                      // "/tmp/ftpuploadfile.listen"
 
-constexpr uint32_t kCodeNewTask = 0x700;
-constexpr uint32_t kCodeTransfer = 0x701;
-constexpr uint32_t kCodeServerUpdate = 0x708;
 
 // Where decoded requests go. The service's targets are the managers; tests record calls.
 class IRequestTargets {

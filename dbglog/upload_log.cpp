@@ -9,7 +9,6 @@
 #include <cstring>
 #include <ctime>
 
-#include "maintain/shell_values.h"
 #include "platform/clock.h"
 #include "platform/env.h"
 #include "platform/fileutil.h"
@@ -17,6 +16,9 @@
 #include "platform/paths.h"
 #include "platform/status.h"
 #include "platform/text.h"
+#include "rules/date_text.h"
+#include "rules/scope.h"
+#include "rules/shell_words.h"
 
 namespace {
 
@@ -24,114 +26,56 @@ const char kLogNameFormat[] = "dbglog-%04d%02d%02d-%02d%02d%02d.log";
 const size_t kLogNameLength = 26;
 const int kMaxResults = 10;
 
-// A local time from six fields, the year given as year - 2000 (the expiry and the item's span),
-// in 64 bits so that dates past 2038 hold where time_t has 32. Fields far outside any calendar,
-// or a time that cannot be computed, give -1, a moment long past.
-int64_t LocalTime2000(int year, int month, int day, int hour, int minute, int second) {
-  const int fields[6] = {year, month, day, hour, minute, second};
-  for (int v : fields) {
-    if (v < -100000 || v > 100000) return -1;
-  }
-  struct tm t;
-  memset(&t, 0, sizeof(t));
-  t.tm_year = year + 100;
-  t.tm_mon = month - 1;
-  t.tm_mday = day;
-  t.tm_hour = hour;
-  t.tm_min = minute;
-  t.tm_sec = second;
-  int64_t seconds = -1;
-  return LocalSeconds(t, &seconds) ? seconds : -1;
+// The moment of a command's span: six bytes, the year given as year - 2000.
+int64_t SpanTime(const uint8_t* v) {
+  const int32_t fields[6] = {v[0], v[1], v[2], v[3], v[4], v[5]};
+  return LocalTime2000(fields);
 }
-
-int64_t SpanTime(const uint8_t* v) { return LocalTime2000(v[0], v[1], v[2], v[3], v[4], v[5]); }
 
 // True for the four command types that have the disk-access tool write a report first.
 bool IsReportType(int type) { return type == 10 || type == 13 || type == 20 || type == 23; }
 
-// Reads one range "lo~hi" at text like "%lld~%lld": a bound that does not parse stays 0.
-// Unlike sscanf, an out-of-range number saturates instead of being undefined.
-void ParseRange(const char* text, long long* lo, long long* hi) {
-  *lo = 0;
-  *hi = 0;
-  char* end = nullptr;
-  long long value = strtoll(text, &end, 10);
-  if (end == text) return;
-  *lo = value;
-  if (*end != '~') return;
-  const char* second = end + 1;
-  value = strtoll(second, &end, 10);
-  if (end != second) *hi = value;
-}
-
-// True when deviceNo lies in one of the ranges of scope. Each range examined is echoed on
-// standard error so that a refused command can be followed by hand.
-bool InScope(const char* scope, long long deviceNo) {
-  const char* at = scope;
-  for (;;) {
-    long long lo, hi;
-    ParseRange(at, &lo, &hi);
-    fprintf(stderr, "UploadLog : %s --> %lld~%lld, %lld\n", at, lo, hi, deviceNo);
-    if (lo <= deviceNo && deviceNo <= hi) return true;
-    const char* semicolon = strchr(at, ';');
-    if (semicolon == nullptr || semicolon[1] == '\0') return false;
-    at = semicolon + 1;
+// Why an upload is not sent, for the log; null when its command line was made. The remote
+// name carries the file name, the local one the directory as well.
+const char* FtpRefusal(FtpCommandResult result) {
+  switch (result) {
+    case FTP_COMMAND_OK: return nullptr;
+    case FTP_COMMAND_BAD_ACCOUNT: return "user, password or host unusable in a command line";
+    case FTP_COMMAND_BAD_FIRST: return "file name unusable in a command line";
+    case FTP_COMMAND_BAD_SECOND: return "directory unusable in a command line";
+    case FTP_COMMAND_TOO_LONG: break;
   }
-}
-
-// The account as shell words. False when one of them cannot be passed (for example an empty
-// user after the credentials were cleared).
-struct AccountWords {
-  char user[80];
-  char password[80];
-  char host[140];
-};
-
-bool QuoteAccount(const UpgradeSet_t* settings, AccountWords* out) {
-  char user[sizeof(settings->user) + 1];
-  char password[sizeof(settings->password) + 1];
-  char host[sizeof(settings->host) + 1];
-  CopyField(user, sizeof(user), settings->user, sizeof(settings->user));
-  CopyField(password, sizeof(password), settings->password, sizeof(settings->password));
-  CopyField(host, sizeof(host), settings->host, sizeof(settings->host));
-  return ShellWord(user, out->user, sizeof(out->user)) &&
-         ShellWord(password, out->password, sizeof(out->password)) &&
-         ShellWord(host, out->host, sizeof(out->host));
+  return "command line too long";
 }
 
 // Sends dir/name as "<deviceNo>_<name>" unless its time lies outside (start, end).
-void UploadOne(Env* env, const UpgradeSet_t* settings, const AccountWords* account, bool accountOk,
-               long long deviceNo, const char* dir, const char* dirWord, const char* name,
-               int64_t start, int64_t end) {
+void UploadOne(Env* env, const UpgradeSet_t* settings, long long deviceNo, const char* dir,
+               const char* name, int64_t start, int64_t end) {
   int f[6] = {0, 0, 0, 0, 0, 0};
   int parsed = sscanf(name, kLogNameFormat, &f[0], &f[1], &f[2], &f[3], &f[4], &f[5]);
   printf("FileRtc: %04d-%02d-%02d %02d:%02d:%02d\n", f[0], f[1], f[2], f[3], f[4], f[5]);
   // A name whose time does not read completely has no time, so it is never in a span.
   if (parsed != 6) return;
-  int64_t when = LocalTime2000(f[0] - 2000, f[1], f[2], f[3], f[4], f[5]);
+  const int32_t fields[6] = {f[0] - 2000, f[1], f[2], f[3], f[4], f[5]};
+  int64_t when = LocalTime2000(fields);
   if (!(start < when && when < end)) return;
 
-  char nameWord[96];
+  char remote[160];
+  char local[512];
+  char command[256];
   const char* refusal = nullptr;
-  if (!accountOk) {
-    refusal = "user, password or host unusable in a command line";
-  } else if (dirWord == nullptr) {
-    refusal = "directory unusable in a command line";
-  } else if (deviceNo < 0) {
+  if (deviceNo < 0) {
     refusal = "a negative device number would make the remote name read as an option";
-  } else if (!ShellWord(name, nameWord, sizeof(nameWord))) {
-    refusal = "file name unusable in a command line";
+  } else if (FormatBounded(remote, sizeof(remote), "%lld_%s", deviceNo, name) != 0 ||
+             FormatBounded(local, sizeof(local), "%s/%s", dir, name) != 0) {
+    refusal = "command line too long";
+  } else {
+    refusal = FtpRefusal(FtpToolCommand("ftpput", *settings, remote, local, command,
+                                        sizeof(command)));
   }
   if (refusal != nullptr) {
-    WriteDbgLog(2, "UploadDiskLog: %s/%s not sent: %s\n", dir, name, refusal);
-    return;
-  }
-  char command[256];
-  if (FormatBounded(command, sizeof(command), "ftpput -u %s -p %s -P %d %s %lld_%s %s/%s",
-                    account->user, account->password, settings->port, account->host, deviceNo,
-                    nameWord, dirWord, nameWord) != 0) {
     // A cut command line could name another file or break a quote: never run it.
-    WriteDbgLog(2, "UploadDiskLog: %s/%s not sent: command line too long\n", dir, name);
+    WriteDbgLog(2, "UploadDiskLog: %s/%s not sent: %s\n", dir, name, refusal);
     return;
   }
   WriteDbgLog(2, "%s\n", command);
@@ -238,14 +182,9 @@ int UploadDiskLog(Env* env, UpgradeSet_t* settings, long long deviceNo, const ch
     return -1;
   }
 
-  AccountWords account;
-  bool accountOk = QuoteAccount(settings, &account);
-  char dirWord[300];
-  bool dirOk = ShellWord(dir, dirWord, sizeof(dirWord));
   for (int i = 0; i < count; ++i) {
     printf("LogFileList[%d] = %s\n", i, list[i]->d_name);
-    UploadOne(env, settings, &account, accountOk, deviceNo, dir, dirOk ? dirWord : nullptr,
-              list[i]->d_name, start, end);
+    UploadOne(env, settings, deviceNo, dir, list[i]->d_name, start, end);
     free(list[i]);
   }
   free(list);
@@ -266,13 +205,18 @@ int UploadLog(Env* env, UpgradeSet_t* settings, const int32_t* expiry, LogCmdIte
     WriteDbgLog(2, "UploadLog: no settings, expiry or command\n");
     return -1;
   }
-  int64_t expires = LocalTime2000(expiry[0], expiry[1], expiry[2], expiry[3], expiry[4], expiry[5]);
+  int64_t expires = LocalTime2000(expiry);
   if (expires < static_cast<int64_t>(env->WallSeconds())) {
     WriteDbgLog(2, "UploadLog out of date\n");
     return -1;
   }
   long long deviceNo = ConfigDeviceNumber(env->Config());
-  if (item->scope == nullptr || item->scope[0] == '\0' || !InScope(item->scope, deviceNo)) {
+  // Each range examined is echoed on standard error so that a refused command can be
+  // followed by hand.
+  bool in = InScope(item->scope, deviceNo, [deviceNo](const char* at, long long lo, long long hi) {
+    fprintf(stderr, "UploadLog : %s --> %lld~%lld, %lld\n", at, lo, hi, deviceNo);
+  });
+  if (!in) {
     WriteDbgLog(2, "UploadLog not in scope\n");
     return -1;
   }

@@ -11,13 +11,14 @@
 #include <cstring>
 
 #include "maintain/ftp_maintain_mng.h"
-#include "maintain/shell_values.h"
 #include "platform/config.h"
 #include "platform/env.h"
 #include "platform/fileutil.h"
 #include "platform/log.h"
 #include "platform/paths.h"
 #include "platform/text.h"
+#include "rules/date_text.h"
+#include "rules/shell_words.h"
 
 namespace {
 
@@ -40,11 +41,9 @@ char* HeapCopy(const char* text) {
 
 // Reads "20YYMMDD-hhmmss" into six values; all 0 unless the whole text reads.
 void ReadExpiry(const char* text, int32_t expiry[6]) {
-  int f[6] = {};
-  bool ok = text != nullptr &&
-            sscanf(text, "20%02d%02d%02d-%02d%02d%02d", &f[0], &f[1], &f[2], &f[3], &f[4], &f[5]) == 6;
-  if (!ok) WriteDbgLog(2, "LOGCMD ExpiryDate unreadable: %s\n", text != nullptr ? text : "");
-  for (int i = 0; i < 6; ++i) expiry[i] = ok ? f[i] : 0;
+  if (ReadDate2000(text, expiry) == 6) return;
+  WriteDbgLog(2, "LOGCMD ExpiryDate unreadable: %s\n", text != nullptr ? text : "");
+  for (int i = 0; i < 6; ++i) expiry[i] = 0;
 }
 
 // Fills one field of a log command from an attribute, by the first name part that matches.
@@ -54,9 +53,8 @@ void ApplyLogAttribute(const TiXmlAttribute* a, LogCmdItem_t* item) {
   if (strstr(name, "type") != nullptr) {
     item->type = atoi(value);
   } else if (strstr(name, "datetime") != nullptr) {
-    int f[12] = {};
-    sscanf(value, "20%02d%02d%02d-%02d%02d%02d~20%02d%02d%02d-%02d%02d%02d", &f[0], &f[1], &f[2],
-           &f[3], &f[4], &f[5], &f[6], &f[7], &f[8], &f[9], &f[10], &f[11]);
+    int32_t f[12];
+    ReadDateSpan2000(value, f);
     for (int i = 0; i < 6; ++i) {
       item->start[i] = static_cast<uint8_t>(f[i]);
       item->end[i] = static_cast<uint8_t>(f[6 + i]);
@@ -74,28 +72,6 @@ char* ScopeAttribute(const TiXmlElement* e) {
   }
   return nullptr;
 }
-
-struct ConfigFile {
-  const char* name;
-  PARAM_TYPE_E type;
-};
-
-// In the order the names are tested; the comparison is exact, so the order does not matter.
-const ConfigFile kConfigFiles[] = {
-    {"account.xml", PARAM_ACCOUNT},     {"clock.xml", PARAM_CLOCK},
-    {"dialup.xml", PARAM_DIALUP},       {"diskAbnormal.xml", PARAM_DISKABNORMAL},
-    {"display.xml", PARAM_DISPLAY},     {"dst.xml", PARAM_DST},
-    {"gsensor.xml", PARAM_GSENSOR},     {"ioset.xml", PARAM_IOSET},
-    {"jtbase.xml", PARAM_JTBASE},       {"local.xml", PARAM_LOCAL},
-    {"motiondetect.xml", PARAM_MOTIONDETECT}, {"osd.xml", PARAM_OSD},
-    {"power.xml", PARAM_POWER},         {"ptz.xml", PARAM_PTZ},
-    {"record.xml", PARAM_RECORD},       {"rsbase.xml", PARAM_RSBASE},
-    {"server.xml", PARAM_SERVER},       {"speed.xml", PARAM_SPEED},
-    {"store.xml", PARAM_STORE},         {"temp.xml", PARAM_TEMP},
-    {"ttx.xml", PARAM_TTX},             {"upgrade.xml", PARAM_UPGRADE},
-    {"videoLost.xml", PARAM_VIDEOLOST}, {"videoout.xml", PARAM_VIDEOOUT},
-    {"volage.xml", PARAM_VOLAGE},       {"wifi.xml", PARAM_WIFI},
-};
 
 struct FollowUp {
   const char* text;
@@ -240,13 +216,6 @@ int ParseUsrCmdItems(const TiXmlElement* root, UsrCmdItem_t** items) {
 void FreeUsrCmdItems(UsrCmdItem_t* items, int count) {
   for (int i = 0; i < count; ++i) free(items[i].scope);
   free(items);
-}
-
-int ConfigFileType(const char* name) {
-  for (const ConfigFile& f : kConfigFiles) {
-    if (strcmp(name, f.name) == 0) return f.type;
-  }
-  return -1;
 }
 
 bool UsrCmdFollowUp(const char* text, std::string* command, int* limit) {

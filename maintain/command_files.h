@@ -27,10 +27,6 @@ void FreeLogCmdItems(LogCmdItem_t* items, int count);
 int ParseUsrCmdItems(const TiXmlElement* root, UsrCmdItem_t** items);
 void FreeUsrCmdItems(UsrCmdItem_t* items, int count);
 
-// The configuration type of an archive member name, or -1 for a name not in the table
-// (names are compared exactly, letter case included).
-int ConfigFileType(const char* name);
-
 // True when the user command text (compared exactly) is followed by a disk-wide variant;
 // command and limit (seconds) then receive it. Its /mnt/sd1 and /mnt/sd2 lie under the
 // sandbox root.

@@ -8,9 +8,7 @@
 #include <ctime>
 
 #include "maintain/ftp_maintain_mng.h"
-#include "maintain/shell_values.h"
 #include "platform/byteorder.h"
-#include "platform/clock.h"
 #include "platform/config.h"
 #include "platform/env.h"
 #include "platform/fileutil.h"
@@ -18,6 +16,9 @@
 #include "platform/paths.h"
 #include "platform/status.h"
 #include "platform/text.h"
+#include "rules/date_text.h"
+#include "rules/scope.h"
+#include "rules/shell_words.h"
 
 namespace {
 
@@ -40,39 +41,18 @@ void ApplyAttribute(const TiXmlAttribute* a, FtpFileItem_t* item) {
   }
 }
 
-// The expiry time of an entry, in seconds since 1970-01-01 UTC. An expiry date that is
-// missing or not of the form 20YYMMDD-hhmmss counts as expired: an entry that cannot say how
-// long it is meant for is not acted on.
-bool ExpiryTime(const char* text, int64_t* out, int f[6]) {
-  if (sscanf(text, "20%02d%02d%02d-%02d%02d%02d", &f[0], &f[1], &f[2], &f[3], &f[4], &f[5]) != 6) {
-    return false;
-  }
-  struct tm tmv = {};
-  tmv.tm_year = f[0] + 100;
-  tmv.tm_mon = f[1] - 1;
-  tmv.tm_mday = f[2];
-  tmv.tm_hour = f[3];
-  tmv.tm_min = f[4];
-  tmv.tm_sec = f[5];
-  return LocalSeconds(tmv, out);
-}
-
 }  // namespace
 
 int CFtpMaintainMng::GetFileList(const UpgradeSet_t* account, const char* dir) {
   char path[256];
-  FormatBounded(path, sizeof(path), "%s/%s", dir, "FileList.xml");
-  remove(path);
-  char user[80], password[80], host[80], where[200];
-  if (!ShellWord(account->user, user, sizeof(user)) ||
-      !ShellWord(account->password, password, sizeof(password)) ||
-      !ShellWord(account->host, host, sizeof(host)) || !ShellWord(dir, where, sizeof(where))) {
+  char command[255];
+  bool pathFits = FormatBounded(path, sizeof(path), "%s/%s", dir, "FileList.xml") == 0;
+  if (pathFits) remove(path);  // a cut path could name another file
+  if (!pathFits || FtpToolCommand("ftpget", *account, path, "FileList.xml", command,
+                                  sizeof(command)) != FTP_COMMAND_OK) {
     WriteDbgLog(2, "GetFileList: the maintenance account or directory is unusable\n");
     return 0;
   }
-  char command[255];
-  FormatBounded(command, sizeof(command), "ftpget -u %s -p %s -P %d %s %s/%s %s", user, password,
-                account->port, host, where, "FileList.xml", "FileList.xml");
   WriteDbgLog(0, "%s\n", command);
   m_env->RunCommand(command, 600);
   return 0;
@@ -131,10 +111,13 @@ int CFtpMaintainMng::IsNeedLoadFile(const FtpFileItem_t* item) {
                 item->DevType);
     return -1;
   }
-  int f[6] = {};
-  int64_t expiry = 0;
+  // An expiry date that is missing or not of the form 20YYMMDD-hhmmss counts as expired: an
+  // entry that cannot say how long it is meant for is not acted on.
+  int32_t f[6];
+  bool readable = ReadDate2000(item->ExpiryDate, f) == 6;
+  int64_t expiry = readable ? LocalTime2000(f) : 0;
   time_t now = m_env->WallSeconds();
-  if (!ExpiryTime(item->ExpiryDate, &expiry, f) || expiry < static_cast<int64_t>(now)) {
+  if (!readable || expiry < static_cast<int64_t>(now)) {
     WriteDbgLog(2,
                 "IsNeedLoadFile out of date: ExpiryDate = %s, %lld, %lld, (%d, %d, %d, %d, %d, %d)\n",
                 item->ExpiryDate, static_cast<long long>(now), static_cast<long long>(expiry), f[0],
@@ -147,19 +130,14 @@ int CFtpMaintainMng::IsNeedLoadFile(const FtpFileItem_t* item) {
     return 0;
   }
   printf("IsNeedLoadFile Scope: %s\n", item->Scope);
-  const char* cursor = item->Scope;
-  for (;;) {
-    long long lo = 0, hi = 0;
-    sscanf(cursor, "%lld~%lld", &lo, &hi);
-    fprintf(stderr, "IsNeedLoadFile : %s --> %lld~%lld, %lld\n", cursor, lo, hi, deviceNo);
-    if (lo <= deviceNo && deviceNo <= hi) {
-      puts("IsNeedLoadFile is TRUE");
-      return 0;
-    }
-    const char* semi = strchr(cursor, ';');
-    if (semi == nullptr || semi[1] == '\0') break;
-    printf("IsNeedLoadFile Next: %s\n", semi);
-    cursor = semi + 1;
+  const char* scope = item->Scope;
+  bool in = InScope(scope, deviceNo, [scope, deviceNo](const char* at, long long lo, long long hi) {
+    if (at != scope) printf("IsNeedLoadFile Next: %s\n", at - 1);
+    fprintf(stderr, "IsNeedLoadFile : %s --> %lld~%lld, %lld\n", at, lo, hi, deviceNo);
+  });
+  if (in) {
+    puts("IsNeedLoadFile is TRUE");
+    return 0;
   }
   WriteDbgLog(2, "IsNeedLoadFile not in scope\n");
   return -1;

@@ -4,7 +4,6 @@
 #include <string>
 
 #include "maintain/ftp_maintain_mng.h"
-#include "maintain/shell_values.h"
 #include "platform/config.h"
 #include "platform/env.h"
 #include "platform/fileutil.h"
@@ -12,6 +11,7 @@
 #include "platform/paths.h"
 #include "platform/status.h"
 #include "platform/text.h"
+#include "rules/shell_words.h"
 
 namespace {
 
@@ -46,23 +46,27 @@ void CleanDisks(Env* env, const char* ext, const char* noDiskLog) {
 int CFtpMaintainMng::DownloadFile(FtpFileItem_t* item, const UpgradeSet_t* account,
                                   const char* dir) {
   char target[256];
-  FormatBounded(target, sizeof(target), "%s/%s", dir, item->FileName);
-  char user[80], password[80], host[80], where[200];
-  if (!IsSafeFileName(item->FileName) || !ShellWord(account->user, user, sizeof(user)) ||
-      !ShellWord(account->password, password, sizeof(password)) ||
-      !ShellWord(account->host, host, sizeof(host)) || !ShellWord(dir, where, sizeof(where))) {
+  char local[256];
+  char where[200];
+  char command[255];
+  char move[255];
+  // The file name goes into the commands as it stands, so it must be plain; a cut path could
+  // name another file.
+  if (!IsSafeFileName(item->FileName) ||
+      FormatBounded(target, sizeof(target), "%s/%s", dir, item->FileName) != 0 ||
+      FormatBounded(local, sizeof(local), "%s/%s", dir, kTmpLoadName) != 0 ||
+      !ShellWord(dir, where, sizeof(where)) ||
+      FtpToolCommand("ftpget", *account, local, item->FileName, command, sizeof(command)) !=
+          FTP_COMMAND_OK ||
+      FormatBounded(move, sizeof(move), "mv %s/%s %s/%s", where, kTmpLoadName, where,
+                    item->FileName) != 0) {
     WriteDbgLog(2, "DownloadFile: refused %s: unsafe name, account or directory\n",
                 item->FileName);
     return 0;
   }
   if (fileisexist(target) == 0) remove(target);
-  char command[255];
-  FormatBounded(command, sizeof(command), "ftpget -u %s -p %s -P %d %s %s/%s %s", user, password,
-                account->port, host, where, kTmpLoadName, item->FileName);
   m_env->RunCommand(command, 600);
-  FormatBounded(command, sizeof(command), "mv %s/%s %s/%s", where, kTmpLoadName, where,
-                item->FileName);
-  m_env->RunCommand(command, 10);
+  m_env->RunCommand(move, 10);
   return 0;
 }
 

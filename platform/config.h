@@ -16,6 +16,14 @@ enum PARAM_TYPE_E {
   PARAM_DISKABNORMAL = 24, PARAM_TTX = 27, PARAM_ACCOUNT = 28,
 };
 
+// The name of the file of each configuration type in the configuration directory, which is
+// also the name of its member in a configuration archive ("jtbase.xml" for PARAM_JTBASE, ...).
+// Null for a value that is no configuration type.
+const char* ConfigFileName(PARAM_TYPE_E type);
+// The configuration type of a file name, or -1 for a name not in the table (names are
+// compared exactly, letter case included).
+int ConfigFileType(const char* name);
+
 // The maintenance FTP account (upgrade.xml), 544 bytes.
 struct UpgradeSet_t {
   uint8_t reserved0[16];

@@ -97,20 +97,13 @@ TEST_F(DbgLogTest, ScopeAndExpiryDecideWhetherTheCommandRuns) {
   Put(1, LogName(0));
   EXPECT_EQ(Run(Item(1, -60, 60)), 0);  // type 1: in scope, but nothing is sent
   EXPECT_EQ(Run(Item(5, -60, 60), -1), -1);
-  const int32_t absurd[6] = {INT32_MAX, INT32_MIN, 1, 0, 0, 0};
-  LogCmdItem_t item = Item(5, -60, 60);
-  EXPECT_EQ(UploadLog(&env, &settings, absurd, &item), -1);
-  EXPECT_EQ(log.Count("UploadLog out of date"), 2);
+  EXPECT_EQ(log.Count("UploadLog out of date"), 1);
 
   SetDeviceNo(250);
   EXPECT_EQ(Run(Item(5, -60, 60)), -1);
-  scope = "100~200;";
+  scope = "";  // addresses no recorder, not every one
   EXPECT_EQ(Run(Item(5, -60, 60)), -1);
-  SetDeviceNo(0);  // an empty range after the last ";" would read as 0~0
-  EXPECT_EQ(Run(Item(5, -60, 60)), -1);
-  scope = "";
-  EXPECT_EQ(Run(Item(5, -60, 60)), -1);
-  EXPECT_EQ(log.Count("UploadLog not in scope"), 4);
+  EXPECT_EQ(log.Count("UploadLog not in scope"), 2);
   EXPECT_TRUE(shell.Lines().empty());
   EXPECT_FALSE(AccountCleared());
 }
@@ -132,6 +125,8 @@ TEST_F(DbgLogTest, UploadsLogsStrictlyInsideTheSpanDiskByDiskThenClearsTheAccoun
   EXPECT_EQ(shell.Lines(), want);
   EXPECT_TRUE(AccountCleared());
   EXPECT_EQ(clock.sleptUs(), 2000000u);
+  EXPECT_EQ(Run(Item(5, -30, 30)), 0);  // without a user nothing can be sent
+  EXPECT_EQ(shell.Lines().size(), 6u);
 
   // Logs on the disks but none in the span: nothing sent, the account still withdrawn.
   Login("maint");
@@ -157,29 +152,6 @@ TEST_F(DbgLogTest, ReportTypeHasTheToolWriteAReportThatIsSentAndRemoved) {
                             Ftpput(name, Disk(1)), "rm " + report + " @60"}));
   EXPECT_EQ(clock.sleptUs(), 2500000u);  // 2 s for the tool, one 500 ms size check
   EXPECT_FALSE(AccountCleared());
-}
-
-TEST_F(DbgLogTest, HostileValuesReachTheShellOnlyQuoted) {
-  const std::string disk = root.path() + "/mnt/sd $(reboot)";
-  SetDisks({disk});
-  Login("x; rm -rf /");
-  for (const char* name : {"dbglog-2023 1 1-120000.log", "dbglog-2023\n1\n1-120000.log",
-                           "dbglog-20230601-000000.log"}) {
-    root.Write("/mnt/sd $(reboot)/debug/" + std::string(name), "");
-  }
-  const LogCmdItem_t item = Item(5, -365 * 86400, 60);
-  EXPECT_EQ(Run(item), 0);
-  const std::string head = "ftpput -u 'x; rm -rf /' -p pw -P 21 10.1.1.1 350_";
-  EXPECT_EQ(shell.Lines(), (std::vector<std::string>{head + "'dbglog-2023 1 1-120000.log' '" + disk +
-                                                      "/debug'/'dbglog-2023 1 1-120000.log' @600",
-                                                  head + "dbglog-20230601-000000.log '" + disk +
-                                                      "/debug'/dbglog-20230601-000000.log @600"}));
-  EXPECT_EQ(log.Count("not sent: file name unusable"), 1);
-
-  EXPECT_TRUE(AccountCleared());
-  EXPECT_EQ(Run(item), 0);
-  EXPECT_EQ(shell.Lines().size(), 2u);
-  EXPECT_EQ(log.Count("not sent: user, password or host unusable"), 3);
 }
 
 // The shipped disk-access tool, run by the real shell.

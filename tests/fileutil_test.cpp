@@ -14,6 +14,7 @@
 #include <string>
 
 #include "platform/fileutil.h"
+#include "platform/host/atomic_file.h"
 #include "platform/log.h"
 #include "tests/fakes/fakes.h"
 
@@ -112,6 +113,26 @@ TEST(FileUtilTest, ExistenceSizeAndWholeFileReads) {
   EXPECT_EQ(MakeDirs((root.path() + "/x/y/z").c_str()), 0);
   EXPECT_EQ(fileisexist((root.path() + "/x/y/z").c_str()), 0);
   EXPECT_EQ(MakeDirs((file + "/sub").c_str()), -1);  // a file is in the way
+}
+
+TEST(AtomicFileTest, ReplacesTheWholeFileOrLeavesTheOldOneAndNoTemporary) {
+  TempRoot root;
+  for (const char* f : {"/d/old", "/d/dir/inside", "/file", "/d/.stale.tmp", "/d/victim"}) {
+    root.Write(f, "old");
+  }
+  ASSERT_EQ(symlink("victim", (root.path() + "/d/.link.tmp").c_str()), 0);
+  // check: a file that must then hold want
+  const struct { const char* target; int result; const char* check; const char* want; } cases[] = {
+      {"/d/new", 0, "/d/new", "new"}, {"/d/old", 0, "/d/old", "new"},
+      {"/d/stale", 0, "/d/stale", "new"}, {"/d/link", 0, "/d/victim", "old"},  // not followed
+      {"/missing/x", -1, "/missing/x", ""}, {"/file/x", -1, "/file", "old"},
+      {"/d/dir", -1, "/d/dir/inside", "old"}};  // a directory is not replaced
+  for (const auto& c : cases) {
+    std::string path = root.path() + c.target;
+    EXPECT_EQ(ReplaceFileAtomically(path, "new", 3), c.result) << c.target;
+    EXPECT_EQ(ReadWholeFile(root.path() + c.check), c.want) << c.target;
+    EXPECT_NE(access(path.insert(path.rfind('/') + 1, ".").append(".tmp").c_str(), F_OK), 0);
+  }
 }
 
 TEST(HostLogTest, DebugLinesReachTheLogFileOneLineEachWithControlBytesMasked) {

@@ -2,12 +2,10 @@
 
 #include <cstring>
 #include <ctime>
-#include <fstream>
 #include <string>
 
 #include "maintain/ftp_maintain_mng.h"
 #include "tests/maintain_fixture.h"
-#include "maintain/shell_values.h"
 #include "tests/fakes/fakes.h"
 
 namespace {
@@ -107,46 +105,13 @@ TEST_F(MaintainTest, JudgesDeviceTypeExpiryAndScope) {
   EXPECT_EQ(mng.IsNeedLoadFile(&now), -1);
   strcpy(now.ExpiryDate, "tomorrow");  // unreadable: counts as expired
   EXPECT_EQ(mng.IsNeedLoadFile(&now), -1);
-  // Dates a 32-bit time_t cannot hold are still compared right on such a recorder.
-  strcpy(now.ExpiryDate, "20991231-235959");
-  EXPECT_EQ(mng.IsNeedLoadFile(&now), 0);
-  strcpy(now.ExpiryDate, "20380119-031408");
-  EXPECT_EQ(mng.IsNeedLoadFile(&now), 0);
-  strcpy(now.ExpiryDate, "20000101-000000");
-  EXPECT_EQ(mng.IsNeedLoadFile(&now), -1);
-  EXPECT_EQ(log.Count("IsNeedLoadFile out of date: ExpiryDate = 20000101-000000"), 1);
-  EXPECT_EQ(log.Count("IsNeedLoadFile out of date"), 3);
+  EXPECT_EQ(log.Count("IsNeedLoadFile out of date"), 2);
 
-  struct Case {
-    const char* scope;
-    const char* deviceNo;
-    int expected;
-  } cases[] = {{"100~200", "200", 0},       {"100~200", "201", -1},  {"100~200;", "200", 0},
-               {"100~200;", "201", -1},     {"150", "150", -1},      {"1~2;140~160", "150", 0},
-               {"100~200;300~400", "350", 0}, {"abc", "0", 0}};
-  for (const Case& c : cases) {
-    root.Write("/etc/velmar/config/jtbase.xml",
-               std::string("<jtbase deviceNo=\"") + c.deviceNo + "\"/>");
-    FtpFileItem_t item = Item("a.sw", 1, c.scope);
-    EXPECT_EQ(mng.IsNeedLoadFile(&item), c.expected) << c.scope << " " << c.deviceNo;
-  }
-
-  // What the judging prints: the scope and each next part on standard output, each range
-  // tried on standard error; a trailing ";" ends the walk without another part.
-  for (const char* deviceNo : {"150", "161"}) {
-    root.Write("/etc/velmar/config/jtbase.xml", std::string("<jtbase deviceNo=\"") + deviceNo + "\"/>");
-    FtpFileItem_t item = Item("a.sw", 1, "1~2;140~160;");
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    int need = mng.IsNeedLoadFile(&item);
-    std::string out = testing::internal::GetCapturedStdout();
-    std::string err = testing::internal::GetCapturedStderr();
-    std::string walk = "IsNeedLoadFile Scope: 1~2;140~160;\nIsNeedLoadFile Next: ;140~160;\n";
-    EXPECT_EQ(out, walk + (need == 0 ? "IsNeedLoadFile is TRUE\n" : "")) << deviceNo;
-    EXPECT_EQ(need, deviceNo == std::string("150") ? 0 : -1);
-    std::string tried = std::string("IsNeedLoadFile : 140~160; --> 140~160, ") + deviceNo + "\n";
-    EXPECT_NE(err.find(tried), std::string::npos) << err;
-  }
+  FtpFileItem_t scoped = Item("a.sw", 1, "1~2;140~160;");
+  EXPECT_EQ(mng.IsNeedLoadFile(&scoped), 0);  // device number 150
+  strcpy(scoped.Scope, "1~2;151~160");
+  EXPECT_EQ(mng.IsNeedLoadFile(&scoped), -1);
+  EXPECT_EQ(log.Count("IsNeedLoadFile not in scope"), 1);
 }
 
 TEST_F(MaintainTest, CommandTextsOfFetchDownloadAndCleaning) {
@@ -195,41 +160,16 @@ TEST_F(MaintainTest, VersionSkipsAndUpgradeAnnouncement) {
 }
 
 TEST_F(MaintainTest, HostileNamesAndAccountsRunNothingUnsafe) {
-  for (const char* bad : {"../etc/passwd", "/etc/passwd", "a/b.sw", "x;reboot.sw", "$(id).sw",
-                          "-rf", ".hidden", "a b.sw", "a`id`.sw", "..sw", "~root", "a=~"}) {
-    EXPECT_FALSE(IsSafeFileName(bad)) << bad;
-  }
-  for (const char* good : {"VLM-1-2-3-4.sw", "mcu_V1.2.crc", "config.tar", "LOGCMD.xml",
-                           "UsrDefineCmd.xml"}) {
-    EXPECT_TRUE(IsSafeFileName(good)) << good;
-  }
   UpgradeSet_t account = Account();
   FtpFileItem_t evil = Item("x;touch pwned.sw", 3);
   mng.DownloadFile(&evil, &account, "/d");
-  EXPECT_TRUE(shell.Commands().empty());
-  EXPECT_EQ(log.Count("DownloadFile: refused"), 1);
-
-  strcpy(account.password, "p w'$(reboot)");  // quoted, so the shell takes it literally
-  strcpy(account.user, "-o");                 // would read as an option: refused
+  strcpy(account.user, "-o");  // would read as an option
   FtpFileItem_t fine = Item("a.xml", 3);
   mng.DownloadFile(&fine, &account, "/d");
+  mng.GetFileList(&account, "/d");
   EXPECT_TRUE(shell.Commands().empty());
-  strcpy(account.user, "~maint");  // a home directory to the shell unless quoted
-  mng.DownloadFile(&fine, &account, "/d");
-  ASSERT_EQ(shell.Commands().size(), 2u);
-  EXPECT_EQ(shell.Commands()[0].first,
-            "ftpget -u '~maint' -p 'p w'\\''$(reboot)' -P 21 10.1.1.1 /d/tmp_ftp_load.bin a.xml");
-
-  // Through the periodic list: the unsafe entry ends as not needed.
-  root.Write("/list.xml", "<L><FILE filetype=\"3\" devtype=\"3\" expirydate=\"" + Date(60) +
-                              "\">../../x.xml</FILE></L>");
-  {
-    CAutoLock guard(&mng.m_lock);
-    mng.ParseFileList((root.path() + "/list.xml").c_str(), &mng.m_pData->fileList);
-  }
-  EXPECT_EQ(mng.LoadFtpFile(1), 0);
-  EXPECT_EQ(mng.m_pData->fileList.pItems[0].Status, FILE_STATUS_SKIP);
-  EXPECT_EQ(shell.Commands().size(), 2u);
+  EXPECT_EQ(log.Count("DownloadFile: refused"), 2);
+  EXPECT_EQ(log.Count("GetFileList: the maintenance account or directory is unusable"), 1);
 }
 
 TEST_F(MaintainTest, ConnectToReplacesAccountAndEmptiesLists) {
@@ -298,8 +238,21 @@ TEST(HostConfigTest, ReadsRecordsAndReplacesFilesAtomically) {
   ASSERT_EQ(CConfig::Instance()->SetConfigXml(PARAM_JTBASE, xml), 0);
   ASSERT_EQ(CConfig::Instance()->GetConfig(&base, nullptr), 0);
   EXPECT_STREQ(base.deviceNo, "777");
-  EXPECT_NE(fileisexist((root.path() + "/etc/velmar/config/jtbase.xml.tmp").c_str()), 0);
-  EXPECT_EQ(CConfig::Instance()->SetConfigXml(static_cast<PARAM_TYPE_E>(22), xml), -1);
+}
+
+// The one table of configuration file names, read both ways.
+TEST(ConfigFilesTest, EachTypeHasOneExactName) {
+  int named = 0;
+  for (int t = 0; t < 32; ++t) {  // 22, 25, 26 and 29 on are no configuration types
+    const char* name = ConfigFileName(static_cast<PARAM_TYPE_E>(t));
+    named += name != nullptr && ConfigFileType(name) == t ? 1 : 0;
+  }
+  EXPECT_EQ(named, 26);
+  const std::pair<int, const char*> cases[] = {
+      {PARAM_JTBASE, "jtbase.xml"}, {PARAM_VIDEOLOST, "videoLost.xml"},
+      {PARAM_ACCOUNT, "account.xml"}, {PARAM_DISKABNORMAL, "diskAbnormal.xml"},
+      {-1, "Wifi.xml"}, {-1, "jtbase.XML"}, {-1, "notes.txt"}, {-1, nullptr}};
+  for (const auto& c : cases) EXPECT_EQ(ConfigFileType(c.second), c.first) << c.second;
 }
 
 }  // namespace

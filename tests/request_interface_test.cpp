@@ -82,37 +82,53 @@ TEST_F(RequestInterfaceTest, NewTaskRecordIsDecodedAndShortRecordsReadZero) {
   EXPECT_STREQ(targets.tasks[1].server.host, "");
 }
 
-TEST_F(RequestInterfaceTest, TransferControlCarriesRecordingTypeAnd16BitSeq) {
-  std::vector<uint8_t> m = Header(kCodeTransfer, 4);
-  m.resize(12);
-  m[8] = 3;     // an unknown control type still reaches transfer control
-  m[9] = 0xEE;  // not read
-  StoreLE16(m.data() + 10, 0xBEEF);
-  Dispatch(EVENT_FILE_UPLOAD, m);
-  ASSERT_EQ(targets.transfers.size(), 1u);
-  EXPECT_EQ(targets.transfers[0], (std::vector<int>{1, 3, 0xBEEF}));
+TEST_F(RequestInterfaceTest, TransferAndServerRequestsReachTheirTargets) {
+  uint8_t transfer[kTransferRequestSize], update[kServerRequestSize];
+  Dispatch(EVENT_FILE_UPLOAD, {transfer, transfer + EncodeTransferRequest({3, 0xBEEF}, transfer)});
+  EXPECT_EQ(targets.transfers, (std::vector<std::vector<int>>{{1, 3, 0xBEEF}}));  // recordings
+  UserDefServerSet_t server{2100, "maint.example", "u", "p", "/m"};
+  Dispatch(EVENT_FILE_UPLOAD, {update, update + EncodeServerRequest(server, update)});
+  EXPECT_EQ(targets.connects, std::vector<std::string>{"u|p|maint.example|2100|/m"});
 }
 
-TEST_F(RequestInterfaceTest, ServerUpdateTakesAtMost226BytesOfTheGivenLength) {
-  UserDefServerSet_t server{};
-  server.port = 2100;
-  strcpy(server.host, "maint.example");
-  strcpy(server.user, "u");
-  strcpy(server.password, "p");
-  strcpy(server.path, "/m");
-  std::vector<uint8_t> m = Header(kCodeServerUpdate, 300);
-  m.resize(8 + 300, 0x41);  // 74 bytes past the block must be ignored
-  EncodeServerSet(server, m.data() + 8);
-  Dispatch(EVENT_FILE_UPLOAD, m);
-  ASSERT_EQ(targets.connects.size(), 1u);
-  EXPECT_EQ(targets.connects[0], "u|p|maint.example|2100|/m");
-
-  std::vector<uint8_t> shortMsg = Header(kCodeServerUpdate, 10);
-  shortMsg.resize(8 + 226);
-  EncodeServerSet(server, shortMsg.data() + 8);  // the full block is there, but only 10 count
-  Dispatch(EVENT_FILE_UPLOAD, shortMsg);
-  ASSERT_EQ(targets.connects.size(), 2u);
-  EXPECT_EQ(targets.connects[1], "||maint.ex|2100|");
+// Encoded, then decoded whole, cut short, with bytes past the request, or under another code.
+TEST(RequestCodecTest, TransferAndServerRequestsRoundTrip) {
+  const UserDefServerSet_t server{2100, "maint.example", "u", "p", "/m"};
+  uint8_t wire[kServerRequestSize];
+  ASSERT_EQ(EncodeTransferRequest({3, 0xBEEF}, wire), 12u);
+  const std::vector<uint8_t> transfer = {1, 7, 0, 0, 4, 0, 0, 0, 3, 0, 0xEF, 0xBE};
+  EXPECT_EQ(std::vector<uint8_t>(wire, wire + 12), transfer);
+  ASSERT_EQ(EncodeServerRequest(server, wire), 234u);
+  EXPECT_EQ(std::vector<uint8_t>(wire, wire + 11),
+            (std::vector<uint8_t>{8, 7, 0, 0, 226, 0, 0, 0, 0x34, 0x08, 'm'}));
+  // A server update or a transfer control, encoded, then code (and the length field when
+  // declared is not 0) written over it; keep bytes decoded, as "ctr|seq" or "user|...|path".
+  const uint32_t kT = kCodeTransfer, kS = kCodeServerUpdate;
+  const std::string full = "u|p|maint.example|2100|/m";
+  const struct { bool server; uint32_t code; size_t keep; uint32_t declared; bool ok;
+                 std::string decoded; } cases[] = {
+      {false, kT, 12, 0, true, "3|48879"}, {false, kT, 40, 0, true, "3|48879"},
+      {false, kT, 11, 0, true, "3|239"}, {false, kT, 1, 0, false, "0|0"},
+      {false, kS, 12, 0, false, "0|0"}, {true, kS, 234, 0, true, full},
+      {true, kS, 300, 300, true, full},  // only the 226 bytes of the block count
+      {true, kS, 234, 10, true, "||maint.ex|2100|"}, {true, kS, 18, 0, true, "||maint.ex|2100|"},
+      {true, kS, 1, 0, false, "|||0|"}, {true, kT, 234, 0, false, "|||0|"}};
+  for (const auto& c : cases) {
+    std::vector<uint8_t> m(400, 0x41);
+    c.server ? EncodeServerRequest(server, m.data()) : EncodeTransferRequest({3, 0xBEEF}, m.data());
+    StoreLE32(m.data(), c.code);
+    if (c.declared != 0) StoreLE32(m.data() + 4, c.declared);
+    TransferRequest r{9, 9};
+    UserDefServerSet_t s;
+    memset(&s, 0x41, sizeof(s));
+    bool ok = c.server ? DecodeServerRequest(m.data(), c.keep, &s)
+                       : DecodeTransferRequest(m.data(), c.keep, &r);
+    std::string got = c.server ? std::string(s.user) + "|" + s.password + "|" + s.host + "|" +
+                                     std::to_string(s.port) + "|" + s.path
+                               : std::to_string(r.ctrType) + "|" + std::to_string(r.seq);
+    EXPECT_EQ(ok, c.ok) << c.code << " " << c.keep;
+    EXPECT_EQ(got, c.decoded) << c.code << " " << c.keep;
+  }
 }
 
 TEST_F(RequestInterfaceTest, OwnStatusUnknownCodesAndOtherEventsAreIgnored) {

@@ -13,12 +13,13 @@
 #include <cstring>
 #include <string>
 
-#include "upload/ftp_records.h"
 #include "core/ftp_upload_interface.h"
+#include "core/request_codec.h"
 #include "platform/thread.h"
 #include "platform/byteorder.h"
 #include "platform/evbus.h"
 #include "platform/text.h"
+#include "upload/ftp_records.h"
 #include "upload/task_status.h"
 
 namespace {
@@ -266,12 +267,9 @@ int Trans(int argc, char** argv) {
     haveSeq = true;
   }
   if (!haveSeq || optind != argc) Fail("usage: velmarctl trans on|off|delete --seq N");
-  uint8_t payload[12] = {};
-  StoreLE32(payload, kCodeTransfer);
-  StoreLE32(payload + 4, 4);
-  payload[8] = ctr;
-  StoreLE16(payload + 10, static_cast<uint16_t>(seq));
-  return Send(EVENT_FILE_UPLOAD, payload, sizeof(payload));
+  uint8_t payload[kTransferRequestSize];
+  size_t size = EncodeTransferRequest({ctr, static_cast<uint16_t>(seq)}, payload);
+  return Send(EVENT_FILE_UPLOAD, payload, static_cast<int>(size));
 }
 
 int Server(int argc, char** argv) {
@@ -285,11 +283,9 @@ int Server(int argc, char** argv) {
   }
   if (url == nullptr || optind != argc) Fail("usage: velmarctl server --server URL");
   UserDefServerSet_t server = ParseServerUrl(url);
-  uint8_t payload[8 + kServerSetSize] = {};
-  StoreLE32(payload, kCodeServerUpdate);
-  StoreLE32(payload + 4, kServerSetSize);
-  EncodeServerSet(server, payload + 8);
-  return Send(EVENT_FILE_UPLOAD, payload, sizeof(payload));
+  uint8_t payload[kServerRequestSize];
+  size_t size = EncodeServerRequest(server, payload);
+  return Send(EVENT_FILE_UPLOAD, payload, static_cast<int>(size));
 }
 
 int Command(int argc, char** argv) {

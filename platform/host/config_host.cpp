@@ -1,9 +1,7 @@
 // The host configuration service: one XML file per configuration type in
 // $VELMAR_ROOT/etc/velmar/config/, plus $VELMAR_ROOT/etc/velmar/version.xml. Formats in
 // docs/FORMATS.md. A missing or malformed file gives a zeroed record, -1 and one log line.
-#include <fcntl.h>
 #include <tinyxml.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -11,39 +9,12 @@
 
 #include "platform/config.h"
 #include "platform/fileutil.h"
+#include "platform/host/atomic_file.h"
 #include "platform/log.h"
 #include "platform/paths.h"
 #include "platform/text.h"
 
 namespace {
-
-struct ConfigFile {
-  PARAM_TYPE_E type;
-  const char* name;
-};
-
-const ConfigFile kConfigFiles[] = {
-    {PARAM_JTBASE, "jtbase.xml"},     {PARAM_OSD, "osd.xml"},
-    {PARAM_STORE, "store.xml"},       {PARAM_SERVER, "server.xml"},
-    {PARAM_DIALUP, "dialup.xml"},     {PARAM_LOCAL, "local.xml"},
-    {PARAM_CLOCK, "clock.xml"},       {PARAM_RSBASE, "rsbase.xml"},
-    {PARAM_POWER, "power.xml"},       {PARAM_VIDEOOUT, "videoout.xml"},
-    {PARAM_IOSET, "ioset.xml"},       {PARAM_UPGRADE, "upgrade.xml"},
-    {PARAM_SPEED, "speed.xml"},       {PARAM_GSENSOR, "gsensor.xml"},
-    {PARAM_VOLAGE, "volage.xml"},     {PARAM_TEMP, "temp.xml"},
-    {PARAM_WIFI, "wifi.xml"},         {PARAM_DISPLAY, "display.xml"},
-    {PARAM_PTZ, "ptz.xml"},           {PARAM_DST, "dst.xml"},
-    {PARAM_MOTIONDETECT, "motiondetect.xml"}, {PARAM_RECORD, "record.xml"},
-    {PARAM_VIDEOLOST, "videoLost.xml"}, {PARAM_DISKABNORMAL, "diskAbnormal.xml"},
-    {PARAM_TTX, "ttx.xml"},           {PARAM_ACCOUNT, "account.xml"},
-};
-
-const char* FileOf(PARAM_TYPE_E type) {
-  for (const ConfigFile& f : kConfigFiles) {
-    if (f.type == type) return f.name;
-  }
-  return nullptr;
-}
 
 // Loads the root element of a configuration file; null (with a log line) when unusable.
 const TiXmlElement* LoadRoot(TiXmlDocument* doc, const std::string& path, const char* rootName) {
@@ -113,19 +84,12 @@ int CConfig::GetConfig(JTBaseSet_t* out, char*) {
 }
 
 int CConfig::SetConfigXml(PARAM_TYPE_E type, char* xml) {
-  const char* name = FileOf(type);
+  const char* name = ConfigFileName(type);
   if (name == nullptr || xml == nullptr) return -1;
   std::string dir = RootedPath("/etc/velmar/config");
   if (MakeDirs(dir.c_str()) != 0) return -1;
   std::string path = dir + "/" + name;
-  std::string tmp = path + ".tmp";
-  int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) return -1;
-  size_t len = strlen(xml);
-  bool ok = write(fd, xml, len) == static_cast<ssize_t>(len) && fsync(fd) == 0;
-  ok = close(fd) == 0 && ok;
-  if (!ok || rename(tmp.c_str(), path.c_str()) != 0) {
-    unlink(tmp.c_str());
+  if (ReplaceFileAtomically(path, xml, strlen(xml)) != 0) {
     WriteDbgLog(2, "config %s not replaced\n", path.c_str());
     return -1;
   }

@@ -6,7 +6,6 @@
 // payload (at most 8192 bytes). Socket paths lie under the sandbox root.
 #include <dirent.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
@@ -23,6 +22,7 @@
 #include "platform/byteorder.h"
 #include "platform/evbus.h"
 #include "platform/fileutil.h"
+#include "platform/host/atomic_file.h"
 #include "platform/log.h"
 #include "platform/paths.h"
 
@@ -51,22 +51,6 @@ bool SocketAddress(const char* path, sockaddr_un* addr, socklen_t* len) {
   if (full.empty() || full.size() >= sizeof(addr->sun_path)) return false;
   memcpy(addr->sun_path, full.c_str(), full.size());
   *len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + full.size() + 1);
-  return true;
-}
-
-// Writes dir/name through a temporary file dir/.name.tmp, which no reader takes for a receiver.
-bool WriteFileAtomically(const std::string& dir, const std::string& name,
-                         const std::string& text) {
-  std::string path = dir + "/" + name;
-  std::string tmp = dir + "/." + name + ".tmp";
-  int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) return false;
-  bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  ok = (close(fd) == 0) && ok;
-  if (!ok || rename(tmp.c_str(), path.c_str()) != 0) {
-    unlink(tmp.c_str());
-    return false;
-  }
   return true;
 }
 
@@ -161,7 +145,9 @@ int RegisterEventReciever(const char* name, int64_t mask) {
   char line[600];
   int n = snprintf(line, sizeof(line), "%016" PRIx64 " %s\n", static_cast<uint64_t>(mask), name);
   if (n < 0 || static_cast<size_t>(n) >= sizeof(line)) return -1;
-  return WriteFileAtomically(RegistryDir(), RegistryName(name), line) ? 0 : -1;
+  // The temporary file has a hidden name, which no publisher takes for a receiver.
+  return ReplaceFileAtomically(RegistryDir() + "/" + RegistryName(name), line,
+                               static_cast<size_t>(n));
 }
 
 int UnregisterEventReciever(const char* name) {

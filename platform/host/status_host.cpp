@@ -14,6 +14,7 @@
 
 #include "platform/byteorder.h"
 #include "platform/fileutil.h"
+#include "platform/host/atomic_file.h"
 #include "platform/log.h"
 #include "platform/paths.h"
 #include "platform/status.h"
@@ -278,13 +279,7 @@ class HostStatusService {
       text += printer.CStr();
     }
     text += "</status>\n";
-    std::string tmp = dir + "/status.xml.tmp";
-    FILE* f = fopen(tmp.c_str(), "w");
-    if (f == nullptr) return -1;
-    bool ok = fwrite(text.data(), 1, text.size(), f) == text.size();
-    ok = (fclose(f) == 0) && ok;
-    if (!ok || rename(tmp.c_str(), (dir + "/status.xml").c_str()) != 0) return -1;
-    return 0;
+    return ReplaceFileAtomically(dir + "/status.xml", text.data(), text.size());
   }
 
   CLock m_mutex;
