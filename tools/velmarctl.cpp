@@ -272,16 +272,23 @@ int Trans(int argc, char** argv) {
   return Send(EVENT_FILE_UPLOAD, payload, static_cast<int>(size));
 }
 
-int Server(int argc, char** argv) {
-  if (WantsHelp(argc, argv)) return fputs(kServerUsage, stdout), 0;
-  static option opts[] = {{"server", 1, nullptr, 's'}, {nullptr, 0, nullptr, 0}};
-  const char* url = nullptr;
+// The value of the one option --name that a command takes (the last one given); fails with
+// usage for anything else or when it is missing.
+const char* OnlyOption(int argc, char** argv, const char* name, const char* usage) {
+  option opts[] = {{name, 1, nullptr, 'o'}, {nullptr, 0, nullptr, 0}};
+  const char* value = nullptr;
   int c;
   while ((c = getopt_long(argc, argv, "", opts, nullptr)) != -1) {
-    if (c != 's') Fail("usage: velmarctl server --server URL");
-    url = optarg;
+    if (c != 'o') Fail(usage);
+    value = optarg;
   }
-  if (url == nullptr || optind != argc) Fail("usage: velmarctl server --server URL");
+  if (value == nullptr || optind != argc) Fail(usage);
+  return value;
+}
+
+int Server(int argc, char** argv) {
+  if (WantsHelp(argc, argv)) return fputs(kServerUsage, stdout), 0;
+  const char* url = OnlyOption(argc, argv, "server", "usage: velmarctl server --server URL");
   UserDefServerSet_t server = ParseServerUrl(url);
   uint8_t payload[kServerRequestSize];
   size_t size = EncodeServerRequest(server, payload);
@@ -290,14 +297,7 @@ int Server(int argc, char** argv) {
 
 int Command(int argc, char** argv) {
   if (WantsHelp(argc, argv)) return fputs(kCommandUsage, stdout), 0;
-  static option opts[] = {{"file", 1, nullptr, 'f'}, {nullptr, 0, nullptr, 0}};
-  const char* path = nullptr;
-  int c;
-  while ((c = getopt_long(argc, argv, "", opts, nullptr)) != -1) {
-    if (c != 'f') Fail("usage: velmarctl command --file PATH");
-    path = optarg;
-  }
-  if (path == nullptr || optind != argc) Fail("usage: velmarctl command --file PATH");
+  const char* path = OnlyOption(argc, argv, "file", "usage: velmarctl command --file PATH");
   size_t len = strlen(path);
   if (len + 1 > static_cast<size_t>(kEventPayloadMax - 4)) Fail("the path is too long");
   std::string payload(4 + len + 1, '\0');
