@@ -8,6 +8,7 @@
 #include <functional>
 #include <map>
 #include <thread>
+#include <tuple>
 
 #include "tests/upload_bench.h"
 
@@ -15,67 +16,32 @@ namespace {
 
 class UploadControlTest : public ::testing::Test, public UploadBench {};
 
-// One disk check per step; a task admitted after it must land in the current disk's database.
+// One disk check per step; a task admitted after it lands in the current disk's database.
 TEST_F(UploadControlTest, DiskSlotsAndTheCurrentDisk) {
-  std::string sd3 = AddDisk(7, "/mnt/sd3"), sd2 = AddDisk(6, "/mnt/sd2");
+  std::map<std::string, std::string> dir = {
+      {"sd3", AddDisk(7, "/mnt/sd3")}, {"sd2", AddDisk(6, "/mnt/sd2")}, {"", ""}};
   AddDisk(2, "/mnt/other");      // no slot
   AddDisk(8, "/media/nomount");  // not under /mnt/
-  struct Step {
-    const char* what;
-    std::function<void()> change;
-    size_t slots;
-    int curId;
-    std::string curDir;
-    bool admit;
-    std::vector<int> sd2Seqs, sd3Seqs;
-  } steps[] = {
-      {"ids 6 and 7 only", [] {}, 2, 6, sd2, true, {1}, {}},
-      {"disk 6 gone", [&] { SetPresent(6, 0); }, 1, 7, sd3, true, {1}, {2}},
-      {"recorder status 0",
-       [&] {
-         status.recorderStatus = 0;
-         SetPresent(6, 1);
-       },
-       2,
-       7,
-       sd3,
-       true,
-       {1},
-       {2, 3}},
-      {"back to the smaller slot",
-       [&] { status.recorderStatus = 1; },
-       2,
-       6,
-       sd2,
-       true,
-       {1, 4},
-       {2, 3}},
-      {"disk 7 gone", [&] { SetPresent(7, 0); }, 1, 6, sd2, true, {1, 4, 5}, {2, 3}},
-      {"card put back blank at the same mount",
-       [&] {
-         SetPresent(6, 0);
-         mng.CheckDiskState(1);
-         ASSERT_EQ(system(("rm -rf '" + sd2 + "'").c_str()), 0);
-         MakeDirs(sd2.c_str());
-         SetPresent(6, 1);
-       },
-       1,
-       6,
-       sd2,
-       true,
-       {6},
-       {2, 3}},
-      {"gone from the mount lists",
-       [&] {
-         status.mounts[DISK_USAGE_UPLOAD].erase(status.mounts[DISK_USAGE_UPLOAD].begin() + 1);
-       },
-       1,
-       6,
-       "",
-       false,
-       {6},
-       {2, 3}},
+  auto blankCard = [&] {
+    SetPresent(6, 0);
+    mng.CheckDiskState(1);
+    ASSERT_EQ(system(("rm -rf '" + dir["sd2"] + "'").c_str()), 0);
+    MakeDirs(dir["sd2"].c_str());
+    SetPresent(6, 1);
   };
+  auto& mounts = status.mounts[DISK_USAGE_UPLOAD];
+  // clang-format off
+  struct Step { const char* what; std::function<void()> change; size_t slots; int curId;
+                std::string cur; std::vector<int> sd2Seqs, sd3Seqs; } steps[] = {
+      {"ids 6 and 7 only", [] {}, 2, 6, "sd2", {1}, {}},
+      {"disk 6 gone", [&] { SetPresent(6, 0); }, 1, 7, "sd3", {1}, {2}},
+      {"recorder status 0", [&] { status.recorderStatus = 0; SetPresent(6, 1); }, 2, 7, "sd3", {1}, {2, 3}},
+      {"back to the smaller slot", [&] { status.recorderStatus = 1; }, 2, 6, "sd2", {1, 4}, {2, 3}},
+      {"disk 7 gone", [&] { SetPresent(7, 0); }, 1, 6, "sd2", {1, 4, 5}, {2, 3}},
+      {"card put back blank at the same mount", blankCard, 1, 6, "sd2", {6}, {2, 3}},
+      {"gone from the mount lists", [&] { mounts.erase(mounts.begin() + 1); }, 1, 6, "", {6}, {2, 3}},
+  };
+  // clang-format on
   for (const Step& s : steps) {
     SCOPED_TRACE(s.what);
     int n = static_cast<int>(&s - steps) + 1;
@@ -83,50 +49,43 @@ TEST_F(UploadControlTest, DiskSlotsAndTheCurrentDisk) {
     mng.CheckDiskState(static_cast<uint32_t>(10 * n));
     EXPECT_EQ(mng.m_diskMap.size(), s.slots);
     EXPECT_EQ(mng.CurDisk().id, s.curId);
-    EXPECT_EQ(std::string(mng.CurDisk().path), s.curDir);
-    if (s.admit) {
-      EXPECT_EQ(Admit(static_cast<uint32_t>(n), "/data/" + std::to_string(n)), 0);
+    EXPECT_EQ(mng.CurDisk().path, dir[s.cur]);
+    if (!s.cur.empty()) {
+      EXPECT_EQ(Admit(static_cast<uint32_t>(n), std::to_string(n)), 0);
     }
-    EXPECT_EQ(Seqs(sd2), s.sd2Seqs);
-    EXPECT_EQ(Seqs(sd3), s.sd3Seqs);
+    EXPECT_EQ(Seqs(dir["sd2"]), s.sd2Seqs);
+    EXPECT_EQ(Seqs(dir["sd3"]), s.sd3Seqs);
   }
 }
 
-TEST_F(UploadControlTest, DiskCheckWithoutDisksOrStatusKeepsTheTableAndReloadsEvery30s) {
-  std::string sd1 = AddDisk(1, "/mnt/sd1");
+// A disk is loaded when it comes or its mount directory changes (tasks already queued are not
+// added twice), and the current disk again while the queue is empty, at most every 30 s.
+TEST_F(UploadControlTest, WhenDisksAreLoaded) {
+  std::string sd1 = AddDisk(1, "/mnt/sd1"), moved = root.path() + "/mnt/sd1b";
   mng.CheckDiskState(100);  // loads (nothing) and counts as the reload
-  StoreRows(sd1, 1, {"/data/late"});
+  StoreRows(sd1, 1, {"a", "b"});
   status.disks.clear();  // a count of 0: nothing happens at all
   mng.CheckDiskState(200);
-  EXPECT_TRUE(Names().empty());
   EXPECT_EQ(mng.m_diskMap.size(), 1u);
   status.disks = {{1, 1}};
   mng.CheckDiskState(129);
   EXPECT_TRUE(Names().empty());
   status.failing[STATUS_DISK] = true;  // unreadable: the table stays, the reload step runs
   mng.CheckDiskState(130);
-  EXPECT_EQ(Names(), std::vector<std::string>{"/data/late"});
-  StoreRows(sd1, 2, {"/data/later"});
+  EXPECT_EQ(Names(), (std::vector<std::string>{"a", "b"}));
+  StoreRows(sd1, 1, {"later"});
   mng.CheckDiskState(300);  // tasks queued: no reload
-  EXPECT_EQ(Names().size(), 1u);
-}
-
-TEST_F(UploadControlTest, RemountReloadsOnceWithoutDuplicates) {
-  std::string sd1 = AddDisk(1, "/mnt/sd1");
-  StoreRows(sd1, 1, {"/data/a", "/data/b"});
-  mng.CheckDiskState(100);
-  EXPECT_EQ(Names(), (std::vector<std::string>{"/data/a", "/data/b"}));
-  // The same disk mounted elsewhere; its database holds b twice and a new c.
-  std::string moved = root.path() + "/mnt/sd1b";
+  status.failing[STATUS_DISK] = false;
   MakeDirs(moved.c_str());
-  StoreRows(moved, 1, {"/data/b", "/data/b", "/data/c"});
-  status.mounts[DISK_USAGE_UPLOAD][0] = FakeStatus::Entry(1, moved);
-  mng.CheckDiskState(105);
-  EXPECT_EQ(Names(), (std::vector<std::string>{"/data/a", "/data/b", "/data/b", "/data/c"}));
-  StoreRows(moved, 1, {"/data/d"});
-  mng.CheckDiskState(110);  // same directory: no reload
+  StoreRows(moved, 1, {"b", "b", "c"});
+  status.mounts[DISK_USAGE_UPLOAD][0] =
+      FakeStatus::Entry(1, moved);  // the same disk mounted elsewhere
+  mng.CheckDiskState(305);
+  EXPECT_EQ(Names(), (std::vector<std::string>{"a", "b", "b", "c"}));  // one b was queued
+  StoreRows(moved, 1, {"d"});
+  mng.CheckDiskState(310);  // same directory: no reload
   EXPECT_EQ(Names().size(), 4u);
-  EXPECT_EQ(std::string(mng.CurDisk().path), moved);
+  EXPECT_EQ(mng.CurDisk().path, moved);
   EXPECT_STREQ(List().front().server.path, "/up");
 }
 
@@ -151,44 +110,37 @@ TEST_F(UploadControlTest, IntakeStoresQueuesAndLimits) {
   EXPECT_EQ(Rows(sd1).size(), 1u);  // nor stored
 }
 
-// Transfer control of (seq, type) over the rows of the current disk (by name), the list (in
-// order) and the engine, which holds o and is sending: "db:<name>=<trans> list:... engine:...".
+// Transfer control of (seq, type) over the current disk's rows (by name), the list (in order)
+// and the engine, which holds o and is sending. State: "rows | list | engine".
 TEST(UploadControlTableTest, TransferControl) {
-  const std::string all = "db:o=1 p=1 r0=1 r1=1 list:r0=1 r1=1 p=1 o=1 l=1 engine:v1t1s1";
-  struct Case {
-    const char* what;
-    std::function<void(UploadBench&)> before;
-    int type, ctr, seq;
-    std::string after;
-  } cases[] = {
-      {"off", nullptr, 1, 0, 40, "db:o=1 p=1 r0=0 r1=0 list:r0=0 r1=0 p=1 o=1 l=1 engine:v1t0s0"},
-      {"off, other type", nullptr, 0, 0, 40,
-       "db:o=1 p=0 r0=1 r1=1 list:r0=1 r1=1 p=0 o=1 l=1 engine:v1t0s0"},
-      {"no rows", nullptr, 1, 0, 77, all},
-      {"unknown control", nullptr, 1, 3, 41, all},
-      {"rows, no list record",
-       [](UploadBench& b) {
-         b.mng.SetFtpTrans(1, 0, 40);
-         CAutoLock guard(&b.mng.m_lock);
-         b.mng.m_taskList.remove_if(
-             [](const ftpFileInfo_t& t) { return t.type == 1 && t.seq == 40; });
-       },
-       1, 1, 40, "db:o=1 p=1 r0=1 r1=1 list:p=1 o=1 l=1 engine:v1t1s0"},
-      {"delete", nullptr, 1, 2, 40, "db:o=1 p=1 list:p=1 o=1 l=1 engine:v0t0s0"},
-      {"off, database full", [](UploadBench& b) { b.db.full = true; }, 1, 0, 41,
-       "db:o=1 p=1 r0=1 r1=1 list:r0=1 r1=1 p=1 o=0 l=1 engine:v1t0s0"},
-      {"delete, database full", [](UploadBench& b) { b.db.full = true; }, 1, 2, 40,
-       "db:o=1 p=1 r0=1 r1=1 list:p=1 o=1 l=1 engine:v0t0s0"},
+  const std::string none = "o=1 p=1 r0=1 r1=1 | r0=1 r1=1 p=1 o=1 l=1 | v1t1s1";
+  auto dropListed = [](UploadBench& b) {
+    b.mng.SetFtpTrans(1, 0, 40);
+    CAutoLock guard(&b.mng.m_lock);
+    b.mng.m_taskList.remove_if([](const ftpFileInfo_t& t) { return t.type == 1 && t.seq == 40; });
   };
+  auto full = [](UploadBench& b) { b.db.full = true; };
+  // clang-format off
+  struct Case { const char* what; std::function<void(UploadBench&)> before; int type; unsigned ctr;
+                int seq; std::string after; } cases[] = {
+      {"off", nullptr, 1, 0, 40, "o=1 p=1 r0=0 r1=0 | r0=0 r1=0 p=1 o=1 l=1 | v1t0s0"},
+      {"off, other type", nullptr, 0, 0, 40, "o=1 p=0 r0=1 r1=1 | r0=1 r1=1 p=0 o=1 l=1 | v1t0s0"},
+      {"no rows", nullptr, 1, 0, 77, none},
+      {"unknown control", nullptr, 1, 3, 41, none},
+      {"rows, no list record", dropListed, 1, 1, 40, "o=1 p=1 r0=1 r1=1 | p=1 o=1 l=1 | v1t1s0"},
+      {"delete", nullptr, 1, 2, 40, "o=1 p=1 | p=1 o=1 l=1 | v0t0s0"},
+      {"off, database full", full, 1, 0, 41, "o=1 p=1 r0=1 r1=1 | r0=1 r1=1 p=1 o=0 l=1 | v1t0s0"},
+      {"delete, database full", full, 1, 2, 40, "o=1 p=1 r0=1 r1=1 | p=1 o=1 l=1 | v0t0s0"},
+  };
+  // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     UploadBench b;
     std::string sd1 = b.AddDisk(1, "/mnt/sd1");
     b.mng.CheckDiskState(100);
-    b.Admit(40, "r0", 1);
-    b.Admit(40, "r1", 1);
-    b.Admit(40, "p", 0);
-    b.Admit(41, "o", 1);
+    for (auto t : {std::make_tuple(40, "r0", 1), {40, "r1", 1}, {40, "p", 0}, {41, "o", 1}}) {
+      b.Admit(std::get<0>(t), std::get<1>(t), std::get<2>(t));
+    }
     {
       CAutoLock guard(&b.mng.m_lock);
       b.engine.SetTask(&b.mng.m_taskList.back());
@@ -196,16 +148,16 @@ TEST(UploadControlTableTest, TransferControl) {
     }
     b.engine.m_nTransState = 1;
     if (c.before) c.before(b);
-    b.mng.SetFtpTrans(c.type, static_cast<unsigned>(c.ctr), c.seq);
+    b.mng.SetFtpTrans(c.type, c.ctr, c.seq);
     std::map<std::string, int> rows;
     for (const __ftp_log& r : b.Rows(sd1)) rows[r.fullpath] = r.trans;
-    std::string state = "db:";
+    std::string state;
     for (const auto& r : rows) state += r.first + "=" + std::to_string(r.second) + " ";
-    state += "list:";
+    state += "|";
     for (const ftpFileInfo_t& t : b.List())
-      state += std::string(t.fullName) + "=" + std::to_string(t.trans) + " ";
+      state += " " + std::string(t.fullName) + "=" + std::to_string(t.trans);
     ftpFileInfo_t held = b.engine.SnapshotTask();
-    state += "engine:v" + std::to_string(held.valid) + "t" + std::to_string(held.trans) + "s" +
+    state += " | v" + std::to_string(held.valid) + "t" + std::to_string(held.trans) + "s" +
              std::to_string(b.engine.m_nTransState.load());
     EXPECT_STREQ(held.fullName, "o");
     EXPECT_EQ(state, c.after);

@@ -8,8 +8,8 @@
 
 namespace {
 
-const char kRecording[] = "/0001_0000000a_1_100_101_1_0.avi";
-const char kBadRecording[] = "/0001_0000000a_1_300_200_1_0.avi";  // ends before it starts
+const char kAviName[] = "/0001_0000000a_1_100_101_1_0.avi";
+const char kBadAvi[] = "/0001_0000000a_1_300_200_1_0.avi";  // ends before it starts
 
 std::string Bytes(size_t n) {
   std::string s(n, '\0');
@@ -76,14 +76,14 @@ TEST_F(UploadEngineTest, SourcesOfEveryKind) {
   {
     CXFile avi(1, &env);
     EXPECT_EQ(avi.Xsize(), -1);
-    EXPECT_EQ(avi.XsizeByPath(kBadRecording) + avi.Xexist(kBadRecording), 0);
-    ASSERT_EQ(avi.Xopen(kRecording, "r+b"), 0);
+    EXPECT_EQ(avi.XsizeByPath(kBadAvi) + avi.Xexist(kBadAvi), 0);
+    ASSERT_EQ(avi.Xopen(kAviName, "r+b"), 0);
     int readers = recording.created;
-    EXPECT_EQ(avi.Xexist(kRecording), 1);
+    EXPECT_EQ(avi.Xexist(kAviName), 1);
     EXPECT_EQ(recording.created, readers);  // answered from the open stream
     int32_t size = avi.Xsize();
     ASSERT_GT(size, 4096);
-    EXPECT_EQ(avi.XsizeByPath(kRecording), size);
+    EXPECT_EQ(avi.XsizeByPath(kAviName), size);
     std::string whole = ReadRest(&avi);
     EXPECT_EQ(whole.size(), static_cast<size_t>(size));
     EXPECT_EQ(avi.Xseek(size - 40, SEEK_END), 0);  // always absolute
@@ -93,80 +93,61 @@ TEST_F(UploadEngineTest, SourcesOfEveryKind) {
     EXPECT_EQ(recording.destroyed, recording.created);
     EXPECT_EQ(avi.Xclose(), -1);
     EXPECT_EQ(avi.Xread(buf, 1, 16), 0);
-    EXPECT_EQ(avi.Xopen(kBadRecording, "r+b"), -1);
+    EXPECT_EQ(avi.Xopen(kBadAvi, "r+b"), -1);
     EXPECT_EQ(avi.Xclose(), -1);
-    ASSERT_EQ(avi.Xopen(kRecording, "r+b"), 0);
+    ASSERT_EQ(avi.Xopen(kAviName, "r+b"), 0);
     EXPECT_LT(recording.destroyed, recording.created);
   }
   EXPECT_EQ(recording.destroyed, recording.created);  // destruction releases the stream
 }
 
-// A file the server does not list is sent whole in one data connection; once the server lists
-// its full size the next pass finds it complete without sending again.
-TEST_F(UploadEngineTest, SizesAroundTheBlockAreSentWhole) {
-  for (size_t size : std::vector<size_t>{0, 16383, 16384, 16385, 3 * 16384 + 1}) {
-    SCOPED_TRACE(size);
-    ftp.s().listing.clear();
-    ftp.s().modes.clear();
-    ftp.s().written.clear();
-    std::string content = Bytes(size);
-    Hold(SampleTask(5, File("local.bin", content)));
-    Pass();
-    EXPECT_EQ(ftp.s().modes, std::vector<int>{0});
-    EXPECT_EQ(ftp.s().written, content);
-    EXPECT_EQ(engine.SnapshotTask().sendTimes, 1);
-    EXPECT_EQ(engine.SnapshotTask().result, 0);  // judged by the next listing, not bytes sent
-    EXPECT_EQ(engine.m_nTransState, 2);
-    EXPECT_EQ(engine.m_nBusy, 0);
-    ServerHas(static_cast<int32_t>(size));
-    Pass();
-    EXPECT_EQ(ftp.s().modes.size(), 1u);
-    EXPECT_EQ(engine.SnapshotTask().result, 1);
-  }
-}
-
-// A listed file is resumed from the server's size (mode 1) unless it is complete: a plain file
-// when the server holds all of it, a recording already sent once also when at most 100 bytes
-// are missing (its stream is regenerated and may differ slightly).
-TEST_F(UploadEngineTest, ResumeFromTheServersSize) {
+// One pass per case: a file the server does not list is sent whole (mode 0); a listed one is
+// resumed from the server's size (mode 1) unless complete: a plain file when the server holds all
+// of it, a recording already sent once also when at most 100 bytes are missing (its stream is
+// regenerated and may differ slightly). Completeness is judged by a listing, never by bytes sent.
+TEST_F(UploadEngineTest, SendOrResumeFromTheServersSize) {
   CXFile probe(1, &env);
-  ASSERT_EQ(probe.Xopen(kRecording, "r+b"), 0);
-  const std::string avi = ReadRest(&probe), plain = Bytes(5000);
-  const int32_t aviSize = static_cast<int32_t>(avi.size()), plainSize = 5000;
-  struct Case {
-    int type, sentBefore, serverSize;
-    bool complete;
-  } cases[] = {
-      {0, 0, 1000, false},          {0, 1, plainSize - 1, false}, {0, 1, plainSize, true},
-      {0, 0, plainSize + 7, true},  {1, 0, aviSize - 100, false}, {1, 1, aviSize - 100, true},
-      {1, 1, aviSize - 101, false}, {1, 0, aviSize, true},
-  };
+  ASSERT_EQ(probe.Xopen(kAviName, "r+b"), 0);
+  const std::string avi = ReadRest(&probe);
+  const int kAvi = -1, kNotListed = 1 << 30;
+  // clang-format off
+  struct Case { int local, sentBefore, missing; bool complete; } cases[] = {  // local: size or kAvi
+      {0, 0, kNotListed, false}, {16383, 0, kNotListed, false}, {16384, 0, kNotListed, false},
+      {16385, 0, kNotListed, false}, {49153, 0, kNotListed, false}, {5000, 0, 4000, false},
+      {5000, 1, 1, false}, {5000, 1, 0, true}, {5000, 0, -7, true}, {kAvi, 0, 100, false},
+      {kAvi, 1, 100, true}, {kAvi, 1, 101, false}, {kAvi, 0, 0, true}};
+  // clang-format on
   for (const Case& c : cases) {
-    SCOPED_TRACE(::testing::Message() << c.type << " " << c.sentBefore << " " << c.serverSize);
+    SCOPED_TRACE(::testing::Message() << c.local << " " << c.sentBefore << " " << c.missing);
     ftp.s().modes.clear();
     ftp.s().written.clear();
-    const std::string& source = c.type == 1 ? avi : plain;
-    Hold(SampleTask(5, c.type == 1 ? std::string(kRecording) : File("local.bin", plain), c.type),
-         c.sentBefore);
-    ftp.s().listing = {FakeFtpClient::Entry("other.bin", 9),
-                       FakeFtpClient::Entry("remote.bin", c.serverSize)};
+    std::string source = c.local == kAvi ? avi : Bytes(static_cast<size_t>(c.local));
+    int32_t onServer =
+        c.missing == kNotListed ? 0 : static_cast<int32_t>(source.size()) - c.missing;
+    Hold(SampleTask(5, c.local == kAvi ? kAviName : File("local.bin", source), c.local == kAvi),
+         static_cast<uint8_t>(c.sentBefore));
+    ftp.s().listing = {FakeFtpClient::Entry("other.bin", 9)};
+    if (c.missing != kNotListed)
+      ftp.s().listing.push_back(FakeFtpClient::Entry("remote.bin", onServer));
     Pass();
-    EXPECT_EQ(ftp.s().dir, "in");
-    EXPECT_EQ(ftp.s().name, "remote.bin");
+    EXPECT_EQ(ftp.s().dir + "/" + ftp.s().name, "in/remote.bin");
     EXPECT_EQ(engine.SnapshotTask().result, c.complete ? 1 : 0);
-    EXPECT_EQ(ftp.s().modes, c.complete ? std::vector<int>{} : std::vector<int>{1});
-    EXPECT_EQ(ftp.s().written, c.complete ? "" : source.substr(c.serverSize));
+    EXPECT_EQ(ftp.s().written, c.complete ? "" : source.substr(static_cast<size_t>(onServer)));
+    EXPECT_EQ(ftp.s().modes,
+              c.complete ? std::vector<int>{} : std::vector<int>{c.missing == kNotListed ? 0 : 1});
     EXPECT_EQ(engine.SnapshotTask().sendTimes, c.sentBefore + (c.complete ? 0 : 1));
+    EXPECT_EQ(engine.m_nTransState, c.complete ? 0 : 2);
+    EXPECT_EQ(engine.m_nBusy, 0);
   }
 }
 
 // Valid and trans cleared while a block is sent: the send stops after that block; a cleared
 // valid marks the task stopped (result 3), a cleared trans alone leaves it open.
 TEST_F(UploadEngineTest, ClearingTransOrValidDuringASendStopsIt) {
-  struct Case {
-    size_t at;
-    uint8_t valid, trans, result;
-  } cases[] = {{32768, 1, 0, 0}, {16384, 0, 1, 3}, {49152, 0, 0, 3}};
+  // clang-format off
+  struct Case { size_t at; uint8_t valid, trans, result; } cases[] = {
+      {32768, 1, 0, 0}, {16384, 0, 1, 3}, {49152, 0, 0, 3}};
+  // clang-format on
   std::string content = Bytes(100000);
   for (const Case& c : cases) {
     SCOPED_TRACE(c.at);
@@ -181,40 +162,31 @@ TEST_F(UploadEngineTest, ClearingTransOrValidDuringASendStopsIt) {
   }
 }
 
-// What a pass that cannot send leaves: a failed listing leaves the task open or (-2) done; a
-// local file that is gone is done when the server lists it, result 2 when it does not.
+// What a pass that cannot send all leaves: a failed listing leaves the task open or (-2) done; a
+// local file that is gone is done when the server lists it, result 2 when it does not; a failed
+// write ends the pass with the task open.
 TEST_F(UploadEngineTest, PassesThatCannotSend) {
-  struct Case {
-    int listResult;
-    bool listed, localExists;
-    uint8_t result;
-  } cases[] = {
-      {-1, false, true, 0}, {-2, false, true, 1}, {0, false, false, 2}, {0, true, false, 1}};
+  // clang-format off
+  struct Case { int listResult; bool listed, localExists; int writeFailAfter; uint8_t result;
+                size_t written; } cases[] = {
+      {-1, false, true, -1, 0, 0}, {-2, false, true, -1, 1, 0}, {0, false, false, -1, 2, 0},
+      {0, true, false, -1, 1, 0}, {0, false, true, 32768, 0, 32768}};
+  // clang-format on
+  std::string content = Bytes(70000);
   for (const Case& c : cases) {
     SCOPED_TRACE(&c - cases);
     ftp.s().listResult = c.listResult;
+    ftp.s().writeFailAfter = c.writeFailAfter;
     ftp.s().listing.clear();
+    ftp.s().written.clear();
     if (c.listed) ServerHas(10);
     int closes = ftp.s().closes;
-    Hold(SampleTask(5, c.localExists ? File("local.bin", "x") : root.path() + "/gone.bin"));
+    Hold(SampleTask(5, c.localExists ? File("local.bin", content) : root.path() + "/gone.bin"));
     Pass();
     EXPECT_EQ(engine.SnapshotTask().result, c.result);
-    EXPECT_EQ(ftp.s().written, "");
+    EXPECT_EQ(ftp.s().written, content.substr(0, c.written));
     EXPECT_EQ(ftp.s().closes, closes + 1);
   }
-}
-
-TEST_F(UploadEngineTest, WriteFailureEndsThePassAndTheNextResumes) {
-  std::string content = Bytes(70000);
-  Hold(SampleTask(5, File("local.bin", content)));
-  ftp.s().writeFailAfter = 16384 * 2;
-  Pass();
-  EXPECT_EQ(engine.SnapshotTask().result, 0);
-  ftp.s().writeFailAfter = -1;
-  ServerHas(16384 * 2);
-  Pass();
-  EXPECT_EQ(ftp.s().modes, (std::vector<int>{0, 1}));
-  EXPECT_EQ(ftp.s().written, content);  // the two sends together are the file
 }
 
 // Failed logins and failed data connections count, and a pass that sent part of the file does
