@@ -17,6 +17,10 @@ class SchedulerTest : public ::testing::Test, public UploadBench {
   int Stored(int seq) {
     return db.SearchBySeqAndType(sd1.c_str(), seq, 0) + db.SearchBySeqAndType(sd2.c_str(), seq, 0);
   }
+  int Logins() {
+    std::lock_guard<std::mutex> g(ftp.s().mutex);
+    return ftp.s().starts;
+  }
   std::string Held() { return engine.SnapshotTask().fullName; }
   // The engine reports an outcome for the task it holds.
   void Finish(uint8_t result) { StoreControlByte(&engine.m_stTask.result, result); }
@@ -157,13 +161,14 @@ TEST_F(SchedulerTest, TasksThatAreNotSent) {
 
 // The real upload thread sends a task while the scheduler follows it from this thread. Besides
 // its checks, the case exists for ThreadSanitizer: the held task's control bytes, counters and
-// the transfer state are shared by the two threads as in the service. The thread sleeps on the
-// fake clock; the waits have no time limit (the test runner's time-out ends a hang).
+// the transfer state are shared by the two threads as in the service. The waits count the
+// thread's polls on the fake clock and its logins, never wall-clock time.
 TEST_F(SchedulerTest, RealUploadThreadSendsWhileTheSchedulerFollows) {
   ASSERT_EQ(engine.StartSyncThread(), 0);
   EXPECT_EQ(engine.StartSyncThread(), 0);  // a second call starts nothing
   engine.SetTaskTrans(0, 1);               // no runnable task: the thread puts trans back to 0
-  while (engine.SnapshotTask().trans != 0) std::this_thread::yield();
+  for (uint64_t end = clock.sleptUs() + 300000; clock.sleptUs() < end;) std::this_thread::yield();
+  EXPECT_EQ(engine.SnapshotTask().trans, 0);  // three 100 ms polls later
   std::string content(100000, 'v');
   ftp.s().onWrite = [this](size_t total) {
     std::lock_guard<std::mutex> g(ftp.s().mutex);  // the server lists what it received
@@ -171,9 +176,7 @@ TEST_F(SchedulerTest, RealUploadThreadSendsWhileTheSchedulerFollows) {
   };
   mng.CheckDiskState(100);
   Queue(File("big", content), 5);
-  for (uint32_t second = 100; StatusEvents().empty(); std::this_thread::yield()) {
-    mng.ScheduleTask(++second);
-  }
+  for (uint32_t second = 100; StatusEvents().empty() && Logins() < 10;) mng.ScheduleTask(++second);
   engine.m_thread.Join();
   EXPECT_EQ(ftp.s().written, content);
   EXPECT_EQ(StatusEvents(), (std::vector<std::pair<int, int>>{{0, 5}}));

@@ -38,7 +38,8 @@ class UploadEngineTest : public ::testing::Test, public UploadBench {
     for (int i = 0; i < 10; ++i) recording.Add(100000000ULL + i * 40000, i == 0, 1000, i);
     engine.m_pFtpClient = env.NewFtpClient();  // the engine deletes it
   }
-  void Hold(const ftpFileInfo_t& t, uint8_t sendTimes = 0) {
+  void Hold(ftpFileInfo_t t, uint8_t sendTimes = 0) {
+    t.result = 2;  // a stale result, which the hand-over clears
     engine.SetTask(&t);
     CAutoLock guard(&engine.m_taskLock);
     engine.m_stTask.sendTimes = sendTimes;
