@@ -78,10 +78,10 @@ TEST_F(UploadControlTest, WhenDisksAreLoaded) {
   status.failing[STATUS_DISK] = false;
   MakeDirs(moved.c_str());
   StoreRows(moved, 1, {"b", "b", "c"});
-  status.mounts[DISK_USAGE_UPLOAD][0] =
-      FakeStatus::Entry(1, moved);  // the same disk mounted elsewhere
+  // The same disk mounted elsewhere; its database holds b (queued) twice and c.
+  status.mounts[DISK_USAGE_UPLOAD][0] = FakeStatus::Entry(1, moved);
   mng.CheckDiskState(305);
-  EXPECT_EQ(Names(), (std::vector<std::string>{"a", "b", "b", "c"}));  // one b was queued
+  EXPECT_EQ(Names(), (std::vector<std::string>{"a", "b", "b", "c"}));
   StoreRows(moved, 1, {"d"});
   mng.CheckDiskState(310);  // same directory: no reload
   EXPECT_EQ(Names().size(), 4u);
