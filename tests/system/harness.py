@@ -2,7 +2,6 @@
 import os
 import shutil
 import signal
-import socket
 import struct
 import subprocess
 import tempfile
@@ -11,24 +10,6 @@ import time
 SOURCE_DIR = os.environ.get("VELMAR_SOURCE_DIR",
                             os.path.abspath(os.path.join(os.path.dirname(__file__), "../..")))
 BUILD_DIR = os.environ.get("VELMAR_BUILD_DIR", os.path.join(SOURCE_DIR, "build"))
-
-EVENT_HEARTBEAT = 6
-EVENT_REMOTE_CMD = 16
-EVENT_FILE_UPLOAD = 22
-
-
-def encode_event(event, payload):
-    return b"EVB1" + struct.pack("<II", event, len(payload)) + payload
-
-
-def decode_event(datagram):
-    if len(datagram) < 12 or datagram[:4] != b"EVB1":
-        raise ValueError("not an event datagram")
-    event, length = struct.unpack_from("<II", datagram, 4)
-    if length != len(datagram) - 12:
-        raise ValueError("length mismatch")
-    return event, datagram[12:]
-
 
 class SandboxRoot:
     """A temporary root filled from the example profile."""
@@ -42,38 +23,6 @@ class SandboxRoot:
 
     def remove(self):
         shutil.rmtree(self.path, ignore_errors=True)
-
-
-class Receiver:
-    """A bus receiver registered under name for the given event numbers."""
-
-    def __init__(self, root, name, events):
-        self.root = root
-        self.name = name
-        self.sock_path = root.under(name)
-        os.makedirs(os.path.dirname(self.sock_path), exist_ok=True)
-        if os.path.exists(self.sock_path):
-            os.unlink(self.sock_path)
-        self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        self.sock.bind(self.sock_path)
-        mask = 0
-        for e in events:
-            mask |= 1 << e
-        reg_dir = root.under("/run/evbus")
-        os.makedirs(reg_dir, exist_ok=True)
-        with open(os.path.join(reg_dir, name.replace("/", "_")), "w") as f:
-            f.write("%016x %s\n" % (mask, name))
-
-    def receive(self, timeout):
-        """The next (event, payload), or None when nothing came within timeout seconds."""
-        self.sock.settimeout(timeout)
-        try:
-            return decode_event(self.sock.recv(65536))
-        except socket.timeout:
-            return None
-
-    def close(self):
-        self.sock.close()
 
 
 class Velmar:
