@@ -3,7 +3,9 @@
 Serves --root for one user on --host (127.0.0.1 unless told, "::1" for IPv6), on a free port that it prints as the first line of
 standard output. Ends by itself after --lifetime seconds in case the test that started it
 does not stop it. --no-mlsd hides MLST/MLSD so that the client has to use LIST; --perm sets the user's
-pyftpdlib permissions (without "l" the server refuses listings).
+pyftpdlib permissions (without "l" the server refuses listings). --events FILE appends a line
+per upload command ("STOR path" / "APPE path") and per finished upload ("closed path size"),
+so that a test can wait for a transfer to end instead of for a quiet period.
 """
 import argparse
 import logging
@@ -27,6 +29,7 @@ def main():
     ap.add_argument("--host", default="127.0.0.1")
     ap.add_argument("--port", type=int, default=0)
     ap.add_argument("--throttle", type=int, default=0, help="upload limit in bytes/s")
+    ap.add_argument("--events", default="")
     args = ap.parse_args()
 
     logging.basicConfig(level=logging.WARNING)
@@ -38,8 +41,23 @@ def main():
         proto.pop("MLSD", None)
         proto.pop("MLST", None)
 
+    def event(text):
+        if args.events:
+            with open(args.events, "a") as f:
+                f.write(text + "\n")
+
     class Handler(FTPHandler):
         proto_cmds = proto
+
+        def ftp_STOR(self, file, mode="w"):
+            event("%s %s" % ("APPE" if mode == "a" else "STOR", file))
+            return FTPHandler.ftp_STOR(self, file, mode)
+
+        def on_file_received(self, file):
+            event("closed %s %d" % (file, os.path.getsize(file)))
+
+        def on_incomplete_file_received(self, file):
+            event("closed %s %d" % (file, os.path.getsize(file)))
 
     if args.throttle > 0:
         class Throttled(ThrottledDTPHandler):

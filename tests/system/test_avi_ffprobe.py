@@ -1,6 +1,6 @@
-"""Real video through the AVI stream: a 60 s 640x480 25 fps H.264 recording made with ffmpeg's
-test source, packed by velmar-mkrec, written by velmar-avi for record types 0 and 1, and checked
-with ffprobe and ffmpeg.
+"""Real video through the AVI stream: a 4 s 640x480 25 fps H.265 recording with G.711 audio and
+info frames, made from ffmpeg's test sources, packed by velmar-mkrec, written by velmar-avi and
+checked with ffprobe and ffmpeg. (H.264 is checked the same way by the resume test.)
 
 The movi list carries the recorder's own "00tm" time chunks after every frame. A demuxer that
 scans the movi list chunk by chunk takes them for stream-0 packets, so the checks of packets and
@@ -35,46 +35,7 @@ def main():
         with open(os.path.join(root, "etc", "velmar", "recorder.xml"), "w") as f:
             f.write('<recorder>\n  <device type="3"/>\n'
                     '  <partition list="15" id="1" path="%s"/>\n</recorder>\n' % part)
-        es = os.path.join(root, "x.h264")
-        run(["ffmpeg", "-v", "error", "-f", "lavfi", "-i", "testsrc=size=640x480:rate=25",
-             "-t", "60", "-c:v", "libx264", "-g", "50", "-bsf:v", "h264_mp4toannexb",
-             "-f", "h264", es])
-        made = run([os.path.join(BUILD_DIR, "velmar-mkrec"), "--fps", "25", "--resolution", "3",
-                    "--start", str(START), es, os.path.join(part, "0001_0000000a.vfs")]).stdout
-        info = dict(line.split("=", 1) for line in made.split())
-        frames = int(info["video_frames"])
-        assert frames == 1500, made
-        assert int(info["key_frames"]) == 30, made
         env = dict(os.environ, VELMAR_ROOT=root)
-        for record_type in (0, 1):
-            name = "/0001_0000000a_1_%d_%d_%d_%s.avi" % (START, START + 60, record_type,
-                                                          info["record_size"])
-            out = os.path.join(root, "t%d.avi" % record_type)
-            log = run([os.path.join(BUILD_DIR, "velmar-avi"), name, out], env=env).stdout
-            assert "FileInfo->video_framecount = 1500, 1500" in log, log
-
-            probe = json.loads(run(["ffprobe", "-v", "error", "-show_format", "-show_streams",
-                                    "-of", "json", out]).stdout)
-            assert probe["format"]["format_name"] == "avi", probe["format"]
-            video = [s for s in probe["streams"] if s["codec_type"] == "video"]
-            assert len(video) == 1, probe["streams"]
-            v = video[0]
-            assert v["codec_name"] == "h264", v
-            assert (v["width"], v["height"]) == (640, 480), v
-            assert v["r_frame_rate"] == "25/1", v
-
-            count = run(["ffprobe", "-v", "error", "-fflags", "+sortdts", "-select_streams", "v",
-                         "-count_packets", "-show_entries", "stream=nb_read_packets",
-                         "-of", "csv=p=0", out]).stdout.strip()
-            assert int(count) == frames, (record_type, count)
-
-            dec = subprocess.run(["ffmpeg", "-v", "error", "-fflags", "+sortdts", "-i", out,
-                                  "-f", "null", "-"], capture_output=True, text=True, timeout=300)
-            assert dec.returncode == 0 and dec.stderr.strip() == "", dec.stderr[:2000]
-            print("record type %d: %d bytes, %s video packets, decodes cleanly"
-                  % (record_type, os.path.getsize(out), count))
-
-        # H.265 with G.711 A-law audio and an info frame every second, 4 s.
         es = os.path.join(root, "x.h265")
         alaw = os.path.join(root, "a.alaw")
         run(["ffmpeg", "-v", "error", "-f", "lavfi", "-i", "testsrc=size=640x480:rate=25",
