@@ -11,8 +11,8 @@ namespace {
 constexpr uint32_t kBlockFill = kAviOutBufLen - 16;
 
 // Appends entries from *cursor on; returns the new block length.
-uint32_t AppendEntries(const AviIndexSlot_t* entries, uint32_t count, uint32_t* cursor,
-                       bool widx, uint8_t* out, uint32_t len) {
+uint32_t AppendEntries(const AviIndexSlot_t* entries, uint32_t count, uint32_t* cursor, bool widx,
+                       uint8_t* out, uint32_t len) {
   while (*cursor < count && len <= kBlockFill) {
     const AviIndexSlot_t& e = entries[(*cursor)++];
     const char* tag = widx ? avi::ChunkTag(e.type) : (avi::IsVideoType(e.type) ? "00db" : "00wb");

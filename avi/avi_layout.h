@@ -19,10 +19,14 @@ inline const char* ChunkTag(uint32_t type) {
   switch (type) {
     case 0:
     case 1:
-    case 2: return "00db";
-    case 4: return "00al";
-    case 5: return "00bt";
-    default: return "00wb";  // 3 and 6 and above: audio
+    case 2:
+      return "00db";
+    case 4:
+      return "00al";
+    case 5:
+      return "00bt";
+    default:
+      return "00wb";  // 3 and 6 and above: audio
   }
 }
 
@@ -38,11 +42,16 @@ inline uint32_t IndexFlags(uint32_t type) { return type == 1 ? 0x10u : 0u; }
 // The codec tag of the widx head, or null when the code has none.
 inline const char* AudioCodecTag(uint32_t code) {
   switch (code) {
-    case 0: return "0pcm";
-    case 1: return "711a";
-    case 2: return "711u";
-    case 3: return "g726";
-    default: return nullptr;
+    case 0:
+      return "0pcm";
+    case 1:
+      return "711a";
+    case 2:
+      return "711u";
+    case 3:
+      return "g726";
+    default:
+      return nullptr;
   }
 }
 

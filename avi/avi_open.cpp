@@ -19,14 +19,22 @@ struct PictureSize {
 
 PictureSize SizeOfResolution(uint32_t code) {
   switch (code) {
-    case 0: return {704, 576, 480};
-    case 1: return {704, 288, 240};
-    case 2: return {352, 288, 240};
-    case 3: return {640, 480, 480};
-    case 4: return {1280, 720, 720};
-    case 5: return {1920, 1080, 1080};
-    case 8: return {320, 240, 240};
-    default: return {0, 0, 0};  // 6, 7 and unknown codes have no size
+    case 0:
+      return {704, 576, 480};
+    case 1:
+      return {704, 288, 240};
+    case 2:
+      return {352, 288, 240};
+    case 3:
+      return {640, 480, 480};
+    case 4:
+      return {1280, 720, 720};
+    case 5:
+      return {1920, 1080, 1080};
+    case 8:
+      return {320, 240, 240};
+    default:
+      return {0, 0, 0};  // 6, 7 and unknown codes have no size
   }
 }
 
@@ -55,8 +63,7 @@ bool FindPartition(Env* env, int id, PartAccess_t* access, RecordItem_t* item) {
 // Sum of (24 + payload) over every frame of the span, read with a reader of its own. The info
 // frames update the stream's info record (record) on the way, as a reading would; their
 // lengths depend on the subtype alone.
-uint64_t PreScan(Env* env, const RecordItem_t& item, const PartAccess_t& access,
-                 uint8_t* record) {
+uint64_t PreScan(Env* env, const RecordItem_t& item, const PartAccess_t& access, uint8_t* record) {
   CReadDisk* reader = env->NewReadDisk();
   if (reader == nullptr) return 0;
   PartAccess_t acc = access;

@@ -16,8 +16,8 @@
 #include <vector>
 
 #include "avi/read_avi.h"
-#include "platform/env.h"
 #include "platform/byteorder.h"
+#include "platform/env.h"
 #include "platform/framestore.h"
 #include "platform/readdisk.h"
 
@@ -41,8 +41,10 @@ struct Fixture {
     std::string cmd = "mkdir -p " + part + " " + root + "/etc/velmar";
     if (system(cmd.c_str()) != 0) abort();
     FILE* x = fopen((root + "/etc/velmar/recorder.xml").c_str(), "w");
-    fprintf(x, "<recorder>\n<device type=\"3\"/>\n<partition list=\"15\" id=\"1\" path=\"%s\"/>\n"
-               "</recorder>\n", part.c_str());
+    fprintf(x,
+            "<recorder>\n<device type=\"3\"/>\n<partition list=\"15\" id=\"1\" path=\"%s\"/>\n"
+            "</recorder>\n",
+            part.c_str());
     fclose(x);
     setenv("VELMAR_ROOT", root.c_str(), 1);
     file = part + "/0001_0000000a.vfs";

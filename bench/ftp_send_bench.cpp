@@ -73,7 +73,11 @@ void BM_FtpSendFile(benchmark::State& state) {
   }
   state.SetBytesProcessed(total);
 }
-BENCHMARK(BM_FtpSendFile)->Iterations(1)->UseRealTime()->MeasureProcessCPUTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FtpSendFile)
+    ->Iterations(1)
+    ->UseRealTime()
+    ->MeasureProcessCPUTime()
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

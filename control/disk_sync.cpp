@@ -21,13 +21,20 @@ const char kDbBaseName[] = "new_file_op";
 // Status identifier to slot; the smallest slot is preferred. -1 for an identifier without one.
 int SlotOf(int id) {
   switch (id) {
-    case 1: return 0;
-    case 6: return 1;
-    case 5: return 2;
-    case 7: return 3;
-    case 8: return 4;
-    case 9: return 5;
-    default: return -1;
+    case 1:
+      return 0;
+    case 6:
+      return 1;
+    case 5:
+      return 2;
+    case 7:
+      return 3;
+    case 8:
+      return 4;
+    case 9:
+      return 5;
+    default:
+      return -1;
   }
 }
 
@@ -130,14 +137,15 @@ void CFtpCtrlMng::FollowSmallestSlot() {
   WriteDbgLog(0, "%s:%d disk changed [%d,%s]\n", "CheckDiskState", 349, first.id, first.path);
 }
 
-void CFtpCtrlMng::SyncDisk(char* mountDir) { dataSync(m_env->TaskDb(), mountDir, m_taskList, &m_lock); }
+void CFtpCtrlMng::SyncDisk(char* mountDir) {
+  dataSync(m_env->TaskDb(), mountDir, m_taskList, &m_lock);
+}
 
 void dataSync(char* mountDir, std::list<ftpFileInfo_t>& taskList, CLock* lock) {
   dataSync(CFile2FtpDbMng::Instance(), mountDir, taskList, lock);
 }
 
-void dataSync(CFile2FtpDbMng* db, char* mountDir, std::list<ftpFileInfo_t>& taskList,
-              CLock* lock) {
+void dataSync(CFile2FtpDbMng* db, char* mountDir, std::list<ftpFileInfo_t>& taskList, CLock* lock) {
   if (!strfind_s(mountDir, "/mnt/")) return;
   char dbFile[128];
   FormatBounded(dbFile, sizeof(dbFile), "%s/%s.db", mountDir, kDbBaseName);
@@ -157,8 +165,8 @@ void dataSync(CFile2FtpDbMng* db, char* mountDir, std::list<ftpFileInfo_t>& task
   for (const __ftp_log& row : rows) {
     ftpFileInfo_t rec;
     RecordFromRow(row, &rec);
-    WriteDbgLog(0, "%s:%d type:%d fileDir:%s fileName:%s fullNmae:%s\n", "dataSync", 92,
-                rec.type, rec.fileDir, rec.fileName, rec.fullName);
+    WriteDbgLog(0, "%s:%d type:%d fileDir:%s fileName:%s fullNmae:%s\n", "dataSync", 92, rec.type,
+                rec.fileDir, rec.fileName, rec.fullName);
     loaded.push_back(rec);
   }
 

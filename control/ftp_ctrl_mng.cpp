@@ -9,9 +9,8 @@ CFtpCtrlMng* CFtpCtrlMng::m_pInstance = nullptr;
 
 CFtpCtrlMng* CFtpCtrlMng::Instance() {
   static std::once_flag once;
-  std::call_once(once, [] {
-    m_pInstance = new CFtpCtrlMng(Env::Default(), CFtpUploadFileMng::Instance());
-  });
+  std::call_once(
+      once, [] { m_pInstance = new CFtpCtrlMng(Env::Default(), CFtpUploadFileMng::Instance()); });
   return m_pInstance;
 }
 

@@ -18,8 +18,7 @@ typedef void (*DataSync_f)(char* mountDir, std::list<ftpFileInfo_t>& taskList, C
 // Loads the tasks of the database of the disk mounted at mountDir that are not in taskList
 // yet, appending them under *lock. The first form uses the host database.
 void dataSync(char* mountDir, std::list<ftpFileInfo_t>& taskList, CLock* lock);
-void dataSync(CFile2FtpDbMng* db, char* mountDir, std::list<ftpFileInfo_t>& taskList,
-              CLock* lock);
+void dataSync(CFile2FtpDbMng* db, char* mountDir, std::list<ftpFileInfo_t>& taskList, CLock* lock);
 
 struct ftpDiskInfo_t {
   int32_t id;          // status identifier 1, 5, 6, 7, 8 or 9; never 0

@@ -19,11 +19,15 @@ namespace {
 uint32_t MaskOfLink(int32_t link) {
   switch (link) {
     case 1:
-    case 2: return 4;
+    case 2:
+      return 4;
     case 3:
-    case 4: return 1;
-    case 5: return 2;
-    default: return 0;
+    case 4:
+      return 1;
+    case 5:
+      return 2;
+    default:
+      return 0;
   }
 }
 

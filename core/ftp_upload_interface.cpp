@@ -76,8 +76,8 @@ int FtpUploadMngUnixDomain(int /*sock*/, struct sockaddr_un* /*from*/, unsigned 
   memset(payload, 0, sizeof(payload));
   EVENT_E event;
   int reserved = 0;
-  if (ParseRecvEvent(reinterpret_cast<const unsigned char*>(msg), len, &event, &reserved,
-                     payload) < 0) {
+  if (ParseRecvEvent(reinterpret_cast<const unsigned char*>(msg), len, &event, &reserved, payload) <
+      0) {
     return -1;
   }
   DispatchRequest(event, payload, targets);

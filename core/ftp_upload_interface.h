@@ -12,8 +12,7 @@
 #include "upload/ftp_records.h"
 
 constexpr int64_t kRequestMask = 0x0000000000410000LL;  // events 16 and 22
-extern const char kRequestSocket[];                      // "/tmp/ftpuploadfile.listen"
-
+extern const char kRequestSocket[];                     // "/tmp/ftpuploadfile.listen"
 
 // Where decoded requests go. The service's targets are the managers; tests record calls.
 class IRequestTargets {
@@ -21,8 +20,8 @@ class IRequestTargets {
   virtual ~IRequestTargets() = default;
   virtual void InsertTask(ftpFileInfo_t* task) = 0;
   virtual void SetTransfer(int fileType, unsigned int ctrType, int seq) = 0;
-  virtual void ConnectTo(const char* user, const char* password, const char* host,
-                         uint16_t port, const char* path) = 0;
+  virtual void ConnectTo(const char* user, const char* password, const char* host, uint16_t port,
+                         const char* path) = 0;
   virtual void RemoteCommand(const char* path) = 0;
 };
 

@@ -29,11 +29,10 @@ void BuildHeartbeat(uint8_t out[kHeartbeatSize]) {
 }
 
 CMainLoop::CMainLoop()
-    : CMainLoop(Env::Default(),
-                Targets{
-          [](uint32_t s) { CFtpCtrlMng::Instance()->CheckDiskState(s); },
-          [](uint32_t s) { CFtpCtrlMng::Instance()->ScheduleTask(s); },
-      }) {}
+    : CMainLoop(Env::Default(), Targets{
+                                    [](uint32_t s) { CFtpCtrlMng::Instance()->CheckDiskState(s); },
+                                    [](uint32_t s) { CFtpCtrlMng::Instance()->ScheduleTask(s); },
+                                }) {}
 
 CMainLoop::CMainLoop(Env* env, Targets targets) : m_env(env), m_targets(std::move(targets)) {}
 

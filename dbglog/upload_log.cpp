@@ -39,11 +39,16 @@ bool IsReportType(int type) { return type == 10 || type == 13 || type == 20 || t
 // name carries the file name, the local one the directory as well.
 const char* FtpRefusal(FtpCommandResult result) {
   switch (result) {
-    case FTP_COMMAND_OK: return nullptr;
-    case FTP_COMMAND_BAD_ACCOUNT: return "user, password or host unusable in a command line";
-    case FTP_COMMAND_BAD_FIRST: return "file name unusable in a command line";
-    case FTP_COMMAND_BAD_SECOND: return "directory unusable in a command line";
-    case FTP_COMMAND_TOO_LONG: break;
+    case FTP_COMMAND_OK:
+      return nullptr;
+    case FTP_COMMAND_BAD_ACCOUNT:
+      return "user, password or host unusable in a command line";
+    case FTP_COMMAND_BAD_FIRST:
+      return "file name unusable in a command line";
+    case FTP_COMMAND_BAD_SECOND:
+      return "directory unusable in a command line";
+    case FTP_COMMAND_TOO_LONG:
+      break;
   }
   return "command line too long";
 }
@@ -70,8 +75,8 @@ void UploadOne(Env* env, const UpgradeSet_t* settings, long long deviceNo, const
              FormatBounded(local, sizeof(local), "%s/%s", dir, name) != 0) {
     refusal = "command line too long";
   } else {
-    refusal = FtpRefusal(FtpToolCommand("ftpput", *settings, remote, local, command,
-                                        sizeof(command)));
+    refusal =
+        FtpRefusal(FtpToolCommand("ftpput", *settings, remote, local, command, sizeof(command)));
   }
   if (refusal != nullptr) {
     // A cut command line could name another file or break a quote: never run it.

@@ -13,7 +13,8 @@ class Env;
 
 // One command of a log-command file.
 struct LogCmdItem_t {
-  int32_t type;      // 1: nothing; 10/13/20/23: disk report first; other: logs, then credentials cleared
+  int32_t
+      type;  // 1: nothing; 10/13/20/23: disk report first; other: logs, then credentials cleared
   uint8_t start[6];  // first moment: year - 2000, month 1-12, day, hour, minute, second
   uint8_t end[6];    // last moment, same layout
   char* scope;       // "lo~hi;lo~hi" device-number ranges, heap copy owned by the item; may be null
@@ -22,9 +23,10 @@ static_assert(offsetof(LogCmdItem_t, start) == 4, "start offset");
 static_assert(offsetof(LogCmdItem_t, end) == 10, "end offset");
 static_assert(offsetof(LogCmdItem_t, scope) == 16, "scope offset");
 
-// Carries out one log command through env's shell, clock, disks and configuration: 0 when it was carried out (whatever the disks held), -1 when
-// it was refused (expired or this recorder out of scope). expiry holds six values: year - 2000,
-// month 1-12, day, hour, minute, second. May clear settings' user and password (type "other").
+// Carries out one log command through env's shell, clock, disks and configuration: 0 when it was
+// carried out (whatever the disks held), -1 when it was refused (expired or this recorder out of
+// scope). expiry holds six values: year - 2000, month 1-12, day, hour, minute, second. May clear
+// settings' user and password (type "other").
 int UploadLog(Env* env, UpgradeSet_t* settings, const int32_t* expiry, LogCmdItem_t* item);
 
 // The work on one disk: 0 for type 1, -1 when the debug directory holds no accepted file or

@@ -68,7 +68,8 @@ void ApplyLogAttribute(const TiXmlAttribute* a, LogCmdItem_t* item) {
 // The scope attribute of an element, as a heap copy, or null.
 char* ScopeAttribute(const TiXmlElement* e) {
   for (const TiXmlAttribute* a = e->FirstAttribute(); a != nullptr; a = a->Next()) {
-    if (strstr(a->Name(), "scope") != nullptr) return HeapCopy(a->Value() != nullptr ? a->Value() : "");
+    if (strstr(a->Name(), "scope") != nullptr)
+      return HeapCopy(a->Value() != nullptr ? a->Value() : "");
   }
   return nullptr;
 }
@@ -125,7 +126,8 @@ bool ChecksumMatches(const uint8_t* h) {
 
 // The member name of a header: the ustar prefix (POSIX format only) and the name field.
 std::string MemberName(const uint8_t* h) {
-  std::string name(reinterpret_cast<const char*>(h), strnlen(reinterpret_cast<const char*>(h), 100));
+  std::string name(reinterpret_cast<const char*>(h),
+                   strnlen(reinterpret_cast<const char*>(h), 100));
   if (memcmp(h + 257, "ustar\0", 6) == 0 && h[345] != '\0') {
     std::string prefix(reinterpret_cast<const char*>(h + 345),
                        strnlen(reinterpret_cast<const char*>(h + 345), 155));
@@ -166,7 +168,8 @@ int ParseLogCmdItems(const TiXmlElement* root, int32_t expiry[6], LogCmdItem_t**
   int count = 0;
   bool haveExpiry = false;
   for (int i = 0; i < 6; ++i) expiry[i] = 0;
-  for (const TiXmlElement* e = root->FirstChildElement(); e != nullptr; e = e->NextSiblingElement()) {
+  for (const TiXmlElement* e = root->FirstChildElement(); e != nullptr;
+       e = e->NextSiblingElement()) {
     if (strstr(e->Value(), "ExpiryDate") != nullptr) {
       ReadExpiry(e->GetText(), expiry);
       haveExpiry = true;
@@ -194,7 +197,8 @@ void FreeLogCmdItems(LogCmdItem_t* items, int count) {
 int ParseUsrCmdItems(const TiXmlElement* root, UsrCmdItem_t** items) {
   *items = nullptr;
   int count = 0;
-  for (const TiXmlElement* e = root->FirstChildElement(); e != nullptr; e = e->NextSiblingElement()) {
+  for (const TiXmlElement* e = root->FirstChildElement(); e != nullptr;
+       e = e->NextSiblingElement()) {
     if (strstr(e->Value(), "ExpiryDate") != nullptr) continue;  // accepted, not evaluated
     if (strstr(e->Value(), "CMDITEM") == nullptr) continue;
     const char* text = e->GetText();
@@ -269,8 +273,8 @@ bool CheckConfigArchive(const uint8_t* data, size_t len, std::string* why) {
       return false;
     }
     if (type != '0' && type != '\0' && type != '7' && type != '5') {
-      *why = std::string("member \"") + name + "\" of type '" + (type >= 0x20 && type < 0x7f ? type : '?') +
-             "' (only files and directories)";
+      *why = std::string("member \"") + name + "\" of type '" +
+             (type >= 0x20 && type < 0x7f ? type : '?') + "' (only files and directories)";
       return false;
     }
     std::string reason;
@@ -315,10 +319,17 @@ int CFtpMaintainMng::HandleRemoteCmd(const char* path) {
 int CFtpMaintainMng::HandleFtpCmdFile(int type, const char* path) {
   WriteDbgLog(0, "HandleFtpCmdFile: %d, %s\n", type, path);
   switch (type) {
-    case FTP_FILE_LOGCMD: HandleLogCmd(path); break;
-    case FTP_FILE_USRCMD: HandleUsrDefineCmd(path); break;
-    case FTP_FILE_CONFIG: HandleConfigCmd(path); break;
-    default: break;  // packages and images are installed by their own services
+    case FTP_FILE_LOGCMD:
+      HandleLogCmd(path);
+      break;
+    case FTP_FILE_USRCMD:
+      HandleUsrDefineCmd(path);
+      break;
+    case FTP_FILE_CONFIG:
+      HandleConfigCmd(path);
+      break;
+    default:
+      break;  // packages and images are installed by their own services
   }
   return 0;
 }
@@ -378,7 +389,8 @@ int CFtpMaintainMng::HandleUsrDefineCmd(const char* path) {
     items[i].scope = nullptr;
     std::string followUp;
     int limit = 0;
-    if (UsrCmdFollowUp(items[i].command, &followUp, &limit)) m_env->RunCommand(followUp.c_str(), limit);
+    if (UsrCmdFollowUp(items[i].command, &followUp, &limit))
+      m_env->RunCommand(followUp.c_str(), limit);
   }
   FreeUsrCmdItems(items, count);
   return 0;
@@ -391,8 +403,8 @@ int CFtpMaintainMng::HandleConfigCmd(const char* path) {
   int len = 0;
   char* archive = filetobufwithoutbuf(path, &len);
   std::string why = "cannot be read";
-  bool safe = archive != nullptr &&
-              CheckConfigArchive(reinterpret_cast<const uint8_t*>(archive), static_cast<size_t>(len), &why);
+  bool safe = archive != nullptr && CheckConfigArchive(reinterpret_cast<const uint8_t*>(archive),
+                                                       static_cast<size_t>(len), &why);
   free(archive);
   if (!safe) {
     WriteDbgLog(2, "HandleConfigCmd: refused %s: %s\n", path, why.c_str());

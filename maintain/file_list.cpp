@@ -67,7 +67,8 @@ int CFtpMaintainMng::ParseFileList(const char* path, FtpFileList_t* list) {
     return -1;
   }
   int before = list->count;
-  for (const TiXmlElement* e = root->FirstChildElement(); e != nullptr; e = e->NextSiblingElement()) {
+  for (const TiXmlElement* e = root->FirstChildElement(); e != nullptr;
+       e = e->NextSiblingElement()) {
     const char* text = e->GetText();
     if (strstr(e->Value(), "FILE") == nullptr || text == nullptr) continue;
     FtpFileItem_t* grown = static_cast<FtpFileItem_t*>(
@@ -118,10 +119,10 @@ int CFtpMaintainMng::IsNeedLoadFile(const FtpFileItem_t* item) {
   int64_t expiry = readable ? LocalTime2000(f) : 0;
   time_t now = m_env->WallSeconds();
   if (!readable || expiry < static_cast<int64_t>(now)) {
-    WriteDbgLog(2,
-                "IsNeedLoadFile out of date: ExpiryDate = %s, %lld, %lld, (%d, %d, %d, %d, %d, %d)\n",
-                item->ExpiryDate, static_cast<long long>(now), static_cast<long long>(expiry), f[0],
-                f[1], f[2], f[3], f[4], f[5]);
+    WriteDbgLog(
+        2, "IsNeedLoadFile out of date: ExpiryDate = %s, %lld, %lld, (%d, %d, %d, %d, %d, %d)\n",
+        item->ExpiryDate, static_cast<long long>(now), static_cast<long long>(expiry), f[0], f[1],
+        f[2], f[3], f[4], f[5]);
     return -1;
   }
   long long deviceNo = ConfigDeviceNumber(m_env->Config());

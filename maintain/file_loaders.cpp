@@ -60,8 +60,7 @@ int CFtpMaintainMng::DownloadFile(FtpFileItem_t* item, const UpgradeSet_t* accou
           FTP_COMMAND_OK ||
       FormatBounded(move, sizeof(move), "mv %s/%s %s/%s", where, kTmpLoadName, where,
                     item->FileName) != 0) {
-    WriteDbgLog(2, "DownloadFile: refused %s: unsafe name, account or directory\n",
-                item->FileName);
+    WriteDbgLog(2, "DownloadFile: refused %s: unsafe name, account or directory\n", item->FileName);
     return 0;
   }
   if (fileisexist(target) == 0) remove(target);
@@ -138,12 +137,18 @@ int CFtpMaintainMng::LoadConfigFile(FtpFileItem_t* item, const UpgradeSet_t* acc
 
 int CFtpMaintainMng::LoadByType(FtpFileItem_t* item, const UpgradeSet_t* account, const char* dir) {
   switch (item->FileType) {
-    case FTP_FILE_UPGRADE: return LoadUpgradeFile(item, account, dir);
-    case FTP_FILE_LOGCMD: return LoadLogCmdFile(item, account, dir);
-    case FTP_FILE_USRCMD: return LoadUsrCmdFile(item, account, dir);
-    case FTP_FILE_MCU: return LoadMcuFile(item, account, dir);
-    case FTP_FILE_CONFIG: return LoadConfigFile(item, account, dir);
-    default: return 0;  // an unknown kind is never downloaded
+    case FTP_FILE_UPGRADE:
+      return LoadUpgradeFile(item, account, dir);
+    case FTP_FILE_LOGCMD:
+      return LoadLogCmdFile(item, account, dir);
+    case FTP_FILE_USRCMD:
+      return LoadUsrCmdFile(item, account, dir);
+    case FTP_FILE_MCU:
+      return LoadMcuFile(item, account, dir);
+    case FTP_FILE_CONFIG:
+      return LoadConfigFile(item, account, dir);
+    default:
+      return 0;  // an unknown kind is never downloaded
   }
 }
 

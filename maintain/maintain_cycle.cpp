@@ -33,9 +33,9 @@ enum FTP_STATE_E {
   FTP_STATE_UPDATING = 8,
 };
 
-const int kStepInterval = 5;     // seconds between steps (more than this must pass)
-const int kRetryInterval = 60;   // after a list or a download that failed its check
-const int kRestInterval = 900;   // after a complete pass
+const int kStepInterval = 5;    // seconds between steps (more than this must pass)
+const int kRetryInterval = 60;  // after a list or a download that failed its check
+const int kRestInterval = 900;  // after a complete pass
 
 // "dir/name" into a 256-byte buffer.
 void EntryPath(char* out, const char* dir, const char* name) {

@@ -3,8 +3,8 @@
 // clock without sleeping.
 #pragma once
 
-#include <ctime>
 #include <cstdint>
+#include <ctime>
 
 // The monotonic millisecond clock minus base; msecdiff(0) is the clock itself.
 int64_t msecdiff(uint64_t base);

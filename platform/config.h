@@ -8,12 +8,32 @@
 
 // Configuration types, one file each (see the configuration file table in docs/FORMATS.md).
 enum PARAM_TYPE_E {
-  PARAM_JTBASE = 0, PARAM_OSD = 1, PARAM_STORE = 2, PARAM_SERVER = 3, PARAM_DIALUP = 4,
-  PARAM_LOCAL = 5, PARAM_CLOCK = 6, PARAM_RSBASE = 7, PARAM_POWER = 8, PARAM_VIDEOOUT = 9,
-  PARAM_IOSET = 10, PARAM_UPGRADE = 11, PARAM_SPEED = 12, PARAM_GSENSOR = 13,
-  PARAM_VOLAGE = 14, PARAM_TEMP = 15, PARAM_WIFI = 16, PARAM_DISPLAY = 17, PARAM_PTZ = 18,
-  PARAM_DST = 19, PARAM_MOTIONDETECT = 20, PARAM_RECORD = 21, PARAM_VIDEOLOST = 23,
-  PARAM_DISKABNORMAL = 24, PARAM_TTX = 27, PARAM_ACCOUNT = 28,
+  PARAM_JTBASE = 0,
+  PARAM_OSD = 1,
+  PARAM_STORE = 2,
+  PARAM_SERVER = 3,
+  PARAM_DIALUP = 4,
+  PARAM_LOCAL = 5,
+  PARAM_CLOCK = 6,
+  PARAM_RSBASE = 7,
+  PARAM_POWER = 8,
+  PARAM_VIDEOOUT = 9,
+  PARAM_IOSET = 10,
+  PARAM_UPGRADE = 11,
+  PARAM_SPEED = 12,
+  PARAM_GSENSOR = 13,
+  PARAM_VOLAGE = 14,
+  PARAM_TEMP = 15,
+  PARAM_WIFI = 16,
+  PARAM_DISPLAY = 17,
+  PARAM_PTZ = 18,
+  PARAM_DST = 19,
+  PARAM_MOTIONDETECT = 20,
+  PARAM_RECORD = 21,
+  PARAM_VIDEOLOST = 23,
+  PARAM_DISKABNORMAL = 24,
+  PARAM_TTX = 27,
+  PARAM_ACCOUNT = 28,
 };
 
 // The name of the file of each configuration type in the configuration directory, which is
@@ -27,13 +47,13 @@ int ConfigFileType(const char* name);
 // The maintenance FTP account (upgrade.xml), 544 bytes.
 struct UpgradeSet_t {
   uint8_t reserved0[16];
-  char host[64];        // server address
-  uint16_t port;        // server TCP port
-  char user[32];        // login user
-  char password[32];    // login password
+  char host[64];      // server address
+  uint16_t port;      // server TCP port
+  char user[32];      // login user
+  char password[32];  // login password
   uint8_t reserved1[130];
-  char name[128];       // file name (only printed)
-  char path[128];       // remote directory (only printed)
+  char name[128];  // file name (only printed)
+  char path[128];  // remote directory (only printed)
   uint8_t reserved2[12];
 };
 static_assert(sizeof(UpgradeSet_t) == 544, "UpgradeSet_t layout");

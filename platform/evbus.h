@@ -38,8 +38,7 @@ int StopUnixDomainListen(void* handle);
 // Decodes one datagram: *event = its event number, and the payload (at most 8192 bytes)
 // into payload. Returns the payload length, or -1 for a datagram that is short, has the
 // wrong magic, a length over 8192 or a length that differs from the bytes that follow.
-int ParseRecvEvent(const unsigned char* msg, int len, EVENT_E* event, int* reserved,
-                   void* payload);
+int ParseRecvEvent(const unsigned char* msg, int len, EVENT_E* event, int* reserved, void* payload);
 
 // Encodes one event into out. Returns the datagram length, or -1 when len is negative, over
 // 8192 or out is too small.

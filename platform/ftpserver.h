@@ -6,11 +6,11 @@
 #include <cstdint>
 
 struct UserDefServerSet_t {
-  uint16_t port;       // TCP port
-  char host[32];       // server address, NUL-terminated
-  char user[32];       // login name
-  char password[32];   // login password
-  char path[128];      // remote directory
+  uint16_t port;      // TCP port
+  char host[32];      // server address, NUL-terminated
+  char user[32];      // login name
+  char password[32];  // login password
+  char path[128];     // remote directory
 };
 static_assert(sizeof(UserDefServerSet_t) == 226, "UserDefServerSet_t layout");
 static_assert(offsetof(UserDefServerSet_t, host) == 2, "host offset");

@@ -31,12 +31,12 @@ static_assert(sizeof(PartAccess_t) == 132, "PartAccess_t layout");
 // Encode parameters, 88 bytes.
 struct EncodeParam_t {
   uint8_t reserved0[12];
-  uint8_t codecFlags;   // bit 0: H.265
+  uint8_t codecFlags;  // bit 0: H.265
   uint8_t fps;
   uint8_t resolution;
-  uint8_t audioCodec;   // 0..3
+  uint8_t audioCodec;  // 0..3
   uint8_t reserved1[20];
-  uint32_t standard;    // 0: 576/288-line heights, else 480/240
+  uint32_t standard;  // 0: 576/288-line heights, else 480/240
   uint8_t reserved2[48];
 };
 static_assert(sizeof(EncodeParam_t) == 88, "EncodeParam_t layout");
@@ -45,10 +45,10 @@ static_assert(offsetof(EncodeParam_t, standard) == 36, "standard offset");
 
 // Frame description filled by ReadFrame.
 struct FrameInfo_t {
-  uint64_t time_us;   // microseconds since 1970-01-01 UTC
-  uint32_t type;      // 0..2 video (1 key), 3 audio, 4 alarm, 5 info, 6+ audio
+  uint64_t time_us;  // microseconds since 1970-01-01 UTC
+  uint32_t type;     // 0..2 video (1 key), 3 audio, 4 alarm, 5 info, 6+ audio
   uint32_t reserved;
-  uint32_t length;    // payload bytes
+  uint32_t length;  // payload bytes
   uint32_t reserved2;
   uint8_t reserved3[8];
 };

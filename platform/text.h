@@ -13,4 +13,5 @@ inline void CopyText(char* dst, size_t cap, const char* src) {
 }
 
 // snprintf that always terminates; returns 0 when the whole text fitted, -1 when it was cut.
-int FormatBounded(char* dst, size_t cap, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
+int FormatBounded(char* dst, size_t cap, const char* fmt, ...)
+    __attribute__((format(printf, 3, 4)));

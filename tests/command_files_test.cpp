@@ -1,4 +1,6 @@
 // Log and user command files, and configuration archives (the hostile ones included).
+#include "maintain/command_files.h"
+
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <tinyxml.h>
@@ -8,10 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "maintain/command_files.h"
 #include "maintain/ftp_maintain_mng.h"
-#include "tests/maintain_fixture.h"
 #include "tests/fakes/fakes.h"
+#include "tests/maintain_fixture.h"
 
 namespace {
 
@@ -26,7 +27,10 @@ class TarBuilder {
     snprintf(reinterpret_cast<char*>(h + 124), 12, "%011o", static_cast<unsigned>(data.size()));
     h[156] = static_cast<uint8_t>(type);
     memcpy(h + 157, link.data(), std::min<size_t>(link.size(), 100));
-    memcpy(h + 257, "ustar\0" "00", 8);
+    memcpy(h + 257,
+           "ustar\0"
+           "00",
+           8);
     memset(h + 148, ' ', 8);
     unsigned sum = 0;
     for (uint8_t b : h) sum += b;
@@ -79,8 +83,10 @@ TEST_F(CommandFilesTest, UserCommandsRunInOrderWithTheDiskWideFollowUpsOfExactTe
              "<CMDITEM>rm -rf ./*.db</CMDITEM>"
              "<CMDITEM></CMDITEM>"
              "<CMDITEM>rm -rf REC-ALARM</CMDITEM>"
-             "<CMDITEM>" + std::string(200, 'x') + "</CMDITEM>"
-             "</UsrDefineCmd>");
+             "<CMDITEM>" +
+                 std::string(200, 'x') +
+                 "</CMDITEM>"
+                 "</UsrDefineCmd>");
   EXPECT_EQ(mng.HandleUsrDefineCmd((root.path() + "/c.xml").c_str()), 0);
   const std::string r = root.path();
   std::vector<std::string> want = {
@@ -160,14 +166,19 @@ TEST_F(CommandFilesTest, ConfigArchiveAppliesKnownFilesByExactName) {
   EXPECT_EQ(access(archive.c_str(), F_OK), 0);                        // the archive stays
 
   // An archive without a config directory yields nothing.
-  ASSERT_EQ(system(("cd '" + root.path() + "/src/config' && tar cf '" + archive + "' wifi.xml").c_str()), 0);
+  ASSERT_EQ(
+      system(("cd '" + root.path() + "/src/config' && tar cf '" + archive + "' wifi.xml").c_str()),
+      0);
   EXPECT_EQ(mng.HandleConfigCmd(archive.c_str()), -1);
 }
 
 TEST_F(CommandFilesTest, HostileArchivesAreRefusedBeforeAnythingIsUnpacked) {
   std::string why;
-  EXPECT_TRUE(Check(TarBuilder().Add("config/", '5').Add("config/wifi.xml", '0', "<w/>").Bytes(), &why)) << why;
-  EXPECT_TRUE(Check(TarBuilder().Add("./", '5').Add("./config/ttx.xml", '0', "<t/>").Bytes(), &why)) << why;
+  EXPECT_TRUE(
+      Check(TarBuilder().Add("config/", '5').Add("config/wifi.xml", '0', "<w/>").Bytes(), &why))
+      << why;
+  EXPECT_TRUE(Check(TarBuilder().Add("./", '5').Add("./config/ttx.xml", '0', "<t/>").Bytes(), &why))
+      << why;
   struct Case {
     std::string tar;
     std::string reason;
@@ -182,7 +193,8 @@ TEST_F(CommandFilesTest, HostileArchivesAreRefusedBeforeAnythingIsUnpacked) {
       {TarBuilder().Add("config/dev", '3').Bytes(), "type '3'"},
       {TarBuilder().Add("ftpuploadfile.listen", '0', "x").Bytes(), "outside the config"},
       {TarBuilder().Add("notes.txt", '0', "x").Bytes(), "outside the config"},
-      {TarBuilder().Add("config/a.xml", '0', std::string(2000, 'a')).Bytes().substr(0, 1024), "truncated"},
+      {TarBuilder().Add("config/a.xml", '0', std::string(2000, 'a')).Bytes().substr(0, 1024),
+       "truncated"},
       {std::string(2048, 'z'), "not a tar"},
       {TarBuilder().Bytes(), "no config"},
   };
@@ -199,18 +211,18 @@ TEST_F(CommandFilesTest, HostileArchivesAreRefusedBeforeAnythingIsUnpacked) {
   UseRealShell();
   const std::string outside = root.path() + "/outside";
   const std::string archive = root.path() + "/dl/evil.tar";
-  root.Write("/dl/evil.tar",
-             TarBuilder()
-                 .Add("config/jtbase.xml", '0', "<jtbase deviceNo=\"666\"/>")
-                 .Add("config/../../outside", '0', "escaped")
-                 .Add(outside + "-abs", '0', "escaped")
-                 .Add("config/link", '2', "", "/etc")
-                 .Bytes());
+  root.Write("/dl/evil.tar", TarBuilder()
+                                 .Add("config/jtbase.xml", '0', "<jtbase deviceNo=\"666\"/>")
+                                 .Add("config/../../outside", '0', "escaped")
+                                 .Add(outside + "-abs", '0', "escaped")
+                                 .Add("config/link", '2', "", "/etc")
+                                 .Bytes());
   EXPECT_EQ(mng.HandleConfigCmd(archive.c_str()), -1);
   EXPECT_NE(access(outside.c_str(), F_OK), 0);
   EXPECT_NE(access((outside + "-abs").c_str(), F_OK), 0);
   EXPECT_NE(access((root.path() + "/tmp/config").c_str(), F_OK), 0);
-  EXPECT_EQ(ReadWholeFile(root.path() + "/etc/velmar/config/jtbase.xml"), "<jtbase deviceNo=\"150\"/>");
+  EXPECT_EQ(ReadWholeFile(root.path() + "/etc/velmar/config/jtbase.xml"),
+            "<jtbase deviceNo=\"150\"/>");
   EXPECT_EQ(log.Count("HandleConfigCmd: refused " + archive), 1);
 }
 

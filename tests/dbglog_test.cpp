@@ -148,8 +148,8 @@ TEST_F(DbgLogTest, ReportTypeHasTheToolWriteAReportThatIsSentAndRemoved) {
   const std::string report = Disk(1) + "/debug/" + name;
   EXPECT_EQ(Run(Item(23, -60, 60)), 0);
   EXPECT_EQ(shell.Lines(), (std::vector<std::string>{
-                            root.path() + "/app/diskaccess  /dev/sda2 p 3 >" + report + " @-1",
-                            Ftpput(name, Disk(1)), "rm " + report + " @60"}));
+                               root.path() + "/app/diskaccess  /dev/sda2 p 3 >" + report + " @-1",
+                               Ftpput(name, Disk(1)), "rm " + report + " @60"}));
   EXPECT_EQ(clock.sleptUs(), 2500000u);  // 2 s for the tool, one 500 ms size check
   EXPECT_FALSE(AccountCleared());
 }

@@ -1,5 +1,6 @@
-#include <gtest/gtest.h>
+#include "platform/evbus.h"
 
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include <chrono>
@@ -10,7 +11,6 @@
 #include <vector>
 
 #include "core/main_loop.h"
-#include "platform/evbus.h"
 #include "tests/fakes/fakes.h"
 
 namespace {
@@ -103,11 +103,11 @@ TEST(EventWireTest, ParseAcceptsOnlyWellFormedDatagrams) {
   EXPECT_EQ(ev, EVENT_FILE_UPLOAD);
   EXPECT_EQ(out[299], 0xAB);
 
-  EXPECT_EQ(ParseRecvEvent(dgram, 11, &ev, &reserved, out.data()), -1);      // short
-  EXPECT_EQ(ParseRecvEvent(dgram, n - 1, &ev, &reserved, out.data()), -1);   // length differs
+  EXPECT_EQ(ParseRecvEvent(dgram, 11, &ev, &reserved, out.data()), -1);     // short
+  EXPECT_EQ(ParseRecvEvent(dgram, n - 1, &ev, &reserved, out.data()), -1);  // length differs
   EXPECT_EQ(ParseRecvEvent(dgram, n + 1, &ev, &reserved, out.data()), -1);
   dgram[0] = 'X';
-  EXPECT_EQ(ParseRecvEvent(dgram, n, &ev, &reserved, out.data()), -1);       // magic
+  EXPECT_EQ(ParseRecvEvent(dgram, n, &ev, &reserved, out.data()), -1);  // magic
   dgram[0] = 'E';
   dgram[8] = 0x01;  // claims 8193 bytes
   dgram[9] = 0x20;

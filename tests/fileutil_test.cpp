@@ -1,6 +1,7 @@
-#include <gtest/gtest.h>
+#include "platform/fileutil.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -13,7 +14,6 @@
 #include <fstream>
 #include <string>
 
-#include "platform/fileutil.h"
 #include "platform/host/atomic_file.h"
 #include "platform/log.h"
 #include "tests/fakes/fakes.h"
@@ -122,10 +122,15 @@ TEST(AtomicFileTest, ReplacesTheWholeFileOrLeavesTheOldOneAndNoTemporary) {
   }
   ASSERT_EQ(symlink("victim", (root.path() + "/d/.link.tmp").c_str()), 0);
   // check: a file that must then hold want
-  const struct { const char* target; int result; const char* check; const char* want; } cases[] = {
-      {"/d/new", 0, "/d/new", "new"}, {"/d/old", 0, "/d/old", "new"},
-      {"/d/stale", 0, "/d/stale", "new"}, {"/d/link", 0, "/d/victim", "old"},  // not followed
-      {"/missing/x", -1, "/missing/x", ""}, {"/file/x", -1, "/file", "old"},
+  const struct {
+    const char* target;
+    int result;
+    const char* check;
+    const char* want;
+  } cases[] = {
+      {"/d/new", 0, "/d/new", "new"},        {"/d/old", 0, "/d/old", "new"},
+      {"/d/stale", 0, "/d/stale", "new"},    {"/d/link", 0, "/d/victim", "old"},  // not followed
+      {"/missing/x", -1, "/missing/x", ""},  {"/file/x", -1, "/file", "old"},
       {"/d/dir", -1, "/d/dir/inside", "old"}};  // a directory is not replaced
   for (const auto& c : cases) {
     std::string path = root.path() + c.target;

@@ -1,9 +1,10 @@
+#include "core/main_loop.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-#include "core/main_loop.h"
 #include "tests/fakes/fakes.h"
 
 namespace {
@@ -16,10 +17,11 @@ class MainLoopTest : public ::testing::Test {
     env.bus = &bus;
   }
   CMainLoop MakeLoop() {
-    return CMainLoop(&env, CMainLoop::Targets{
-        [this](uint32_t s) { calls.push_back("disk " + std::to_string(s)); },
-        [this](uint32_t s) { calls.push_back("sched " + std::to_string(s)); },
-    });
+    return CMainLoop(&env,
+                     CMainLoop::Targets{
+                         [this](uint32_t s) { calls.push_back("disk " + std::to_string(s)); },
+                         [this](uint32_t s) { calls.push_back("sched " + std::to_string(s)); },
+                     });
   }
   int DiskChecks() const {
     int n = 0;

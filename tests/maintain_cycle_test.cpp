@@ -7,9 +7,9 @@
 #include <string>
 
 #include "maintain/ftp_maintain_mng.h"
-#include "tests/maintain_fixture.h"
 #include "platform/clock.h"
 #include "tests/fakes/fakes.h"
+#include "tests/maintain_fixture.h"
 
 namespace {
 
@@ -26,7 +26,8 @@ class MaintainCycleTest : public MaintainFixture {
     shell.onCommand = [this](const std::string& command) {
       for (auto& f : served) {
         if (command.rfind("mv ", 0) == 0 && command.size() > f.first.size() &&
-            command.compare(command.size() - f.first.size() - 1, std::string::npos, "/" + f.first) == 0) {
+            command.compare(command.size() - f.first.size() - 1, std::string::npos,
+                            "/" + f.first) == 0) {
           root.Write(command.substr(command.rfind(' ') + 1).substr(root.path().size()), f.second);
         }
       }
@@ -57,7 +58,8 @@ class MaintainCycleTest : public MaintainFixture {
 };
 
 TEST_F(MaintainCycleTest, PeriodicCycleFollowsTheStateTableAndItsIntervals) {
-  const std::string usrCmd = "<UsrDefineCmd><CMDITEM>touch /nonexistent/marker</CMDITEM></UsrDefineCmd>";
+  const std::string usrCmd =
+      "<UsrDefineCmd><CMDITEM>touch /nonexistent/marker</CMDITEM></UsrDefineCmd>";
   // Steps come only when more than 5 s have passed: every sixth pass (the first pass runs at
   // the start time itself, so the first step comes with the seventh).
   EXPECT_EQ(PassesUntilStateChanges(), 7);  // 0 -> 1
@@ -70,8 +72,9 @@ TEST_F(MaintainCycleTest, PeriodicCycleFollowsTheStateTableAndItsIntervals) {
   EXPECT_EQ(PassesUntilStateChanges(), 61);
   EXPECT_EQ(mng.m_pData->state, 2);
 
-  root.Write(dir.substr(root.path().size()) + "/FileList.xml",
-             "<L>" + Entry("UsrDefineCmd.xml", 3, usrCmd.size()) + Entry("odd.bin", 7, 10) + "</L>");
+  root.Write(
+      dir.substr(root.path().size()) + "/FileList.xml",
+      "<L>" + Entry("UsrDefineCmd.xml", 3, usrCmd.size()) + Entry("odd.bin", 7, 10) + "</L>");
   EXPECT_EQ(PassesUntilStateChanges(), 6);  // parsed: 2 -> 3 at entry 0
   EXPECT_EQ(mng.m_pData->state, 3);
   EXPECT_EQ(mng.m_pData->fileList.count, 2);
@@ -144,10 +147,12 @@ TEST_F(MaintainCycleTest, ClockSetBackCountsAsTimePassedAndNewAccountStepsAtOnce
 
 TEST_F(MaintainCycleTest, OnlineListSettlesEntriesAndStartsOverAfterItIsFinished) {
   const std::string usrCmd = "<UsrDefineCmd><CMDITEM>true online</CMDITEM></UsrDefineCmd>";
-  root.Write("/in/dl.xml", "<FileDownloadCmd>" + Entry("u1.xml", 3, usrCmd.size()) +
-                               Entry("missing.xml", 3, 5) + Entry("short.xml", 3, 500) +
-                               "<FILE filetype=\"3\" devtype=\"9\" expirydate=\"20991231-235959\">other.xml</FILE>" +
-                               Entry("x;reboot.xml", 3, 5) + "</FileDownloadCmd>");
+  root.Write(
+      "/in/dl.xml",
+      "<FileDownloadCmd>" + Entry("u1.xml", 3, usrCmd.size()) + Entry("missing.xml", 3, 5) +
+          Entry("short.xml", 3, 500) +
+          "<FILE filetype=\"3\" devtype=\"9\" expirydate=\"20991231-235959\">other.xml</FILE>" +
+          Entry("x;reboot.xml", 3, 5) + "</FileDownloadCmd>");
   served["u1.xml"] = usrCmd;
   served["short.xml"] = "too short";
   std::string list = root.path() + "/in/dl.xml";
@@ -190,7 +195,8 @@ TEST_F(MaintainCycleTest, RemoteCommandMarkersTakeTheFirstInOrder) {
              "<CMDITEM type=\"1\" scope=\"0~999\" datetime=\"20240101-000000~20240101-235959\"/>"
              "<note><UsrDefineCmd><CMDITEM>true should-not-run</CMDITEM></UsrDefineCmd></note>"
              "</LOGCMD>");
-  root.Write("/in/usr.xml", "<UsrDefineCmd><CMDITEM scope=\"all\">true user</CMDITEM></UsrDefineCmd>");
+  root.Write("/in/usr.xml",
+             "<UsrDefineCmd><CMDITEM scope=\"all\">true user</CMDITEM></UsrDefineCmd>");
   root.Write("/in/none.xml", "<Other><CMDITEM>true nothing</CMDITEM></Other>");
   for (const char* f : {"/in/both.xml", "/in/usr.xml", "/in/none.xml", "/in/absent.xml"}) {
     EXPECT_EQ(mng.HandleRemoteCmd((root.path() + f).c_str()), 0);
@@ -210,7 +216,8 @@ TEST_F(MaintainCycleTest, WorkDirIsTheFirstMaintenanceDiskOrTmpAfterTwoMinutes) 
   EXPECT_LT(clock.sleptUs(), 123u * 1000000);
   {
     std::lock_guard<std::mutex> g(status.mutex);
-    status.mounts[DISK_USAGE_MAINTAIN] = {FakeStatus::Entry(2, "/mnt/sd2"), FakeStatus::Entry(1, "/mnt/sd1")};
+    status.mounts[DISK_USAGE_MAINTAIN] = {FakeStatus::Entry(2, "/mnt/sd2"),
+                                          FakeStatus::Entry(1, "/mnt/sd1")};
   }
   mng.SelectWorkDir();
   EXPECT_STREQ(mng.m_pData->fileList.dir, "/mnt/sd2");

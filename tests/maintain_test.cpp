@@ -5,8 +5,8 @@
 #include <string>
 
 #include "maintain/ftp_maintain_mng.h"
-#include "tests/maintain_fixture.h"
 #include "tests/fakes/fakes.h"
+#include "tests/maintain_fixture.h"
 
 namespace {
 
@@ -38,19 +38,19 @@ class MaintainTest : public MaintainFixture {
     strcpy(item.FileName, name.c_str());
     return item;
   }
-
 };
 
 TEST_F(MaintainTest, ParsesEntriesBySubstringAndAppends) {
-  root.Write("/list.xml",
-             "<Anything>"
-             "<FILE filetype=\"1\" filesize=\"3145728\" devtypes=\"3\" expirydate=\"20251231-235959\""
-             " scope=\"100000~199999;500000~500000\" crcvalue=\"abc\" other=\"x\">VLM-1-2-3-5.sw</FILE>"
-             "<MYFILE filetype=\"2\">LOGCMD.xml</MYFILE>"
-             "<FILES filetype=\"5\"/>"
-             "<file filetype=\"3\">lower.xml</file>"
-             "<note>not a file</note>"
-             "</Anything>");
+  root.Write(
+      "/list.xml",
+      "<Anything>"
+      "<FILE filetype=\"1\" filesize=\"3145728\" devtypes=\"3\" expirydate=\"20251231-235959\""
+      " scope=\"100000~199999;500000~500000\" crcvalue=\"abc\" other=\"x\">VLM-1-2-3-5.sw</FILE>"
+      "<MYFILE filetype=\"2\">LOGCMD.xml</MYFILE>"
+      "<FILES filetype=\"5\"/>"
+      "<file filetype=\"3\">lower.xml</file>"
+      "<note>not a file</note>"
+      "</Anything>");
   FtpFileList_t list{};
   std::string path = root.path() + "/list.xml";
   testing::internal::CaptureStdout();
@@ -120,11 +120,12 @@ TEST_F(MaintainTest, CommandTextsOfFetchDownloadAndCleaning) {
   FtpFileItem_t cfg = Item("config.tar", 5);
   EXPECT_EQ(mng.LoadConfigFile(&cfg, &account, "/tmp/work"), 0);
   std::string tmp = root.path() + "/tmp";
-  EXPECT_EQ(shell.Lines(), (std::vector<std::string>{
-                            "ftpget -u maint -p pw -P 21 10.1.1.1 /tmp/work/FileList.xml FileList.xml @600",
-                            "rm /mnt/sd1/*.tar @5", "rm /mnt/sd2/*.tar @5", "rm " + tmp + "/*.tar @5",
-                            "ftpget -u maint -p pw -P 21 10.1.1.1 /tmp/work/tmp_ftp_load.bin config.tar @600",
-                            "mv /tmp/work/tmp_ftp_load.bin /tmp/work/config.tar @10"}));
+  EXPECT_EQ(shell.Lines(),
+            (std::vector<std::string>{
+                "ftpget -u maint -p pw -P 21 10.1.1.1 /tmp/work/FileList.xml FileList.xml @600",
+                "rm /mnt/sd1/*.tar @5", "rm /mnt/sd2/*.tar @5", "rm " + tmp + "/*.tar @5",
+                "ftpget -u maint -p pw -P 21 10.1.1.1 /tmp/work/tmp_ftp_load.bin config.tar @600",
+                "mv /tmp/work/tmp_ftp_load.bin /tmp/work/config.tar @10"}));
 
   {
     std::lock_guard<std::mutex> g(status.mutex);
@@ -248,10 +249,14 @@ TEST(ConfigFilesTest, EachTypeHasOneExactName) {
     named += name != nullptr && ConfigFileType(name) == t ? 1 : 0;
   }
   EXPECT_EQ(named, 26);
-  const std::pair<int, const char*> cases[] = {
-      {PARAM_JTBASE, "jtbase.xml"}, {PARAM_VIDEOLOST, "videoLost.xml"},
-      {PARAM_ACCOUNT, "account.xml"}, {PARAM_DISKABNORMAL, "diskAbnormal.xml"},
-      {-1, "Wifi.xml"}, {-1, "jtbase.XML"}, {-1, "notes.txt"}, {-1, nullptr}};
+  const std::pair<int, const char*> cases[] = {{PARAM_JTBASE, "jtbase.xml"},
+                                               {PARAM_VIDEOLOST, "videoLost.xml"},
+                                               {PARAM_ACCOUNT, "account.xml"},
+                                               {PARAM_DISKABNORMAL, "diskAbnormal.xml"},
+                                               {-1, "Wifi.xml"},
+                                               {-1, "jtbase.XML"},
+                                               {-1, "notes.txt"},
+                                               {-1, nullptr}};
   for (const auto& c : cases) EXPECT_EQ(ConfigFileType(c.second), c.first) << c.second;
 }
 

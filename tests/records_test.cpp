@@ -35,9 +35,9 @@ TEST(RecordsTest, RoundTripThroughRowKeepsFieldsAndClearsCounters) {
   RowFromRecord(rec, &row);
   EXPECT_EQ(row.seq, rec.seq);
   EXPECT_EQ(row.type, 1u);
-  EXPECT_STREQ(row.dir, "cam/front");       // directory and name change places
+  EXPECT_STREQ(row.dir, "cam/front");  // directory and name change places
   EXPECT_STREQ(row.filename, "clip.avi");
-  EXPECT_EQ(row.result, 0);                 // the row never carries an outcome
+  EXPECT_EQ(row.result, 0);  // the row never carries an outcome
   EXPECT_EQ(row.valid, 1);
   EXPECT_EQ(row.trans, 0);
 
@@ -61,10 +61,10 @@ TEST(RecordsTest, RoundTripThroughRowKeepsFieldsAndClearsCounters) {
 TEST(RecordsTest, RowEdgeCasesAreCutToTheRecord) {
   __ftp_log row;
   memset(&row, 0, sizeof(row));
-  row.type = 0x1FE;                       // above 255: the record keeps the low 8 bits
+  row.type = 0x1FE;                                 // above 255: the record keeps the low 8 bits
   memset(row.fullpath, 'a', sizeof(row.fullpath));  // 128 characters, no terminator
   memset(row.dir, 'd', sizeof(row.dir));
-  row.result = 3;                          // bytes 264..267 are copied as they are
+  row.result = 3;  // bytes 264..267 are copied as they are
   ftpFileInfo_t rec;
   RecordFromRow(row, &rec);
   EXPECT_EQ(rec.type, 0xFE);

@@ -23,7 +23,9 @@ class RecordingTargets : public IRequestTargets {
                        std::to_string(port) + "|" + path);
   }
   void RemoteCommand(const char* path) override { commands.push_back(path); }
-  size_t Calls() const { return tasks.size() + transfers.size() + connects.size() + commands.size(); }
+  size_t Calls() const {
+    return tasks.size() + transfers.size() + connects.size() + commands.size();
+  }
 
   std::vector<ftpFileInfo_t> tasks;
   std::vector<std::vector<int>> transfers;
@@ -105,14 +107,24 @@ TEST(RequestCodecTest, TransferAndServerRequestsRoundTrip) {
   // declared is not 0) written over it; keep bytes decoded, as "ctr|seq" or "user|...|path".
   const uint32_t kT = kCodeTransfer, kS = kCodeServerUpdate;
   const std::string full = "u|p|maint.example|2100|/m";
-  const struct { bool server; uint32_t code; size_t keep; uint32_t declared; bool ok;
-                 std::string decoded; } cases[] = {
-      {false, kT, 12, 0, true, "3|48879"}, {false, kT, 40, 0, true, "3|48879"},
-      {false, kT, 11, 0, true, "3|239"}, {false, kT, 1, 0, false, "0|0"},
-      {false, kS, 12, 0, false, "0|0"}, {true, kS, 234, 0, true, full},
-      {true, kS, 300, 300, true, full},  // only the 226 bytes of the block count
-      {true, kS, 234, 10, true, "||maint.ex|2100|"}, {true, kS, 18, 0, true, "||maint.ex|2100|"},
-      {true, kS, 1, 0, false, "|||0|"}, {true, kT, 234, 0, false, "|||0|"}};
+  const struct {
+    bool server;
+    uint32_t code;
+    size_t keep;
+    uint32_t declared;
+    bool ok;
+    std::string decoded;
+  } cases[] = {{false, kT, 12, 0, true, "3|48879"},
+               {false, kT, 40, 0, true, "3|48879"},
+               {false, kT, 11, 0, true, "3|239"},
+               {false, kT, 1, 0, false, "0|0"},
+               {false, kS, 12, 0, false, "0|0"},
+               {true, kS, 234, 0, true, full},
+               {true, kS, 300, 300, true, full},  // only the 226 bytes of the block count
+               {true, kS, 234, 10, true, "||maint.ex|2100|"},
+               {true, kS, 18, 0, true, "||maint.ex|2100|"},
+               {true, kS, 1, 0, false, "|||0|"},
+               {true, kT, 234, 0, false, "|||0|"}};
   for (const auto& c : cases) {
     std::vector<uint8_t> m(400, 0x41);
     c.server ? EncodeServerRequest(server, m.data()) : EncodeTransferRequest({3, 0xBEEF}, m.data());

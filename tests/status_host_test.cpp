@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-
 #include <sys/stat.h>
 #include <sys/time.h>
 
@@ -55,8 +54,8 @@ TEST_F(HostStatusTest, RecordsComeFromTheProfile) {
   uint8_t disks[100];
   ASSERT_EQ(GetStatus(STATUS_DISK, disks), 0);
   EXPECT_EQ(LoadLE32(disks), 3u);
-  EXPECT_EQ(LoadLE32(disks + 4), 1u);        // id
-  EXPECT_EQ(LoadLE32(disks + 12), 1u);       // present
+  EXPECT_EQ(LoadLE32(disks + 4), 1u);   // id
+  EXPECT_EQ(LoadLE32(disks + 12), 1u);  // present
   EXPECT_EQ(LoadLE32(disks + 16), 6u);
   EXPECT_EQ(LoadLE32(disks + 24), 0u);
 

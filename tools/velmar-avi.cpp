@@ -10,9 +10,10 @@
 
 int main(int argc, char** argv) {
   if (argc == 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
-    printf("usage: velmar-avi NAME OUTPUT\n"
-           "  NAME    /<channel %%04d>_<file %%08x>_<partition>_<start>_<end>_<type>_<size>.avi\n"
-           "  OUTPUT  file to write the AVI to\n");
+    printf(
+        "usage: velmar-avi NAME OUTPUT\n"
+        "  NAME    /<channel %%04d>_<file %%08x>_<partition>_<start>_<end>_<type>_<size>.avi\n"
+        "  OUTPUT  file to write the AVI to\n");
     return 0;
   }
   if (argc != 3) {

@@ -81,8 +81,10 @@ int ParseArgs(int argc, char** argv, Options* o) {
       } else if (a == "--audio") {
         o->audio = v;
       } else if (a == "--audio-codec") {
-        o->audioCodec = strcmp(v, "pcm") == 0 ? 0 : strcmp(v, "g711a") == 0 ? 1
-                      : strcmp(v, "g711u") == 0 ? 2 : -1;
+        o->audioCodec = strcmp(v, "pcm") == 0     ? 0
+                        : strcmp(v, "g711a") == 0 ? 1
+                        : strcmp(v, "g711u") == 0 ? 2
+                                                  : -1;
         ok = o->audioCodec >= 0;
       } else if (a == "--info-every") {
         ok = ParseLong(v, 1, 86400, &o->infoEvery);
@@ -220,8 +222,8 @@ int main(int argc, char** argv) {
     uint64_t t = t0 + k * pieceUs;
     if (t >= t0 + spanUs) break;
     size_t len = audio.size() - k * piece < piece ? audio.size() - k * piece : piece;
-    other.push_back({t, 3, std::vector<uint8_t>(audio.begin() + k * piece,
-                                                audio.begin() + k * piece + len)});
+    other.push_back(
+        {t, 3, std::vector<uint8_t>(audio.begin() + k * piece, audio.begin() + k * piece + len)});
   }
   size_t audioFrames = other.size();
   if (o.infoEvery > 0) {

@@ -15,10 +15,10 @@
 
 #include "core/ftp_upload_interface.h"
 #include "core/request_codec.h"
-#include "platform/thread.h"
 #include "platform/byteorder.h"
 #include "platform/evbus.h"
 #include "platform/text.h"
+#include "platform/thread.h"
 #include "upload/ftp_records.h"
 #include "upload/task_status.h"
 
@@ -120,7 +120,8 @@ UserDefServerSet_t ParseServerUrl(const char* url) {
   std::string hostport = at == std::string::npos ? authority : authority.substr(at + 1);
   size_t colon = userinfo.find(':');
   std::string user = PercentDecode(userinfo.substr(0, colon));
-  std::string password = colon == std::string::npos ? "" : PercentDecode(userinfo.substr(colon + 1));
+  std::string password =
+      colon == std::string::npos ? "" : PercentDecode(userinfo.substr(colon + 1));
   std::string host;
   std::string port = "21";
   if (!hostport.empty() && hostport[0] == '[') {
@@ -206,9 +207,18 @@ int Upload(int argc, char** argv) {
   while ((c = getopt_long(argc, argv, "", opts, nullptr)) != -1) {
     unsigned long long v = 0;
     switch (c) {
-      case 'f': file = optarg; task.type = 0; break;
-      case 'r': file = optarg; task.type = 1; break;
-      case 's': task.server = ParseServerUrl(optarg); haveServer = true; break;
+      case 'f':
+        file = optarg;
+        task.type = 0;
+        break;
+      case 'r':
+        file = optarg;
+        task.type = 1;
+        break;
+      case 's':
+        task.server = ParseServerUrl(optarg);
+        haveServer = true;
+        break;
       case 'q':
         if (!ParseUnsigned(optarg, 0xFFFFFFFFull, &v)) {
           Fail("--seq takes a decimal number 0..4294967295: %s", optarg);
@@ -216,15 +226,26 @@ int Upload(int argc, char** argv) {
         task.seq = static_cast<uint32_t>(v);
         haveSeq = true;
         break;
-      case 'd': PutText(task.fileDir, sizeof(task.fileDir), optarg, "--dir"); break;
-      case 'n': name = optarg; break;
-      case 'N': task.net = ParseNet(optarg); break;
-      case 'D': task.delAfterUpload = 1; break;
+      case 'd':
+        PutText(task.fileDir, sizeof(task.fileDir), optarg, "--dir");
+        break;
+      case 'n':
+        name = optarg;
+        break;
+      case 'N':
+        task.net = ParseNet(optarg);
+        break;
+      case 'D':
+        task.delAfterUpload = 1;
+        break;
       case 't':
-        if (strcmp(optarg, "on") != 0 && strcmp(optarg, "off") != 0) Fail("--trans takes on or off");
+        if (strcmp(optarg, "on") != 0 && strcmp(optarg, "off") != 0)
+          Fail("--trans takes on or off");
         task.trans = strcmp(optarg, "on") == 0 ? 1 : 0;
         break;
-      default: fputs(kUploadUsage, stderr); return 2;
+      default:
+        fputs(kUploadUsage, stderr);
+        return 2;
     }
   }
   if (optind != argc) Fail("unexpected argument %s", argv[optind]);
@@ -250,10 +271,14 @@ int Trans(int argc, char** argv) {
   if (WantsHelp(argc, argv)) return fputs(kTransUsage, stdout), 0;
   if (argc < 2) return fputs(kTransUsage, stderr), 2;
   uint8_t ctr;
-  if (strcmp(argv[1], "off") == 0) ctr = 0;
-  else if (strcmp(argv[1], "on") == 0) ctr = 1;
-  else if (strcmp(argv[1], "delete") == 0) ctr = 2;
-  else Fail("trans takes on, off or delete, not %s", argv[1]);
+  if (strcmp(argv[1], "off") == 0)
+    ctr = 0;
+  else if (strcmp(argv[1], "on") == 0)
+    ctr = 1;
+  else if (strcmp(argv[1], "delete") == 0)
+    ctr = 2;
+  else
+    Fail("trans takes on, off or delete, not %s", argv[1]);
   static option opts[] = {{"seq", 1, nullptr, 'q'}, {nullptr, 0, nullptr, 0}};
   optind = 2;
   unsigned long long seq = 0;
@@ -338,8 +363,8 @@ int PrintEvent(int, sockaddr_un*, unsigned*, char* msg, int len, void*) {
 
 int Watch(int argc, char** argv) {
   if (WantsHelp(argc, argv)) return fputs(kWatchUsage, stdout), 0;
-  static option opts[] = {{"count", 1, nullptr, 'c'}, {"seconds", 1, nullptr, 's'},
-                          {nullptr, 0, nullptr, 0}};
+  static option opts[] = {
+      {"count", 1, nullptr, 'c'}, {"seconds", 1, nullptr, 's'}, {nullptr, 0, nullptr, 0}};
   unsigned long long count = 0, seconds = 0;
   int c;
   while ((c = getopt_long(argc, argv, "", opts, nullptr)) != -1) {
@@ -347,7 +372,8 @@ int Watch(int argc, char** argv) {
     if (target == nullptr) return fputs(kWatchUsage, stderr), 2;
     if (!ParseUnsigned(optarg, 1u << 30, target)) {
       Fail(c == 'c' ? "--count takes a decimal number 0..1073741824: %s"
-                    : "--seconds takes a decimal number 0..1073741824: %s", optarg);
+                    : "--seconds takes a decimal number 0..1073741824: %s",
+           optarg);
     }
   }
   if (optind != argc) Fail("unexpected argument %s", argv[optind]);

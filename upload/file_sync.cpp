@@ -40,8 +40,7 @@ class SendPriority {
     errno = 0;
     if (nice(-20) == -1 && errno != 0) {
       if (!g_niceRefusalLogged.exchange(true)) {
-        WriteDbgLog(2, "nice(-20) refused (%s): uploads run at normal priority\n",
-                    strerror(errno));
+        WriteDbgLog(2, "nice(-20) refused (%s): uploads run at normal priority\n", strerror(errno));
       }
       return;
     }
@@ -166,8 +165,8 @@ void CFtpUploadFileMng::RunPass(ftpFileInfo_t* previous) {
         bool complete = serverSize >= localSize ||
                         (task.type == 1 && SnapshotTask().sendTimes != 0 &&
                          int64_t{localSize} <= int64_t{serverSize} + kRecordingTolerance);
-        WriteDbgLog(0, "seq:%d file:%s size[%d,%d] %s\n", static_cast<int>(task.seq),
-                    task.fullName, serverSize, localSize, complete ? "finish!" : "...");
+        WriteDbgLog(0, "seq:%d file:%s size[%d,%d] %s\n", static_cast<int>(task.seq), task.fullName,
+                    serverSize, localSize, complete ? "finish!" : "...");
         if (complete) {
           StoreControlByte(&m_stTask.result, 1);
         } else {

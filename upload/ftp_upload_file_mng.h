@@ -70,9 +70,9 @@ class CFtpUploadFileMng {
   ITaskControl* m_pTaskControl = nullptr;
 
   uint8_t m_bStarted = 0;
-  std::atomic<int16_t> m_nBusy{0};        // 1 while the thread works a pass
-  std::atomic<int16_t> m_nTransState{0};  // 0 idle/new, 1 sending, 2 send ended
-  CFtpClient* m_pFtpClient = nullptr;     // owned by the upload thread
+  std::atomic<int16_t> m_nBusy{0};                  // 1 while the thread works a pass
+  std::atomic<int16_t> m_nTransState{0};            // 0 idle/new, 1 sending, 2 send ended
+  CFtpClient* m_pFtpClient = nullptr;               // owned by the upload thread
   ftpFileInfo_t m_stTask GUARDED_BY(m_taskLock){};  // see the sharing rules above
   CommonCthread m_thread;
   mutable CLock m_taskLock;

@@ -20,24 +20,24 @@ class CXFile {
   // type 0 plain, 1 recording (read through env's recorder status and frame store); any
   // other: every operation fails. env must outlive the source.
   CXFile(int type, Env* env);
-  ~CXFile();                 // releases a recording's stream; a plain file needs Xclose
+  ~CXFile();  // releases a recording's stream; a plain file needs Xclose
   CXFile(const CXFile&) = delete;
   CXFile& operator=(const CXFile&) = delete;
 
-  int Xexist(const char* path);             // 1 when the file (recording) can be found
+  int Xexist(const char* path);                   // 1 when the file (recording) can be found
   int Xopen(const char* path, const char* mode);  // 0 or -1
-  int32_t Xsize();                          // size of the open source, -1
-  int32_t XsizeByPath(const char* path);    // size without opening; 0 on failure
+  int32_t Xsize();                                // size of the open source, -1
+  int32_t XsizeByPath(const char* path);          // size without opening; 0 on failure
   int32_t Xread(void* buf, int size, int count);
-  int Xseek(long offset, int whence);       // recordings: absolute offset
+  int Xseek(long offset, int whence);  // recordings: absolute offset
   int Xclose();
   int32_t Xwrite(const void* buf, int size, int count);
-  const char* XgetPath();                   // the open path, or null
+  const char* XgetPath();  // the open path, or null
 
   Env* const m_env;
   int32_t m_nType;
-  void* m_pHandle;           // FILE* or AviFileInfo_t*
-  CReadAvi* m_pAviReader;    // owned; recordings only
+  void* m_pHandle;         // FILE* or AviFileInfo_t*
+  CReadAvi* m_pAviReader;  // owned; recordings only
   char m_szPath[128];
 
  private:

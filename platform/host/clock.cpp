@@ -55,7 +55,8 @@ bool LocalSeconds(const struct tm& fields, int64_t* out) {
   time_t now = time(nullptr);
   struct tm local;
   if (localtime_r(&now, &local) == nullptr) return false;
-  int64_t days = DaysFromCivil(int64_t{fields.tm_year} + 1900, int64_t{fields.tm_mon} + 1, fields.tm_mday);
+  int64_t days =
+      DaysFromCivil(int64_t{fields.tm_year} + 1900, int64_t{fields.tm_mon} + 1, fields.tm_mday);
   *out = days * 86400 + int64_t{fields.tm_hour} * 3600 + int64_t{fields.tm_min} * 60 +
          fields.tm_sec - local.tm_gmtoff;
   return true;

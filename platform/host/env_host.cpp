@@ -1,8 +1,7 @@
 // The host environment: each role calls the host implementation of its platform header.
-#include "platform/env.h"
-
 #include "platform/clock.h"
 #include "platform/config.h"
+#include "platform/env.h"
 #include "platform/file2ftpdb.h"
 #include "platform/fileutil.h"
 #include "platform/ftpclient.h"

@@ -72,8 +72,8 @@ void* ListenLoop(void* p) {
     if (r <= 0) continue;
     sockaddr_un from;
     socklen_t fromLen = sizeof(from);
-    ssize_t n = recvfrom(l->fd, buf, kRecvBufferSize, MSG_TRUNC,
-                         reinterpret_cast<sockaddr*>(&from), &fromLen);
+    ssize_t n = recvfrom(l->fd, buf, kRecvBufferSize, MSG_TRUNC, reinterpret_cast<sockaddr*>(&from),
+                         &fromLen);
     if (n < 0) continue;
     if (static_cast<size_t>(n) > kRecvBufferSize) {
       WriteDbgLog(0, "evbus: dropped a datagram of %zd bytes on %s\n", n, l->path.c_str());
@@ -137,7 +137,6 @@ class HostPublisher {
 HostPublisher g_hostPublisher;
 
 }  // namespace
-
 
 int RegisterEventReciever(const char* name, int64_t mask) {
   if (name == nullptr || name[0] != '/' || strchr(name, '\n') != nullptr) return -1;

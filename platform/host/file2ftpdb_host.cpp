@@ -17,8 +17,8 @@
 
 #include "platform/file2ftpdb.h"
 #include "platform/log.h"
-#include "platform/thread.h"
 #include "platform/text.h"
+#include "platform/thread.h"
 
 namespace {
 
@@ -221,9 +221,7 @@ int CFile2FtpDbMng::Insert(__ftp_log* row) {
   return InsertMore(one);
 }
 
-int CFile2FtpDbMng::InsertMore(std::list<__ftp_log>& rows) {
-  return Rewrite(nullptr, rows);
-}
+int CFile2FtpDbMng::InsertMore(std::list<__ftp_log>& rows) { return Rewrite(nullptr, rows); }
 
 int CFile2FtpDbMng::ReplaceBySeqAndType(int seq, unsigned char type, std::list<__ftp_log>& rows) {
   const std::pair<int, unsigned char> key{seq, type};
@@ -237,23 +235,24 @@ int CFile2FtpDbMng::Rewrite(const std::pair<int, unsigned char>* key, std::list<
   sqlite3* db = m_pImpl->db;
   if (db == nullptr) return -1;
   const std::string path = m_pImpl->path;  // a copy: DropTable clears the original
-  std::string sql = std::string("INSERT INTO ftp_log (") + kColumns +
-                    ") VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
+  std::string sql =
+      std::string("INSERT INTO ftp_log (") + kColumns + ") VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
   if (sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK) {
     LogDbError(db, "begin", path);
     if (MediumFailed(db)) DropTable();
     return -1;
   }
-  bool ok = key == nullptr ||
-            Exec(db, "DELETE FROM ftp_log WHERE seq = ? AND type = ?",
-                 [&](sqlite3_stmt* st) {
-                   sqlite3_bind_int64(st, 1, static_cast<uint32_t>(key->first));
-                   sqlite3_bind_int(st, 2, key->second);
-                 },
-                 nullptr, path);
+  bool ok = key == nullptr || Exec(
+                                  db, "DELETE FROM ftp_log WHERE seq = ? AND type = ?",
+                                  [&](sqlite3_stmt* st) {
+                                    sqlite3_bind_int64(st, 1, static_cast<uint32_t>(key->first));
+                                    sqlite3_bind_int(st, 2, key->second);
+                                  },
+                                  nullptr, path);
   for (auto it = rows.begin(); ok && it != rows.end(); ++it) {
     const __ftp_log& row = *it;
-    ok = Exec(db, sql.c_str(), [&](sqlite3_stmt* st) { BindRow(st, row); }, nullptr, path);
+    ok = Exec(
+        db, sql.c_str(), [&](sqlite3_stmt* st) { BindRow(st, row); }, nullptr, path);
   }
   if (ok && sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) {
     LogDbError(db, "commit", path);
@@ -280,13 +279,14 @@ int CFile2FtpDbMng::SearchAll(std::list<__ftp_log>& rows) {
   CAutoLock guard(&m_pImpl->mutex);
   if (m_pImpl->db == nullptr) return -1;
   std::string sql = std::string("SELECT ") + kColumns + " FROM ftp_log ORDER BY id";
-  bool ok = Exec(m_pImpl->db, sql.c_str(), nullptr,
-                 [&](sqlite3_stmt* st) {
-                   __ftp_log row;
-                   ReadRow(st, &row);
-                   rows.push_back(row);
-                 },
-                 m_pImpl->path);
+  bool ok = Exec(
+      m_pImpl->db, sql.c_str(), nullptr,
+      [&](sqlite3_stmt* st) {
+        __ftp_log row;
+        ReadRow(st, &row);
+        rows.push_back(row);
+      },
+      m_pImpl->path);
   if (!ok && MediumFailed(m_pImpl->db)) DropTable();
   return ok ? 0 : -1;
 }
@@ -296,29 +296,31 @@ int CFile2FtpDbMng::SearchBySeqAndType(int seq, unsigned char type, std::list<__
   if (m_pImpl->db == nullptr) return -1;
   std::string sql =
       std::string("SELECT ") + kColumns + " FROM ftp_log WHERE seq = ? AND type = ? ORDER BY id";
-  bool ok = Exec(m_pImpl->db, sql.c_str(),
-                 [&](sqlite3_stmt* st) {
-                   sqlite3_bind_int64(st, 1, static_cast<uint32_t>(seq));
-                   sqlite3_bind_int(st, 2, type);
-                 },
-                 [&](sqlite3_stmt* st) {
-                   __ftp_log row;
-                   ReadRow(st, &row);
-                   rows.push_back(row);
-                 },
-                 m_pImpl->path);
+  bool ok = Exec(
+      m_pImpl->db, sql.c_str(),
+      [&](sqlite3_stmt* st) {
+        sqlite3_bind_int64(st, 1, static_cast<uint32_t>(seq));
+        sqlite3_bind_int(st, 2, type);
+      },
+      [&](sqlite3_stmt* st) {
+        __ftp_log row;
+        ReadRow(st, &row);
+        rows.push_back(row);
+      },
+      m_pImpl->path);
   return ok ? static_cast<int>(rows.size()) : -1;
 }
 
 int CFile2FtpDbMng::DeleteBySeqAndType(int seq, unsigned char type) {
   CAutoLock guard(&m_pImpl->mutex);
   if (m_pImpl->db == nullptr) return -1;
-  bool ok = Exec(m_pImpl->db, "DELETE FROM ftp_log WHERE seq = ? AND type = ?",
-                 [&](sqlite3_stmt* st) {
-                   sqlite3_bind_int64(st, 1, static_cast<uint32_t>(seq));
-                   sqlite3_bind_int(st, 2, type);
-                 },
-                 nullptr, m_pImpl->path);
+  bool ok = Exec(
+      m_pImpl->db, "DELETE FROM ftp_log WHERE seq = ? AND type = ?",
+      [&](sqlite3_stmt* st) {
+        sqlite3_bind_int64(st, 1, static_cast<uint32_t>(seq));
+        sqlite3_bind_int(st, 2, type);
+      },
+      nullptr, m_pImpl->path);
   return ok ? 0 : -1;
 }
 
@@ -329,12 +331,13 @@ int CFile2FtpDbMng::SearchBySeqAndType(const char* mountDir, int seq, unsigned c
   sqlite3* db = OpenDb(path, false);
   if (db == nullptr) return 0;
   int count = 0;
-  Exec(db, "SELECT COUNT(*) FROM ftp_log WHERE seq = ? AND type = ?",
-       [&](sqlite3_stmt* st) {
-         sqlite3_bind_int64(st, 1, static_cast<uint32_t>(seq));
-         sqlite3_bind_int(st, 2, type);
-       },
-       [&](sqlite3_stmt* st) { count = sqlite3_column_int(st, 0); }, path);
+  Exec(
+      db, "SELECT COUNT(*) FROM ftp_log WHERE seq = ? AND type = ?",
+      [&](sqlite3_stmt* st) {
+        sqlite3_bind_int64(st, 1, static_cast<uint32_t>(seq));
+        sqlite3_bind_int(st, 2, type);
+      },
+      [&](sqlite3_stmt* st) { count = sqlite3_column_int(st, 0); }, path);
   sqlite3_close(db);
   return count;
 }
@@ -345,9 +348,10 @@ int CFile2FtpDbMng::SearchDelete(const char* mountDir, const char* fullPath) {
   std::string path = DbPath(mountDir);
   sqlite3* db = OpenDb(path, false);
   if (db == nullptr) return -1;
-  bool ok = Exec(db, "DELETE FROM ftp_log WHERE fullpath = ?",
-                 [&](sqlite3_stmt* st) { sqlite3_bind_text(st, 1, fullPath, -1, SQLITE_TRANSIENT); },
-                 nullptr, path);
+  bool ok = Exec(
+      db, "DELETE FROM ftp_log WHERE fullpath = ?",
+      [&](sqlite3_stmt* st) { sqlite3_bind_text(st, 1, fullPath, -1, SQLITE_TRANSIENT); }, nullptr,
+      path);
   sqlite3_close(db);
   return ok ? 0 : -1;
 }

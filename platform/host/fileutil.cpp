@@ -126,9 +126,7 @@ int HostSystemDump(const char* command, int seconds) {
 
 class HostShellRunner {
  public:
-  int RunLimited(const char* command, int seconds) {
-    return HostSystemDump(command, seconds);
-  }
+  int RunLimited(const char* command, int seconds) { return HostSystemDump(command, seconds); }
   // Like system(3), but the command starts with SIGPIPE at its default: the service ignores
   // it, and a pipeline in a user command must end the way it would from a terminal.
   int RunUnlimited(const char* command) {
@@ -157,7 +155,6 @@ class HostShellRunner {
 HostShellRunner g_hostRunner;
 
 }  // namespace
-
 
 int systemdump(const char* command, int seconds) {
   return g_hostRunner.RunLimited(command, seconds);

@@ -66,8 +66,8 @@ void WriteDbgLog(int level, const char* fmt, ...) {
                      tmv.tm_year + 1900, tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour, tmv.tm_min,
                      tmv.tm_sec, ts.tv_nsec / 1000000, level, text);
   if (len < 0) return;
-  size_t size = static_cast<size_t>(len) < sizeof(line) ? static_cast<size_t>(len)
-                                                        : sizeof(line) - 1;
+  size_t size =
+      static_cast<size_t>(len) < sizeof(line) ? static_cast<size_t>(len) : sizeof(line) - 1;
   if (size == 0 || line[size - 1] != '\n') {
     if (size == sizeof(line) - 1) --size;
     line[size++] = '\n';

@@ -135,8 +135,7 @@ class HostStatusService {
         StoreLE32(b + 128, static_cast<uint32_t>(m_profile.recorderStatus));
         return 0;
       case STATUS_MCU_VERSION:
-        CopyText(reinterpret_cast<char*>(b), kStatusMcuVersionSize,
-                 m_profile.mcuVersion.c_str());
+        CopyText(reinterpret_cast<char*>(b), kStatusMcuVersionSize, m_profile.mcuVersion.c_str());
         return 0;
       case STATUS_DEVICE:
         StoreLE32(b, static_cast<uint32_t>(m_profile.deviceType));
@@ -209,8 +208,7 @@ class HostStatusService {
       return false;
     }
     bool same = m_valid && path == m_path && st.st_mtim.tv_sec == m_mtime.tv_sec &&
-                st.st_mtim.tv_nsec == m_mtime.tv_nsec && st.st_size == m_size &&
-                st.st_ino == m_ino;
+                st.st_mtim.tv_nsec == m_mtime.tv_nsec && st.st_size == m_size && st.st_ino == m_ino;
     if (same) return true;
     Profile fresh;
     std::string why;
@@ -300,18 +298,24 @@ HostStatusService g_hostStatus;
 
 }  // namespace
 
-
 size_t StatusRecordSize(STATUS_E which) {
   switch (which) {
-    case STATUS_RECORDER: return kStatusRecorderSize;
-    case STATUS_MCU_VERSION: return kStatusMcuVersionSize;
-    case STATUS_DEVICE: return kStatusDeviceSize;
-    case STATUS_NETWORK: return kStatusNetworkSize;
-    case STATUS_DISK: return kStatusDiskSize;
+    case STATUS_RECORDER:
+      return kStatusRecorderSize;
+    case STATUS_MCU_VERSION:
+      return kStatusMcuVersionSize;
+    case STATUS_DEVICE:
+      return kStatusDeviceSize;
+    case STATUS_NETWORK:
+      return kStatusNetworkSize;
+    case STATUS_DISK:
+      return kStatusDiskSize;
     case STATUS_PART_LIST_A:
     case STATUS_PART_LIST_B:
-    case STATUS_PART_LIST_C: return sizeof(PartStatus_t);
-    default: return 0;
+    case STATUS_PART_LIST_C:
+      return sizeof(PartStatus_t);
+    default:
+      return 0;
   }
 }
 

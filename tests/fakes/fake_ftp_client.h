@@ -14,16 +14,16 @@ class FakeFtpClient : public CFtpClient {
   struct Script {
     std::mutex mutex;
     std::vector<FtpDirEntry_t> listing;
-    int startFailures = 0;     // FtpStart fails this many times
-    int listResult = 0;        // FtpGetServerDirFile's result when negative
-    bool dataFails = false;    // FtpCreateDateSockFd fails
-    int writeFailAfter = -1;   // FtpWriteDate fails once this many bytes were written
+    int startFailures = 0;                // FtpStart fails this many times
+    int listResult = 0;                   // FtpGetServerDirFile's result when negative
+    bool dataFails = false;               // FtpCreateDateSockFd fails
+    int writeFailAfter = -1;              // FtpWriteDate fails once this many bytes were written
     std::function<void(size_t)> onWrite;  // called after each write with the total so far
     // Observed:
     int starts = 0;
     int closes = 0;
-    std::vector<int> modes;     // modes of the data connections
-    std::string written;        // bytes written, all sends together
+    std::vector<int> modes;  // modes of the data connections
+    std::string written;     // bytes written, all sends together
     UserDefServerSet_t server{};
     std::string dir, name;
   };
@@ -35,6 +35,7 @@ class FakeFtpClient : public CFtpClient {
     Installer();
     ~Installer();
     Script& s() { return m_script; }
+
    private:
     Script m_script;
   };

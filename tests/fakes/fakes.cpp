@@ -140,8 +140,8 @@ std::vector<LogCapture::UserRecord> LogCapture::UserRecords() const {
   while (at + 12 <= data.size()) {
     uint32_t len = LoadLE32(b + at + 8);
     if (at + 12 + len > data.size()) break;
-    out.push_back({static_cast<int>(LoadLE32(b + at)), LoadLE32(b + at + 4),
-                   data.substr(at + 12, len)});
+    out.push_back(
+        {static_cast<int>(LoadLE32(b + at)), LoadLE32(b + at + 4), data.substr(at + 12, len)});
     at += 12 + len;
   }
   return out;
@@ -168,10 +168,18 @@ int FakeStatus::GetStatus(STATUS_E which, void* buf) {
   uint8_t* b = static_cast<uint8_t*>(buf);
   auto put32 = [](uint8_t* p, int32_t v) { memcpy(p, &v, 4); };
   switch (which) {
-    case STATUS_RECORDER: put32(b + 128, recorderStatus); return 0;
-    case STATUS_MCU_VERSION: CopyText(reinterpret_cast<char*>(b), 64, mcuVersion.c_str()); return 0;
-    case STATUS_DEVICE: put32(b, deviceType); return 0;
-    case STATUS_NETWORK: put32(b, networkLink); return 0;
+    case STATUS_RECORDER:
+      put32(b + 128, recorderStatus);
+      return 0;
+    case STATUS_MCU_VERSION:
+      CopyText(reinterpret_cast<char*>(b), 64, mcuVersion.c_str());
+      return 0;
+    case STATUS_DEVICE:
+      put32(b, deviceType);
+      return 0;
+    case STATUS_NETWORK:
+      put32(b, networkLink);
+      return 0;
     case STATUS_DISK: {
       int n = 0;
       for (const Disk& d : disks) {
@@ -192,7 +200,8 @@ int FakeStatus::GetStatus(STATUS_E which, void* buf) {
       }
       return 0;
     }
-    default: return -1;
+    default:
+      return -1;
   }
 }
 
@@ -304,9 +313,7 @@ int FakeShell::Count(const std::string& part) const {
 int FaultyDb::OpenTable(const char* mountDir) {
   return corrupt ? -1 : CFile2FtpDbMng::OpenTable(mountDir);
 }
-int FaultyDb::Insert(__ftp_log* row) {
-  return full || corrupt ? -1 : CFile2FtpDbMng::Insert(row);
-}
+int FaultyDb::Insert(__ftp_log* row) { return full || corrupt ? -1 : CFile2FtpDbMng::Insert(row); }
 int FaultyDb::InsertMore(std::list<__ftp_log>& rows) {
   return full || corrupt ? -1 : CFile2FtpDbMng::InsertMore(rows);
 }

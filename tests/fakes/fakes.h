@@ -91,10 +91,10 @@ class FakeStatus {
   int GetDiskForCommUsage(LOG_STATUS_E usage, PartStatus_t* list);
   int CheckDog();
 
-  std::mutex mutex;  // guards everything below
-  std::vector<Disk> disks;                           // status 21
-  std::map<int, std::vector<PartEntry_t>> mounts;    // usage code -> entries
-  std::map<int, std::vector<PartEntry_t>> partLists; // status 15/16/17 -> entries
+  std::mutex mutex;                                   // guards everything below
+  std::vector<Disk> disks;                            // status 21
+  std::map<int, std::vector<PartEntry_t>> mounts;     // usage code -> entries
+  std::map<int, std::vector<PartEntry_t>> partLists;  // status 15/16/17 -> entries
   int recorderStatus = 1;
   int networkLink = 1;
   int deviceType = 0;

@@ -30,7 +30,7 @@ class PyFtpd {
       close(out[0]);
       close(out[1]);
       std::vector<std::string> args = {"/usr/bin/python3", ServerScript(), "--root", root,
-                                       "--lifetime", "120"};
+                                       "--lifetime",       "120"};
       args.insert(args.end(), extra.begin(), extra.end());
       std::vector<char*> argv;
       for (std::string& a : args) argv.push_back(&a[0]);
@@ -58,4 +58,3 @@ class PyFtpd {
   pid_t m_pid = -1;
   int m_port = 0;
 };
-

@@ -16,7 +16,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   status.partLists[16] = {FakeStatus::Entry(2, "/mnt/c")};
   FakeRecording rec;
   for (uint32_t i = 0; i < 30; ++i) {
-    rec.Add(1700000000ull * 1000000u + i * 40000ull, i % 7, (i * 97) % 600, static_cast<uint8_t>(i));
+    rec.Add(1700000000ull * 1000000u + i * 40000ull, i % 7, (i * 97) % 600,
+            static_cast<uint8_t>(i));
   }
   rec.AddInfo(1700000000ull * 1000000u + 5, 0);
   std::string name(reinterpret_cast<const char*>(data), size);

@@ -42,7 +42,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string name = Field(h, 0, 100);
     std::string prefix = memcmp(h + 257, "ustar\0", 6) == 0 ? Field(h, 345, 155) : "";
     char type = static_cast<char>(h[156]);
-    if ((!name.empty() && name[0] == '/') || (!prefix.empty() && prefix[0] == '/')) __builtin_trap();
+    if ((!name.empty() && name[0] == '/') || (!prefix.empty() && prefix[0] == '/'))
+      __builtin_trap();
     if (HasDotDot(name) || HasDotDot(prefix)) __builtin_trap();
     if (type != '0' && type != '\0' && type != '7' && type != '5') __builtin_trap();
     unsigned long long length = strtoull(Field(h, 124, 12).c_str(), nullptr, 8);

@@ -25,8 +25,9 @@ bool IsUsableFtpName(const char* name, size_t len);
 
 // Parses one listing line (without line terminator). True, with *out filled, when the line
 // describes a regular file; directories, links, totals and unreadable lines give false. LIST
-// lines need a size; an MLSD line without one gives size -1. kList accepts the Unix "ls -l" format (owner or group column may be missing) and the
-// Windows/DOS format ("01-31-24  10:15PM  1234 name"). The name is not checked here.
+// lines need a size; an MLSD line without one gives size -1. kList accepts the Unix "ls -l" format
+// (owner or group column may be missing) and the Windows/DOS format ("01-31-24  10:15PM  1234
+// name"). The name is not checked here.
 bool ParseFtpListLine(const char* line, size_t len, FtpListFormat fmt, FtpListItem* out);
 
 // Streams a listing into entries[0..capacity), in listing order. Only regular files with a

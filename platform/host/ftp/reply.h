@@ -35,8 +35,8 @@ class FtpReplyParser {
   Status EndLine();
   Status Fail(const char* why);
 
-  std::string m_line;    // current line, without its terminator
-  FtpReply m_reply;      // the reply being assembled
+  std::string m_line;  // current line, without its terminator
+  FtpReply m_reply;    // the reply being assembled
   bool m_inMulti = false;
   bool m_done = false;
   const char* m_error = nullptr;
