@@ -1,7 +1,6 @@
 #include "platform/evbus.h"
 
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
