@@ -2,99 +2,60 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
-#include <vector>
 
 #include "tests/fakes/fakes.h"
 
 namespace {
 
-class MainLoopTest : public ::testing::Test {
- protected:
-  MainLoopTest() {
-    env.clock = &clock;
-    env.status = &status;
-    env.bus = &bus;
-  }
-  CMainLoop MakeLoop() {
-    return CMainLoop(&env,
-                     CMainLoop::Targets{
-                         [this](uint32_t s) { calls.push_back("disk " + std::to_string(s)); },
-                         [this](uint32_t s) { calls.push_back("sched " + std::to_string(s)); },
-                     });
-  }
-  int DiskChecks() const {
-    int n = 0;
-    for (const std::string& c : calls) n += c.rfind("disk", 0) == 0 ? 1 : 0;
-    return n;
-  }
-
+TEST(MainLoopTest, StepsEveryFiveSecondsWithHeartbeatUnlessTheWatchdogExpired) {
+  TempRoot root;
+  LogCapture log;
   FakeClock clock;
   FakeStatus status;
   FakeBus bus;
   TestEnv env;
-  LogCapture log;
-  std::vector<std::string> calls;
-};
+  env.clock = &clock;
+  env.status = &status;
+  env.bus = &bus;
+  std::string trace;  // "d<seconds> " for a disk check, "s<seconds> " for a scheduling
+  auto note = [&trace](const char* what) {
+    return [&trace, what](uint32_t s) { trace += what + std::to_string(s) + " "; };
+  };
+  CMainLoop loop(&env, CMainLoop::Targets{note("d"), note("s")});
 
-TEST_F(MainLoopTest, FirstPassStepsAtOnceAndChecksDisksBeforeScheduling) {
-  clock.SetMs(12345);
-  CMainLoop loop = MakeLoop();
-  loop.Pass();
-  ASSERT_EQ(calls.size(), 2u);
-  EXPECT_EQ(calls[0], "disk 12");
-  EXPECT_EQ(calls[1], "sched 12");
-  EXPECT_EQ(bus.Events(EVENT_HEARTBEAT).size(), 1u);
-  EXPECT_EQ(clock.sleptUs(), 200000u);
-
-  // Passes within the next 5000 ms only schedule.
-  for (int i = 0; i < 24; ++i) loop.Pass();  // 24 x 200 ms = 4800 ms
-  EXPECT_EQ(DiskChecks(), 1);
-  EXPECT_EQ(calls.size(), 26u);
-  loop.Pass();  // 5000 ms after the first step
-  EXPECT_EQ(DiskChecks(), 2);
-  EXPECT_EQ(bus.Events(EVENT_HEARTBEAT).size(), 2u);
-}
-
-TEST_F(MainLoopTest, ClockBelowFiveSecondsWaitsForTheFirstStep) {
-  clock.SetMs(1000);
-  CMainLoop loop = MakeLoop();
-  loop.Pass();
-  EXPECT_EQ(DiskChecks(), 0);
-  EXPECT_TRUE(bus.Events().empty());
-}
-
-TEST_F(MainLoopTest, ClockSteppingBackTriggersAStepAndResetsTheBase) {
-  clock.SetMs(100000);
-  CMainLoop loop = MakeLoop();
-  loop.Pass();
-  clock.SetMs(94000);  // 6 s back
-  loop.Pass();
-  EXPECT_EQ(DiskChecks(), 2);
-  loop.Pass();  // measured from the new base: no step
-  EXPECT_EQ(DiskChecks(), 2);
-}
-
-TEST_F(MainLoopTest, ExpiredWatchdogWithholdsHeartbeatButDiskCheckGoesOn) {
-  status.dog = 1;
-  clock.SetMs(50000);
-  CMainLoop loop = MakeLoop();
-  for (int i = 0; i < 26; ++i) loop.Pass();  // two 5000 ms steps
-  EXPECT_EQ(DiskChecks(), 2);
-  EXPECT_TRUE(bus.Events(EVENT_HEARTBEAT).empty());
-  EXPECT_EQ(log.Count("FtpUpLoadMng Dog TimeOut\n"), 2);
-  auto records = log.UserRecords();
+  // Each pass sleeps 200 ms on the fake clock. Columns: clock set to (0: left as the passes
+  // moved it), passes, watchdog answer, then the disk checks and heartbeats so far.
+  const int64_t rows[][5] = {
+      {1000, 1, 0, 0, 0},   // less than 5000 ms after time zero: no step yet
+      {12345, 1, 0, 1, 1},  // the first step
+      {0, 24, 0, 1, 1},     // 4800 ms: passes only schedule
+      {0, 1, 0, 2, 2},      // 5000 ms after the first step
+      {11000, 1, 0, 3, 3},  // the clock stepped back 6.5 s: a step, and a new base
+      {0, 24, 0, 3, 3},
+      {0, 1, 1, 4, 3},  // watchdog expired: heartbeat withheld, disks still checked
+      {0, 25, 1, 5, 3},
+      {0, 25, -1, 6, 4},  // the watchdog service cannot answer: that is no time-out
+      {0, 25, 0, 7, 5},   // recovered
+  };
+  int64_t passes = 0;
+  for (const auto& r : rows) {
+    if (r[0] != 0) clock.SetMs(r[0]);
+    status.dog = static_cast<int>(r[2]);
+    for (int i = 0; i < r[1]; ++i) loop.Pass();
+    passes += r[1];
+    EXPECT_EQ(std::count(trace.begin(), trace.end(), 'd'), r[3]) << "after pass " << passes;
+    EXPECT_EQ(static_cast<int64_t>(bus.Events(EVENT_HEARTBEAT).size()), r[4]) << passes;
+  }
+  // Every pass schedules; a step checks the disks first. Time goes in whole seconds.
+  EXPECT_EQ(std::count(trace.begin(), trace.end(), 's'), passes);
+  EXPECT_EQ(trace.substr(0, 11), "s1 d12 s12 ");
+  auto records = log.UserRecords();  // one alarm for each withheld heartbeat
   ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(records[0].type, 2);
-  EXPECT_EQ(records[0].code, 3u);
-  EXPECT_EQ(records[0].data, "FtpUpLoad Dog TimeOut");
-
-  status.dog = 0;  // recovered: the heartbeat comes back at the next step
-  for (int i = 0; i < 25; ++i) loop.Pass();
-  EXPECT_EQ(bus.Events(EVENT_HEARTBEAT).size(), 1u);
-  status.dog = -1;  // the watchdog service cannot answer: that is no time-out
-  for (int i = 0; i < 25; ++i) loop.Pass();
-  EXPECT_EQ(bus.Events(EVENT_HEARTBEAT).size(), 2u);
+  EXPECT_EQ(std::to_string(records[1].type) + " " + std::to_string(records[1].code) + " " +
+                records[1].data,
+            "2 3 FtpUpLoad Dog TimeOut");
 }
 
 }  // namespace
