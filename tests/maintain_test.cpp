@@ -172,29 +172,6 @@ TEST_F(MaintainTest, LoaderCleansTheDisksThenFetchesAndMovesIntoPlace) {
                                   "mv /w/tmp_ftp_load.bin /w/config.tar @10"}));
 }
 
-TEST_F(MaintainTest, ConnectToReplacesAccountAndEmptiesLists) {
-  root.Write("/work/FileList.xml", "<old/>");
-  root.Write("/list.xml", "<L><FILE>a.sw</FILE></L>");
-  {
-    CAutoLock guard(&mng.m_lock);
-    strcpy(mng.m_pData->fileList.dir, P("/work").c_str());
-    mng.ParseFileList(P("/list.xml").c_str(), &mng.m_pData->fileList);
-    strcpy(mng.m_pData->upgradeSet.name, "old name");
-    mng.m_pData->state = 3;
-    mng.m_lastStepTime = 1234;
-  }
-  EXPECT_EQ(mng.HandleFileDownloadCmd(P("/list.xml").c_str()), 0);
-  EXPECT_EQ(std::string(mng.m_pData->onlineList.dir), P("/tmp"));
-  EXPECT_EQ(mng.FtpConnectTo("u2", "p2", "maint2.local", 2100, "/ignored"), 0);
-  EXPECT_EQ(mng.m_pData->fileList.count + mng.m_pData->onlineList.count, 0);
-  UpgradeSet_t a = mng.Account();
-  EXPECT_EQ(Lines({a.host, a.user, a.password, a.name}), Lines({"maint2.local", "u2", "p2", ""}));
-  EXPECT_EQ(a.port, 2100);
-  EXPECT_NE(access(P("/work/FileList.xml").c_str(), F_OK), 0);
-  EXPECT_EQ(mng.m_pData->state, 0);
-  EXPECT_EQ(mng.m_lastStepTime, 0);
-}
-
 // Command files by their marker: log commands (spans, types, scope, expiry), user commands.
 TEST_F(MaintainTest, CommandFilesActByTheirMarker) {
   root.Write("/mnt/sd1/debug/dbglog-20240101-120000.log", "log");
@@ -362,10 +339,25 @@ TEST_F(MaintainCycleTest, PeriodicCycleFollowsTheStateTableAndItsIntervals) {
   EXPECT_EQ(interval, 5);
 }
 
-TEST_F(MaintainCycleTest, ClockSetBackNewAccountAndAStaleFetch) {
-  clock.AdvanceMs(-3600 * 1000);  // counts as time passed
+// A new account empties the lists and restarts the cycle at once.
+TEST_F(MaintainCycleTest, NewAccountRestartsTheCycleAndDropsAStaleFetch) {
+  clock.AdvanceMs(-3600 * 1000);  // a clock set back counts as time passed
   EXPECT_EQ(Steps(1), std::vector<int>({1, 1}));
-  mng.FtpConnectTo("u", "p", "127.0.0.2", 2121, "/");
+  root.Write("/in/dl.xml", "<FileDownloadCmd>" + Entry("a.xml", 3, 1) + "</FileDownloadCmd>");
+  root.Write("/mnt/sd1/FileList.xml", "<old/>");
+  EXPECT_EQ(mng.HandleRemoteCmd(P("/in/dl.xml").c_str()), 0);
+  EXPECT_EQ(std::string(mng.m_pData->onlineList.dir), P("/tmp"));
+  {
+    CAutoLock guard(&mng.m_lock);
+    mng.ParseFileList(P("/in/dl.xml").c_str(), &mng.m_pData->fileList);
+    strcpy(mng.m_pData->upgradeSet.name, "old name");
+  }
+  EXPECT_EQ(mng.FtpConnectTo("u", "p", "127.0.0.2", 2121, "/ignored"), 0);
+  UpgradeSet_t a = mng.Account();
+  EXPECT_EQ(Lines({a.host, a.user, a.password, a.name, std::to_string(a.port)}),
+            Lines({"127.0.0.2", "u", "p", "", "2121"}));
+  EXPECT_EQ(mng.m_pData->fileList.count + mng.m_pData->onlineList.count, 0);
+  EXPECT_NE(access(P("/mnt/sd1/FileList.xml").c_str(), F_OK), 0);
   EXPECT_EQ(Steps(1), std::vector<int>({1, 1}));  // restarted at 0 and stepped at once
   // A fetch of the old account that ends after a switch does not move the new cycle on.
   shell.onCommand = [&](const std::string& c) {
@@ -403,20 +395,19 @@ TEST_F(MaintainCycleTest, OnlineListSettlesEntriesAndStartsOverWhenFinished) {
   EXPECT_EQ(shell.Count("true online"), 2);
 }
 
-TEST_F(MaintainTest, WorkDirIsTheFirstMaintenanceDiskOrTmpAfterTwoMinutes) {
+TEST_F(MaintainTest, WorkDirIsTmpWithoutAMaintenanceDiskAfterTwoMinutes) {
   status.mounts[DISK_USAGE_MAINTAIN].clear();
   mng.SelectWorkDir();
   EXPECT_STREQ(mng.m_pData->fileList.dir, P("/tmp").c_str());
   EXPECT_GT(clock.sleptUs(), 120u * 1000000);  // more than two minutes, but not much more
   EXPECT_LT(clock.sleptUs(), 123u * 1000000);
-  status.mounts[DISK_USAGE_MAINTAIN] = {FakeStatus::Entry(2, "/mnt/sd2"),
-                                        FakeStatus::Entry(1, "/mnt/sd1")};
-  mng.SelectWorkDir();
-  EXPECT_STREQ(mng.m_pData->fileList.dir, "/mnt/sd2");
 }
 
-// The thread reads the account from the configuration and steps on the fake clock.
+// The thread reads the account from the configuration, works on the first maintenance disk
+// and steps on the fake clock.
 TEST_F(MaintainTest, ThreadStartsWithTheConfiguredAccountAndStops) {
+  status.mounts[DISK_USAGE_MAINTAIN].insert(status.mounts[DISK_USAGE_MAINTAIN].begin(),
+                                            FakeStatus::Entry(2, P("/mnt/sd2")));
   root.Write("/etc/velmar/config/upgrade.xml",
              "<upgrade host=\"h.example\" port=\"2100\" user=\"u\" password=\"p\"/>");
   std::promise<std::string> fetched;
@@ -429,7 +420,7 @@ TEST_F(MaintainTest, ThreadStartsWithTheConfiguredAccountAndStops) {
   ASSERT_EQ(f.wait_for(std::chrono::seconds(60)), std::future_status::ready);
   EXPECT_EQ(mng.Stop(), 0);
   EXPECT_EQ(f.get(),
-            "ftpget -u u -p p -P 2100 h.example " + P("/mnt/sd1") + "/FileList.xml FileList.xml");
+            "ftpget -u u -p p -P 2100 h.example " + P("/mnt/sd2") + "/FileList.xml FileList.xml");
   EXPECT_EQ(mng.m_pData->pThread, nullptr);
 }
 
