@@ -237,9 +237,7 @@ TEST_F(MaintainTest, HostileConfigArchivesAreRefusedAndAGoodOneImported) {
       // archive, why refused
       {Tar({{"/config/x.xml", "0"}}), "absolute path"},
       {Tar({{"config/../../pwned", "0"}}), "\"..\""},
-      {Tar({{"config/..", "5"}}), "\"..\""},
       {Tar({{"config/jtbase.xml", "2", "/etc/passwd"}}), "link"},
-      {Tar({{"config", "2", "/etc"}, {"config/passwd", "0"}}), "link"},
       {Tar({{"config/x.xml", "1", "/etc/shadow"}}), "link"},
       {Tar({{"config/dev", "3"}}), "type '3'"},
       {Tar({{"notes.txt", "0"}}), "outside the config"},
