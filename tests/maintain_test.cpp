@@ -62,21 +62,20 @@ class MaintainTest : public ::testing::Test {
   // No shell command may run while the manager's lock is held: the request thread would wait
   // for the whole download.
   void TearDown() override { EXPECT_EQ(shell.LockedRuns(), 0); }
-  static std::string Entry(const std::string& name, int type, size_t size, int devtype = 3,
-                           const std::string& more = "") {
+  static std::string Entry(const std::string& name, int type, size_t size, int devtype = 3) {
     return "<FILE filetype=\"" + std::to_string(type) + "\" filesize=\"" + std::to_string(size) +
-           "\" devtype=\"" + std::to_string(devtype) + "\" expirydate=\"" + kFar + "\"" + more +
-           ">" + name + "</FILE>";
+           "\" devtype=\"" + std::to_string(devtype) + "\" expirydate=\"" + kFar + "\">" + name +
+           "</FILE>";
   }
   std::string P(const std::string& rel) { return root.path() + rel; }
-  // The periodic list of one entry, in dir; LoadFtpFile(1) then judges and loads it.
-  void SetList(const FtpFileItem_t& item, const std::string& dir) {
+  // The periodic list of one entry, in /d; LoadFtpFile(1) then judges and loads it.
+  void SetList(const FtpFileItem_t& item) {
     CAutoLock guard(&mng.m_lock);
     ClearFileList(&mng.m_pData->fileList);
     mng.m_pData->fileList.pItems = static_cast<FtpFileItem_t*>(malloc(sizeof(item)));
     mng.m_pData->fileList.pItems[0] = item;
     mng.m_pData->fileList.count = 1;
-    strcpy(mng.m_pData->fileList.dir, dir.c_str());
+    strcpy(mng.m_pData->fileList.dir, "/d");
   }
 
   TempRoot root;
@@ -144,7 +143,7 @@ TEST_F(MaintainTest, EntriesAreJudgedThenLoadedByType) {
     strcpy(item.ExpiryDate, r.expiry);
     strcpy(item.Scope, r.scope);
     strcpy(item.FileName, r.name);
-    SetList(item, "/d");
+    SetList(item);
     int before = shell.Count("ftpget");
     EXPECT_EQ(mng.LoadFtpFile(1), 0);
     EXPECT_EQ(mng.m_pData->fileList.pItems[0].Status, r.want == 0 ? FILE_STATUS_SKIP : 0) << r.name;
