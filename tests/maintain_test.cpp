@@ -1,263 +1,444 @@
+// The maintenance manager on in-memory fakes: file lists and their judging, the loaders, command
+// files, configuration archives, the cycle and its thread. A recorder of device type 3, no. 150.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstring>
-#include <ctime>
+#include <future>
+#include <map>
 #include <string>
+#include <vector>
 
+#include "maintain/command_files.h"
 #include "maintain/ftp_maintain_mng.h"
 #include "tests/fakes/fakes.h"
-#include "tests/maintain_fixture.h"
 
 namespace {
 
-class MaintainTest : public MaintainFixture {
+using Lines = std::vector<std::string>;
+const char kFar[] = "20991231-235959";
+
+// A tar archive built member by member, so that a test can write what no tar tool would.
+std::string Tar(const std::vector<std::vector<std::string>>& members) {  // name, type, link
+  std::string bytes;
+  for (const auto& m : members) {
+    uint8_t h[512] = {};
+    memcpy(h, m[0].data(), std::min<size_t>(m[0].size(), 100));
+    snprintf(reinterpret_cast<char*>(h + 100), 8, "%07o", 0644);
+    snprintf(reinterpret_cast<char*>(h + 124), 12, "%011o", m[1] == "0" ? 512u : 0u);
+    h[156] = static_cast<uint8_t>(m[1][0]);
+    if (m.size() > 2) memcpy(h + 157, m[2].data(), std::min<size_t>(m[2].size(), 100));
+    memcpy(h + 257, "ustar", 6);
+    memcpy(h + 263, "00", 2);
+    memset(h + 148, ' ', 8);
+    unsigned sum = 0;
+    for (uint8_t b : h) sum += b;
+    snprintf(reinterpret_cast<char*>(h + 148), 8, "%06o", sum);
+    bytes.append(reinterpret_cast<char*>(h), 512);
+    if (m[1] == "0") bytes.append(512, 'x');  // one block of data
+  }
+  return bytes + std::string(1024, '\0');
+}
+
+class MaintainTest : public ::testing::Test {
  protected:
   MaintainTest() {
+    root.Write("/etc/velmar/config/jtbase.xml", "<jtbase deviceNo=\"150\"/>");
     root.Write("/etc/velmar/version.xml",
                "<version prefix=\"VLM\" v1=\"1\" v2=\"2\" v3=\"3\" v4=\"4\"/>");
+    env.clock = &clock;
+    env.status = &status;
+    env.shell = &shell;
+    shell.mustBeFree = &mng.m_lock;
     std::lock_guard<std::mutex> g(status.mutex);
+    status.deviceType = 3;
     status.mcuVersion = "V1.2";
     status.mounts[DISK_USAGE_UPLOAD] = {FakeStatus::Entry(1, "/mnt/sd1"),
                                         FakeStatus::Entry(6, "/mnt/sd2")};
+    status.mounts[DISK_USAGE_MAINTAIN] = {FakeStatus::Entry(1, root.path() + "/mnt/sd1")};
   }
-  // A date text "20YYMMDD-hhmmss" of the fake clock's now + delta seconds, local time.
-  std::string Date(int delta) {
-    time_t t = clock.WallSeconds() + delta;
-    struct tm tmv;
-    localtime_r(&t, &tmv);
-    char text[32];
-    strftime(text, sizeof(text), "20%y%m%d-%H%M%S", &tmv);
-    return text;
+  // No shell command may run while the manager's lock is held: the request thread would wait
+  // for the whole download.
+  void TearDown() override { EXPECT_EQ(shell.LockedRuns(), 0); }
+  static std::string Entry(const std::string& name, int type, size_t size, int devtype = 3) {
+    return "<FILE filetype=\"" + std::to_string(type) + "\" filesize=\"" + std::to_string(size) +
+           "\" devtype=\"" + std::to_string(devtype) + "\" expirydate=\"" + kFar + "\">" + name +
+           "</FILE>";
   }
-  FtpFileItem_t Item(const std::string& name, int type, const std::string& scope = "") {
-    FtpFileItem_t item{};
-    item.FileType = type;
-    item.DevType = 3;
-    strcpy(item.ExpiryDate, Date(3600).c_str());
-    strcpy(item.Scope, scope.c_str());
-    strcpy(item.FileName, name.c_str());
-    return item;
+  std::string P(const std::string& rel) { return root.path() + rel; }
+  // The periodic list of one entry, in /d; LoadFtpFile(1) then judges and loads it.
+  void SetList(const FtpFileItem_t& item) {
+    CAutoLock guard(&mng.m_lock);
+    ClearFileList(&mng.m_pData->fileList);
+    mng.m_pData->fileList.pItems = static_cast<FtpFileItem_t*>(malloc(sizeof(item)));
+    mng.m_pData->fileList.pItems[0] = item;
+    mng.m_pData->fileList.count = 1;
+    strcpy(mng.m_pData->fileList.dir, "/d");
   }
+
+  TempRoot root;
+  FakeClock clock;
+  FakeStatus status;
+  FakeShell shell;
+  TestEnv env;
+  CFtpMaintainMng mng{&env};
 };
 
 TEST_F(MaintainTest, ParsesEntriesBySubstringAndAppends) {
-  root.Write(
-      "/list.xml",
-      "<Anything>"
-      "<FILE filetype=\"1\" filesize=\"3145728\" devtypes=\"3\" expirydate=\"20251231-235959\""
-      " scope=\"100000~199999;500000~500000\" crcvalue=\"abc\" other=\"x\">VLM-1-2-3-5.sw</FILE>"
-      "<MYFILE filetype=\"2\">LOGCMD.xml</MYFILE>"
-      "<FILES filetype=\"5\"/>"
-      "<file filetype=\"3\">lower.xml</file>"
-      "<note>not a file</note>"
-      "</Anything>");
+  root.Write("/list.xml",
+             "<Any><FILE filetype=\"1\" filesize=\"3145728\" devtypes=\"3\" expirydate=\"x\""
+             " scope=\"1~2\" crcvalue=\"abc\">VLM-1-2-3-5.sw</FILE><MYFILE filetype=\"2\">"
+             "LOGCMD.xml</MYFILE><FILES filetype=\"5\"/><file>lower.xml</file></Any>");
   FtpFileList_t list{};
-  std::string path = root.path() + "/list.xml";
-  testing::internal::CaptureStdout();
-  ASSERT_EQ(mng.ParseFileList(path.c_str(), &list), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            "FtpFileItem [0]: 1, 3145728, 3, 20251231-235959, 100000~199999;500000~500000, abc, "
-            "VLM-1-2-3-5.sw\nFtpFileItem [1]: 2, 0, 0, , , , LOGCMD.xml\n");
+  ASSERT_EQ(mng.ParseFileList(P("/list.xml").c_str(), &list), 0);
   ASSERT_EQ(list.count, 2);  // FILES has no text; "file" lacks the upper-case "FILE"
-  EXPECT_EQ(list.pItems[0].FileType, 1);
-  EXPECT_EQ(list.pItems[0].FileSize, 3145728);  // "filesize" contains "size"
-  EXPECT_EQ(list.pItems[0].DevType, 3);         // "devtypes" contains "devtype"
-  EXPECT_STREQ(list.pItems[0].Scope, "100000~199999;500000~500000");
-  EXPECT_STREQ(list.pItems[0].CrcValue, "abc");
-  EXPECT_STREQ(list.pItems[1].FileName, "LOGCMD.xml");
-  EXPECT_EQ(list.pItems[1].DevType, 0);
-  ASSERT_EQ(mng.ParseFileList(path.c_str(), &list), 0);  // appended behind the first set
-  EXPECT_EQ(list.count, 4);
+  const FtpFileItem_t& a = list.pItems[0];
+  EXPECT_EQ(std::vector<int>({a.FileType, a.FileSize, a.DevType, list.pItems[1].FileType}),
+            std::vector<int>({1, 3145728, 3, 2}));
+  EXPECT_EQ(Lines({a.ExpiryDate, a.Scope, a.CrcValue, a.FileName, list.pItems[1].FileName}),
+            Lines({"x", "1~2", "abc", "VLM-1-2-3-5.sw", "LOGCMD.xml"}));
+  ASSERT_EQ(mng.ParseFileList(P("/list.xml").c_str(), &list), 0);  // appended
   EXPECT_STREQ(list.pItems[2].FileName, "VLM-1-2-3-5.sw");
-
-  root.Write("/empty.xml", "<r><other>x</other></r>");
-  EXPECT_EQ(mng.ParseFileList((root.path() + "/empty.xml").c_str(), &list), -1);
-  root.Write("/broken.xml", "not xml at all");
-  EXPECT_EQ(mng.ParseFileList((root.path() + "/broken.xml").c_str(), &list), -1);
-  EXPECT_EQ(log.Count("LoadFile " + root.path() + "/broken.xml Failed"), 1);
+  for (const char* text : {"<r><other>x</other></r>", "not xml at all"}) {
+    root.Write("/bad.xml", text);
+    EXPECT_EQ(mng.ParseFileList(P("/bad.xml").c_str(), &list), -1);
+  }
   EXPECT_EQ(list.count, 4);
+  free(list.pItems);
+}
+
+// Judging and loading one entry of the periodic list: what is downloaded, what is skipped.
+TEST_F(MaintainTest, EntriesAreJudgedThenLoadedByType) {
+  char now[32], ago[32];  // the current second and the one before
+  time_t t = clock.WallSeconds(), t1 = t - 1;
+  strftime(now, sizeof(now), "20%y%m%d-%H%M%S", localtime(&t));
+  strftime(ago, sizeof(ago), "20%y%m%d-%H%M%S", localtime(&t1));
+  struct Row {
+    int type, devType;
+    const char *name, *expiry, *scope;
+    int want;  // 1 downloaded, 0 skipped, -1 neither
+  } rows[] = {
+      {3, 3, "u.xml", kFar, "", 1},
+      {3, 0, "u.xml", kFar, "", 0},  // another type
+      {3, 4, "u.xml", kFar, "", 0},
+      {3, 3, "u.xml", now, "", 1},  // still valid
+      {3, 3, "u.xml", ago, "", 0},
+      {3, 3, "u.xml", "tomorrow", "", 0},  // unreadable
+      {3, 3, "u.xml", kFar, "1~2;140~160;", 1},
+      {3, 3, "u.xml", kFar, "1~2;151~160", 0},
+      {3, 3, "x;reboot.xml", kFar, "", 0},  // a name a shell would act on
+      {2, 3, "LOGCMD.xml", kFar, "", 1},
+      {5, 3, "c.tar", kFar, "", 1},
+      {7, 3, "odd.bin", kFar, "", -1},        // unknown type: nothing loaded
+      {1, 3, "VLM-1-2-3-4.sw", kFar, "", 0},  // the running version
+      {1, 3, "vlm-1-2-3-4.sw", kFar, "", 1},  // differs in case: new
+      {4, 3, "mcu_V1.2.crc", kFar, "", 0},
+      {4, 3, "mcu_V1.3.crc", kFar, "", 1},
+  };
+  mng.FtpConnectTo("maint", "pw", "10.1.1.1", 21, "/");
+  for (const Row& r : rows) {
+    FtpFileItem_t item{r.type, 0, r.devType, "", "", "", "", 0, 0};
+    strcpy(item.ExpiryDate, r.expiry);
+    strcpy(item.Scope, r.scope);
+    strcpy(item.FileName, r.name);
+    SetList(item);
+    int before = shell.Count("ftpget");
+    EXPECT_EQ(mng.LoadFtpFile(1), 0);
+    EXPECT_EQ(mng.m_pData->fileList.pItems[0].Status, r.want == 0 ? FILE_STATUS_SKIP : 0) << r.name;
+    EXPECT_EQ(shell.Count("ftpget") - before, r.want == 1 ? 1 : 0) << r.name << " " << r.expiry;
+  }
+  // The new package is announced to the upgrade service.
+  EXPECT_EQ(status.upgrades, Lines({"201 /d/vlm-1-2-3-4.sw"}));
+  FtpFileItem_t evil{3, 0, 3, "", "", "", "x;touch pwned.sw", 0, 0};
+  UpgradeSet_t account = mng.Account();
+  size_t before = shell.Lines().size();
+  mng.DownloadFile(&evil, &account, "/d");  // the loaders refuse such a name themselves
+  EXPECT_EQ(shell.Lines().size(), before);
+}
+
+TEST_F(MaintainTest, LoaderCleansTheDisksThenFetchesAndMovesIntoPlace) {
+  mng.FtpConnectTo("maint", "pw", "10.1.1.1", 21, "/");
+  UpgradeSet_t account = mng.Account();
+  mng.GetFileList(&account, "/w");
+  FtpFileItem_t cfg{FTP_FILE_CONFIG, 0, 3, "", "", "", "config.tar", 0, 0};
+  EXPECT_EQ(mng.LoadByType(&cfg, &account, "/w"), 0);
+  const std::string get = "ftpget -u maint -p pw -P 21 10.1.1.1 /w/";
+  EXPECT_EQ(shell.Lines(), Lines({get + "FileList.xml FileList.xml @600", "rm /mnt/sd1/*.tar @5",
+                                  "rm /mnt/sd2/*.tar @5", "rm " + P("/tmp") + "/*.tar @5",
+                                  get + "tmp_ftp_load.bin config.tar @600",
+                                  "mv /w/tmp_ftp_load.bin /w/config.tar @10"}));
+}
+
+// Command files by their marker: log commands (spans, types, scope, expiry), user commands.
+TEST_F(MaintainTest, CommandFilesActByTheirMarker) {
+  root.Write("/mnt/sd1/debug/dbglog-20240101-120000.log", "log");
+  root.Write("/mnt/sd1/debug/dbglog-20240102-120000.log", "log");
+  const std::string r = root.path(), span = " datetime=\"20240101-000000~20240101-235959\"",
+                    exp = std::string("<ExpiryDate>") + kFar + "</ExpiryDate>",
+                    sent = "ftpput -u maint -p pw -P 21 10.1.1.1 150_dbglog-20240101-120000.log " +
+                           r + "/mnt/sd1/debug/dbglog-20240101-120000.log @600\n";
+  auto log = [&](const std::string& attrs, const std::string& expiry) {
+    return "<LOGCMD>" + expiry + "<CMDITEM " + attrs + "/></LOGCMD>";
+  };
+  const std::vector<std::pair<std::string, std::string>> rows = {
+      // file, commands run
+      {log("type=\"5\" scope=\"100~200\"" + span, exp), sent},
+      {"<LOGCMD><CMDITEM" + span + " scope=\"100~200\" type=\"5\"/>" + exp + "</LOGCMD>",
+       sent},                                                 // any order
+      {log("type=\"1\" scope=\"100~200\"" + span, exp), ""},  // type 1 does nothing
+      {log("type=\"5\" scope=\"151~200\"" + span, exp), ""},
+      {log("type=\"5\" scope=\"100~200\"" + span, ""), ""},  // no expiry date: expired
+      {log("type=\"5\" scope=\"100~200\"" + span, "<ExpiryDate>20200101-000000</ExpiryDate>"), ""},
+      {"<LOGCMD><UsrDefineCmd><CMDITEM>true no</CMDITEM></UsrDefineCmd></LOGCMD>", ""},
+      {"<UsrDefineCmd><CMDITEM scope=\"all\">true a</CMDITEM><CMDITEM scope=\"140~160\">true b"
+       "</CMDITEM><CMDITEM scope=\"1~5\">true c</CMDITEM></UsrDefineCmd>",
+       "true a @-1\ntrue b @-1\ntrue c @-1\n"},  // the scope restricts nothing
+      {"<UsrDefineCmd><ExpiryDate>20000101-000000</ExpiryDate><CMDITEM>rm -rf *.db</CMDITEM>"
+       "<CMDITEM>rm -rf ./*.db</CMDITEM><CMDITEM></CMDITEM><CMDITEM>rm -rf REC-ALARM</CMDITEM>"
+       "<CMDITEM>" +
+           std::string(200, 'x') + "</CMDITEM></UsrDefineCmd>",
+       "rm -rf *.db @-1\nrm -rf " + r + "/mnt/sd1/*.db;rm -rf " + r + "/mnt/sd2/*.db @5\n" +
+           "rm -rf ./*.db @-1\nrm -rf REC-ALARM @-1\nrm -rf " + r + "/mnt/sd1/REC-ALARM/*;rm -rf " +
+           r + "/mnt/sd2/REC-ALARM/* @100\n" + std::string(127, 'x') + " @-1\n"},
+      {"<Other><CMDITEM>true nothing</CMDITEM></Other>", ""},
+  };
+  for (const auto& row : rows) {
+    mng.FtpConnectTo("maint", "pw", "10.1.1.1", 21, "/");
+    size_t before = shell.Lines().size();
+    root.Write("/in/c.xml", row.first);
+    EXPECT_EQ(mng.HandleRemoteCmd(P("/in/c.xml").c_str()), 0);
+    std::string ran;
+    for (size_t i = before; i < shell.Lines().size(); ++i) ran += shell.Lines()[i] + "\n";
+    EXPECT_EQ(ran, row.second) << row.first;
+    // The account the logs went to is withdrawn after an upload.
+    UpgradeSet_t a = mng.Account();
+    EXPECT_EQ(a.user[0] == '\0' && a.password[0] == '\0', row.second == sent) << row.first;
+  }
+  root.Write("/in/c.xml", "not xml at all");
+  EXPECT_EQ(
+      mng.HandleLogCmd(P("/in/c.xml").c_str()) + mng.HandleUsrDefineCmd(P("/in/c.xml").c_str()),
+      -2);
+  EXPECT_EQ(mng.HandleRemoteCmd(P("/in/absent.xml").c_str()), 0);
+  std::string follow;
+  int limit = 0;
+  unsetenv("VELMAR_ROOT");  // on the device the follow-up is the disks' own paths
+  EXPECT_TRUE(UsrCmdFollowUp("rm -rf *.sw", &follow, &limit));
+  setenv("VELMAR_ROOT", r.c_str(), 1);
+  EXPECT_EQ(follow + std::to_string(limit), "rm -rf /mnt/sd1/*.sw;rm -rf /mnt/sd2/*.sw;10");
+}
+
+TEST_F(MaintainTest, HostileConfigArchivesAreRefusedAndAGoodOneImported) {
+  std::string damaged = Tar({{"config/a.xml", "0"}});
+  damaged[0] = 'C';
+  const std::vector<std::pair<std::string, std::string>> rows = {
+      // archive, why refused
+      {Tar({{"/config/x.xml", "0"}}), "absolute path"},
+      {Tar({{"config/../../pwned", "0"}}), "\"..\""},
+      {Tar({{"config/jtbase.xml", "2", "/etc/passwd"}}), "link"},
+      {Tar({{"config/x.xml", "1", "/etc/shadow"}}), "link"},
+      {Tar({{"config/dev", "3"}}), "type '3'"},
+      {Tar({{"notes.txt", "0"}}), "outside the config"},
+      {Tar({{"config/a.xml", "0"}}).substr(0, 512), "truncated"},
+      {"\x1f\x8b\x08" + std::string(2045, 'z'), "not a tar"},  // compressed
+      {damaged, "damaged"},
+      {Tar({}), "no config"},
+      {"", "no config"},
+      {Tar({{"./", "5"}, {"./config/ttx.xml", "0"}}), ""},  // safe
+  };
+  for (const auto& c : rows) {
+    std::string why;
+    EXPECT_EQ(
+        CheckConfigArchive(reinterpret_cast<const uint8_t*>(c.first.data()), c.first.size(), &why),
+        c.second.empty())
+        << c.second;
+    EXPECT_NE(why.find(c.second), std::string::npos) << why;
+    if (c.second.empty()) continue;
+    root.Write("/dl/evil.tar", c.first);
+    EXPECT_EQ(mng.HandleConfigCmd(P("/dl/evil.tar").c_str()), -1) << c.second;
+  }
+  EXPECT_TRUE(shell.Lines().empty());  // nothing was unpacked
+
+  // A good archive, through the real shell and tar: known names applied, exactly as spelt.
+  env.shell = nullptr;
+  root.Write("/src/config/wifi.xml", "<wifi ssid=\"fleet\"/>");
+  root.Write("/src/config/JTBASE.xml", "<jtbase deviceNo=\"666\"/>");
+  const std::string archive = P("/dl/config.tar");
+  ASSERT_EQ(system(("cd '" + P("/src") + "' && tar cf '" + archive + "' config").c_str()), 0);
+  EXPECT_EQ(mng.HandleFtpCmdFile(FTP_FILE_CONFIG, archive.c_str()), 0);
+  EXPECT_EQ(ReadWholeFile(P("/etc/velmar/config/wifi.xml")), "<wifi ssid=\"fleet\"/>");
+  EXPECT_EQ(ReadWholeFile(P("/etc/velmar/config/jtbase.xml")), "<jtbase deviceNo=\"150\"/>");
+  EXPECT_NE(access(P("/tmp/config").c_str(), F_OK), 0);  // removed after the import
+  EXPECT_EQ(access(archive.c_str(), F_OK), 0);           // the archive stays
+}
+
+class MaintainCycleTest : public MaintainTest {
+ protected:
+  MaintainCycleTest() {
+    mng.FtpConnectTo("maint", "pw", "10.1.1.1", 21, "/");
+    CAutoLock guard(&mng.m_lock);
+    strcpy(mng.m_pData->fileList.dir, P("/mnt/sd1").c_str());
+    mng.m_lastStepTime = clock.WallSeconds();
+    // A download lands its file when the loader moves it into place, if the test says so.
+    shell.onCommand = [this](const std::string& command) {
+      size_t slash = command.rfind('/'), at = command.rfind(" @");
+      if (command.rfind("mv ", 0) != 0 || slash == std::string::npos) return;
+      auto f = served.find(command.substr(slash + 1, at - slash - 1));
+      if (f != served.end()) root.Write("/mnt/sd1/" + f->first, f->second);
+    };
+  }
+  // Passes of the thread's loop, one second apart, until the state changes: how many it took.
+  int PassesUntilStateChanges() {
+    int before = mng.m_pData->state;
+    for (int n = 1; n <= 2000; ++n) {
+      mng.ProcPass(&interval);
+      clock.AdvanceMs(1000);
+      if (mng.m_pData->state != before) return n;
+    }
+    return -1;
+  }
+  std::vector<int> Steps(int n) {  // passes per step, then the state reached
+    std::vector<int> out;
+    for (int i = 0; i < n; ++i) out.push_back(PassesUntilStateChanges());
+    out.push_back(mng.m_pData->state);
+    return out;
+  }
+
+  int interval = 5;
+  std::map<std::string, std::string> served;  // file name -> content a download lands
+};
+
+TEST_F(MaintainCycleTest, PeriodicCycleFollowsTheStateTableAndItsIntervals) {
+  const std::string usrCmd = "<UsrDefineCmd><CMDITEM>true marker</CMDITEM></UsrDefineCmd>";
+  // A step comes when more than 5 s have passed (7 passes: the first runs at the start time);
+  // no list arrived: fetched again 60 s later (61 passes).
+  EXPECT_EQ(Steps(4), std::vector<int>({7, 6, 6, 61, 2}));
+  EXPECT_EQ(shell.Count("FileList.xml"), 2);
+  root.Write("/mnt/sd1/FileList.xml",
+             "<L>" + Entry("u.xml", 3, usrCmd.size()) + Entry("odd.bin", 7, 10) + "</L>");
+  EXPECT_EQ(Steps(1), std::vector<int>({6, 3}));  // parsed, at entry 0
+  EXPECT_EQ(mng.m_pData->fileList.count, 2);
+  // The command file fails its size check twice (nothing lands), then arrives and is handled.
+  EXPECT_EQ(Steps(4), std::vector<int>({6, 6, 61, 6, 3}));
+  EXPECT_EQ(mng.m_pData->fileList.pItems[0].ErrTimes, 2);
+  served["u.xml"] = usrCmd;
+  EXPECT_EQ(Steps(2), std::vector<int>({61, 6, 3}));
+  EXPECT_EQ(mng.m_pData->fileList.pItems[0].Status, FILE_STATUS_DONE);
+  EXPECT_EQ(shell.Count("true marker"), 1);
+  // An unknown file type is never downloaded and fails its check three times.
+  int downloads = shell.Count("ftpget");
+  EXPECT_EQ(Steps(6), std::vector<int>({6, 6, 61, 6, 61, 6, 5}));
+  EXPECT_EQ(shell.Count("ftpget"), downloads);
+  EXPECT_EQ(mng.m_pData->fileList.pItems[1].Status, FILE_STATUS_FAIL);
+  // The finish step rests 900 s; then the cycle starts over.
+  EXPECT_EQ(Steps(2), std::vector<int>({6, 901, 1}));
+  EXPECT_EQ(interval, 5);
+}
+
+// A new account empties the lists and restarts the cycle at once.
+TEST_F(MaintainCycleTest, NewAccountRestartsTheCycleAndDropsAStaleFetch) {
+  clock.AdvanceMs(-3600 * 1000);  // a clock set back counts as time passed
+  EXPECT_EQ(Steps(1), std::vector<int>({1, 1}));
+  root.Write("/in/dl.xml", "<FileDownloadCmd>" + Entry("a.xml", 3, 1) + "</FileDownloadCmd>");
+  root.Write("/mnt/sd1/FileList.xml", "<old/>");
+  EXPECT_EQ(mng.HandleRemoteCmd(P("/in/dl.xml").c_str()), 0);
+  EXPECT_EQ(std::string(mng.m_pData->onlineList.dir), P("/tmp"));
   {
     CAutoLock guard(&mng.m_lock);
-    ClearFileList(&list);
-  }
-
-  // A download command appends to the online list, whose directory is /tmp.
-  root.Write("/cmd.xml", "<FileDownloadCmd><FILE filetype=\"3\">a.xml</FILE></FileDownloadCmd>");
-  EXPECT_EQ(mng.HandleFileDownloadCmd((root.path() + "/cmd.xml").c_str()), 0);
-  EXPECT_EQ(mng.HandleFileDownloadCmd((root.path() + "/cmd.xml").c_str()), 0);
-  EXPECT_EQ(mng.m_pData->onlineList.count, 2);
-  EXPECT_EQ(std::string(mng.m_pData->onlineList.dir), root.path() + "/tmp");
-  EXPECT_EQ(mng.HandleFileDownloadCmd((root.path() + "/none.xml").c_str()), -1);
-}
-
-TEST_F(MaintainTest, JudgesDeviceTypeExpiryAndScope) {
-  FtpFileItem_t anyDevice = Item("a.sw", 1);
-  EXPECT_EQ(mng.IsNeedLoadFile(&anyDevice), 0);  // empty scope: every device number
-  FtpFileItem_t other = Item("a.sw", 1);
-  other.DevType = 0;  // no devtype: only for device type 0
-  EXPECT_EQ(mng.IsNeedLoadFile(&other), -1);
-  EXPECT_EQ(log.Count("IsNeedLoadFile DevType Mismatch: Local = 3, Ftp = 0"), 1);
-
-  FtpFileItem_t now = Item("a.sw", 1);
-  strcpy(now.ExpiryDate, Date(0).c_str());
-  EXPECT_EQ(mng.IsNeedLoadFile(&now), 0);  // the current second is still valid
-  strcpy(now.ExpiryDate, Date(-1).c_str());
-  EXPECT_EQ(mng.IsNeedLoadFile(&now), -1);
-  strcpy(now.ExpiryDate, "tomorrow");  // unreadable: counts as expired
-  EXPECT_EQ(mng.IsNeedLoadFile(&now), -1);
-  EXPECT_EQ(log.Count("IsNeedLoadFile out of date"), 2);
-
-  FtpFileItem_t scoped = Item("a.sw", 1, "1~2;140~160;");
-  EXPECT_EQ(mng.IsNeedLoadFile(&scoped), 0);  // device number 150
-  strcpy(scoped.Scope, "1~2;151~160");
-  EXPECT_EQ(mng.IsNeedLoadFile(&scoped), -1);
-  EXPECT_EQ(log.Count("IsNeedLoadFile not in scope"), 1);
-}
-
-TEST_F(MaintainTest, CommandTextsOfFetchDownloadAndCleaning) {
-  UpgradeSet_t account = Account();
-  mng.GetFileList(&account, "/tmp/work");
-  FtpFileItem_t cfg = Item("config.tar", 5);
-  EXPECT_EQ(mng.LoadConfigFile(&cfg, &account, "/tmp/work"), 0);
-  std::string tmp = root.path() + "/tmp";
-  EXPECT_EQ(shell.Lines(),
-            (std::vector<std::string>{
-                "ftpget -u maint -p pw -P 21 10.1.1.1 /tmp/work/FileList.xml FileList.xml @600",
-                "rm /mnt/sd1/*.tar @5", "rm /mnt/sd2/*.tar @5", "rm " + tmp + "/*.tar @5",
-                "ftpget -u maint -p pw -P 21 10.1.1.1 /tmp/work/tmp_ftp_load.bin config.tar @600",
-                "mv /tmp/work/tmp_ftp_load.bin /tmp/work/config.tar @10"}));
-
-  {
-    std::lock_guard<std::mutex> g(status.mutex);
-    status.mounts[DISK_USAGE_UPLOAD].clear();
-  }
-  FtpFileItem_t mcu = Item("mcu_V1.3.crc", 4);
-  EXPECT_EQ(mng.LoadMcuFile(&mcu, &account, "/d"), 0);
-  EXPECT_EQ(log.Count("LoadMcuFile\xc3\xbb\xd3\xd0\xd5\xd2\xb5\xbd\xb4\xc5\xc5\xcc"), 1);
-  EXPECT_EQ(shell.Lines()[6], "rm " + tmp + "/*.crc @5");  // /tmp is cleaned anyway
-}
-
-TEST_F(MaintainTest, VersionSkipsAndUpgradeAnnouncement) {
-  UpgradeSet_t account = Account();
-  FtpFileItem_t same = Item("VLM-1-2-3-4.sw", 1);
-  EXPECT_EQ(mng.LoadUpgradeFile(&same, &account, "/d"), 1);
-  EXPECT_EQ(log.Count("NewVer=CurVer=VLM-1-2-3-4.sw"), 1);
-  EXPECT_TRUE(shell.Commands().empty());
-
-  FtpFileItem_t other = Item("vlm-1-2-3-4.sw", 1);  // differs in case only: a new version
-  EXPECT_EQ(mng.LoadUpgradeFile(&other, &account, "/d"), 0);
-  EXPECT_EQ(log.Count("LocalVersion=VLM-1-2-3-4.sw, FtpVersion=vlm-1-2-3-4.sw"), 1);
-  ASSERT_EQ(status.upgrades.size(), 1u);
-  EXPECT_EQ(status.upgrades[0], "201 /d/vlm-1-2-3-4.sw");
-
-  FtpFileItem_t mcu = Item("mcu_V1.2.crc", 4);
-  EXPECT_EQ(mng.LoadMcuFile(&mcu, &account, "/d"), 1);  // contains the running version
-  {
-    std::lock_guard<std::mutex> g(status.mutex);
-    status.mcuVersion = "";
-  }
-  FtpFileItem_t any = Item("whatever.crc", 4);
-  EXPECT_EQ(mng.LoadMcuFile(&any, &account, "/d"), 1);  // an empty version is in every name
-}
-
-TEST_F(MaintainTest, HostileNamesAndAccountsRunNothingUnsafe) {
-  UpgradeSet_t account = Account();
-  FtpFileItem_t evil = Item("x;touch pwned.sw", 3);
-  mng.DownloadFile(&evil, &account, "/d");
-  strcpy(account.user, "-o");  // would read as an option
-  FtpFileItem_t fine = Item("a.xml", 3);
-  mng.DownloadFile(&fine, &account, "/d");
-  mng.GetFileList(&account, "/d");
-  EXPECT_TRUE(shell.Commands().empty());
-  EXPECT_EQ(log.Count("DownloadFile: refused"), 2);
-  EXPECT_EQ(log.Count("GetFileList: the maintenance account or directory is unusable"), 1);
-}
-
-TEST_F(MaintainTest, ConnectToReplacesAccountAndEmptiesLists) {
-  std::string work = root.Make("/work/x");
-  work = work.substr(0, work.rfind('/'));
-  root.Write("/work/FileList.xml", "<old/>");
-  root.Write("/list.xml", "<L><FILE>a.sw</FILE></L>");
-  {
-    CAutoLock guard(&mng.m_lock);
-    strcpy(mng.m_pData->fileList.dir, work.c_str());
-    mng.ParseFileList((root.path() + "/list.xml").c_str(), &mng.m_pData->fileList);
-    mng.ParseFileList((root.path() + "/list.xml").c_str(), &mng.m_pData->onlineList);
+    mng.ParseFileList(P("/in/dl.xml").c_str(), &mng.m_pData->fileList);
     strcpy(mng.m_pData->upgradeSet.name, "old name");
-    mng.m_pData->state = 3;
   }
-  mng.m_lastStepTime = 1234;
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(mng.FtpConnectTo("u2", "p2", "maint2.local", 2100, "/ignored"), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "FtpConnectTo " + work + "/FileList.xml\n");
-  EXPECT_EQ(mng.m_pData->fileList.count, 0);
-  EXPECT_EQ(mng.m_pData->onlineList.pItems, nullptr);
+  EXPECT_EQ(mng.FtpConnectTo("u", "p", "127.0.0.2", 2121, "/ignored"), 0);
   UpgradeSet_t a = mng.Account();
-  EXPECT_STREQ(a.host, "maint2.local");
-  EXPECT_EQ(a.port, 2100);
-  EXPECT_STREQ(a.user, "u2");
-  EXPECT_STREQ(a.password, "p2");
-  EXPECT_EQ(a.name[0], '\0');
-  EXPECT_EQ(fileisexist((work + "/FileList.xml").c_str()), -1);
-  EXPECT_EQ(mng.m_pData->state, 0);
-  EXPECT_EQ(mng.m_lastStepTime, 0);
-  EXPECT_EQ(log.Count("FTP Update [u2 p2 maint2.local 2100]"), 1);
+  EXPECT_EQ(Lines({a.host, a.user, a.password, a.name, std::to_string(a.port)}),
+            Lines({"127.0.0.2", "u", "p", "", "2121"}));
+  EXPECT_EQ(mng.m_pData->fileList.count + mng.m_pData->onlineList.count, 0);
+  EXPECT_NE(access(P("/mnt/sd1/FileList.xml").c_str(), F_OK), 0);
+  EXPECT_EQ(Steps(1), std::vector<int>({1, 1}));  // restarted at 0 and stepped at once
+  // A fetch of the old account that ends after a switch does not move the new cycle on.
+  shell.onCommand = [&](const std::string& c) {
+    if (c.find("127.0.0.2") != std::string::npos) mng.FtpConnectTo("u3", "p", "h3", 21, "/");
+  };
+  EXPECT_EQ(Steps(2), std::vector<int>({6, 1, 1}));
+  {
+    CAutoLock guard(&mng.m_lock);
+    mng.m_pData->state = 8;  // an account is being replaced: the cycle stands still
+  }
+  EXPECT_EQ(PassesUntilStateChanges(), -1);
 }
 
-}  // namespace
+TEST_F(MaintainCycleTest, OnlineListSettlesEntriesAndStartsOverWhenFinished) {
+  const std::string usrCmd = "<UsrDefineCmd><CMDITEM>true online</CMDITEM></UsrDefineCmd>";
+  root.Write("/in/dl.xml", "<FileDownloadCmd>" + Entry("u1.xml", 3, usrCmd.size()) +
+                               Entry("missing.xml", 3, 5) + Entry("short.xml", 3, 500) +
+                               Entry("other.xml", 3, 5, 9) + "</FileDownloadCmd>");
+  served = {{"u1.xml", usrCmd}, {"short.xml", "too short"}};
+  EXPECT_EQ(mng.HandleRemoteCmd(P("/in/dl.xml").c_str()), 0);
+  FtpFileList_t& online = mng.m_pData->onlineList;
+  strcpy(online.dir, P("/mnt/sd1").c_str());
+  for (int i = 0; i < 8; ++i) mng.OnlineFtpProc();  // missing and short: three tries each
+  std::vector<int> got;
+  for (int i = 0; i < 4; ++i)
+    got.push_back(online.pItems[i].Status * 10 + online.pItems[i].ErrTimes);
+  EXPECT_EQ(got, std::vector<int>({20, 33, 33, 10}));  // done, failed, failed, skipped
+  EXPECT_EQ(shell.Count("true online"), 1);
+  EXPECT_EQ(online.index, 4);
+  mng.OnlineFtpProc();  // finished: freed, and the next command starts at entry 0
+  EXPECT_EQ(online.pItems, nullptr);
+  EXPECT_EQ(mng.HandleRemoteCmd(P("/in/dl.xml").c_str()), 0);
+  strcpy(online.dir, P("/mnt/sd1").c_str());
+  mng.OnlineFtpProc();
+  EXPECT_EQ(shell.Count("true online"), 2);
+}
 
-namespace {
+TEST_F(MaintainTest, WorkDirIsTmpWithoutAMaintenanceDiskAfterTwoMinutes) {
+  status.mounts[DISK_USAGE_MAINTAIN].clear();
+  mng.SelectWorkDir();
+  EXPECT_STREQ(mng.m_pData->fileList.dir, P("/tmp").c_str());
+  EXPECT_GT(clock.sleptUs(), 120u * 1000000);  // more than two minutes, but not much more
+  EXPECT_LT(clock.sleptUs(), 123u * 1000000);
+}
 
-TEST(HostConfigTest, ReadsRecordsAndReplacesFilesAtomically) {
-  TempRoot root;
-  LogCapture log;
-  UpgradeSet_t account;
-  EXPECT_EQ(CConfig::Instance()->GetConfig(&account, nullptr), -1);  // missing: zeroed
-  EXPECT_EQ(account.host[0], '\0');
-  EXPECT_EQ(log.Count("upgrade.xml unusable"), 1);
+// The thread reads the account from the configuration, works on the first maintenance disk
+// and steps on the fake clock.
+TEST_F(MaintainTest, ThreadStartsWithTheConfiguredAccountAndStops) {
+  status.mounts[DISK_USAGE_MAINTAIN].insert(status.mounts[DISK_USAGE_MAINTAIN].begin(),
+                                            FakeStatus::Entry(2, P("/mnt/sd2")));
   root.Write("/etc/velmar/config/upgrade.xml",
-             "<upgrade host=\"h.example\" port=\"2100\" user=\"u\" password=\"p\" path=\"/m\" "
-             "name=\"FileList.xml\"/>");
-  ASSERT_EQ(CConfig::Instance()->GetConfig(&account, nullptr), 0);
-  EXPECT_STREQ(account.host, "h.example");
-  EXPECT_EQ(account.port, 2100);
-  EXPECT_STREQ(account.path, "/m");
-
-  root.Write("/etc/velmar/version.xml", "<version prefix=\"VLM\" v1=\"1\" v2=\"2\" v3=\"3\"/>");
-  VersionInfo_t version;
-  ASSERT_EQ(CConfig::Instance()->GetConfig(&version, nullptr), 0);
-  EXPECT_STREQ(version.version[2], "3");
-  EXPECT_EQ(version.version[3][0], '\0');
-  char prefix[32];
-  ASSERT_EQ(GetUpgradeFilePrefix(prefix), 0);
-  EXPECT_STREQ(prefix, "VLM");
-
-  root.Write("/etc/velmar/config/jtbase.xml", "<jtbase deviceNo=");  // malformed
-  JTBaseSet_t base;
-  EXPECT_EQ(CConfig::Instance()->GetConfig(&base, nullptr), -1);
-  char xml[] = "<jtbase deviceNo=\"777\"/>";
-  ASSERT_EQ(CConfig::Instance()->SetConfigXml(PARAM_JTBASE, xml), 0);
-  ASSERT_EQ(CConfig::Instance()->GetConfig(&base, nullptr), 0);
-  EXPECT_STREQ(base.deviceNo, "777");
+             "<upgrade host=\"h.example\" port=\"2100\" user=\"u\" password=\"p\"/>");
+  std::promise<std::string> fetched;
+  std::atomic<bool> once{false};
+  shell.onCommand = [&](const std::string& c) {
+    if (!once.exchange(true)) fetched.set_value(c);
+  };
+  ASSERT_EQ(mng.Start(), 0);
+  auto f = fetched.get_future();
+  ASSERT_EQ(f.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+  EXPECT_EQ(mng.Stop(), 0);
+  EXPECT_EQ(f.get(),
+            "ftpget -u u -p p -P 2100 h.example " + P("/mnt/sd2") + "/FileList.xml FileList.xml");
+  EXPECT_EQ(mng.m_pData->pThread, nullptr);
 }
 
-// The one table of configuration file names, read both ways.
-TEST(ConfigFilesTest, EachTypeHasOneExactName) {
+// The one table of configuration file names, read both ways; unusable files.
+TEST(HostConfigTest, FileNamesAndRecords) {
+  TempRoot root;
   int named = 0;
   for (int t = 0; t < 32; ++t) {  // 22, 25, 26 and 29 on are no configuration types
     const char* name = ConfigFileName(static_cast<PARAM_TYPE_E>(t));
     named += name != nullptr && ConfigFileType(name) == t ? 1 : 0;
   }
   EXPECT_EQ(named, 26);
-  const std::pair<int, const char*> cases[] = {{PARAM_JTBASE, "jtbase.xml"},
-                                               {PARAM_VIDEOLOST, "videoLost.xml"},
-                                               {PARAM_ACCOUNT, "account.xml"},
-                                               {PARAM_DISKABNORMAL, "diskAbnormal.xml"},
-                                               {-1, "Wifi.xml"},
-                                               {-1, "jtbase.XML"},
-                                               {-1, "notes.txt"},
-                                               {-1, nullptr}};
-  for (const auto& c : cases) EXPECT_EQ(ConfigFileType(c.second), c.first) << c.second;
+  EXPECT_EQ(std::vector<int>({ConfigFileType("jtbase.xml"), ConfigFileType("account.xml"),
+                              ConfigFileType("jtbase.XML"), ConfigFileType(nullptr)}),
+            std::vector<int>({PARAM_JTBASE, PARAM_ACCOUNT, -1, -1}));
+  UpgradeSet_t account;
+  EXPECT_EQ(CConfig::Instance()->GetConfig(&account, nullptr), -1);  // missing: zeroed
+  EXPECT_EQ(account.host[0], '\0');
+  root.Write("/etc/velmar/config/jtbase.xml", "<jtbase deviceNo=");  // malformed
+  JTBaseSet_t base;
+  EXPECT_EQ(CConfig::Instance()->GetConfig(&base, nullptr), -1);
 }
 
 }  // namespace
