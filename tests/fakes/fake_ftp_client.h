@@ -1,6 +1,7 @@
 // A scripted FTP client for engine tests: the listing, the failures and what was written.
 #pragma once
 
+#include <cstring>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -14,7 +15,7 @@ class FakeFtpClient : public CFtpClient {
   struct Script {
     std::mutex mutex;
     std::vector<FtpDirEntry_t> listing;
-    int startFailures = 0;                // FtpStart fails this many times
+    int startFailures = 0;                // FtpStart (the login) fails this many times
     int listResult = 0;                   // FtpGetServerDirFile's result when negative
     bool dataFails = false;               // FtpCreateDateSockFd fails
     int writeFailAfter = -1;              // FtpWriteDate fails once this many bytes were written
@@ -24,33 +25,56 @@ class FakeFtpClient : public CFtpClient {
     int closes = 0;
     std::vector<int> modes;  // modes of the data connections
     std::string written;     // bytes written, all sends together
-    UserDefServerSet_t server{};
     std::string dir, name;
   };
-  static Script* script;  // installed by the test
+  static inline Script* script = nullptr;  // while an Installer lives
 
   // Makes a TestEnv hand out fake clients (with a fresh script) for the life of the object.
   class Installer {
    public:
-    Installer();
-    ~Installer();
+    Installer() { script = &m_script; }
+    ~Installer() { script = nullptr; }
     Script& s() { return m_script; }
 
    private:
     Script m_script;
   };
 
+  static FtpDirEntry_t Entry(const std::string& name, int32_t size) {
+    FtpDirEntry_t e{};
+    e.size = size;
+    strncpy(e.name, name.c_str(), sizeof(e.name) - 1);
+    return e;
+  }
+
   int Init(FtpLogFn_f) override { return 0; }
-  int FtpSetServerInfo(UserDefServerSet_t* server) override;
-  int FtpSetLocalInfo(const char* dir, const char* name) override;
-  int FtpStart() override;
+  int FtpSetServerInfo(UserDefServerSet_t*) override { return 0; }
+  int FtpSetLocalInfo(const char* dir, const char* name) override {
+    std::lock_guard<std::mutex> g(script->mutex);
+    script->dir = dir;
+    script->name = name;
+    return 0;
+  }
+  int FtpStart() override {
+    std::lock_guard<std::mutex> g(script->mutex);
+    ++script->starts;
+    return script->startFailures > 0 ? (--script->startFailures, -1) : 0;
+  }
   int FtpGetServerDirFile() override;
   FtpClientData_t* FtpGetClientData() override { return &m_data; }
-  int FtpCreateDateSockFd(int mode) override;
+  int FtpCreateDateSockFd(int mode) override {
+    std::lock_guard<std::mutex> g(script->mutex);
+    if (script->dataFails) return -1;
+    script->modes.push_back(mode);
+    return m_data.dataFd = 99;
+  }
   int FtpWriteDate(int fd, const char* buf, int len, int timeout) override;
-  int FtpClose() override;
-
-  static FtpDirEntry_t Entry(const std::string& name, int32_t size);
+  int FtpClose() override {
+    std::lock_guard<std::mutex> g(script->mutex);
+    ++script->closes;
+    m_data.dataFd = -1;
+    return 0;
+  }
 
  private:
   FtpClientData_t m_data{};
