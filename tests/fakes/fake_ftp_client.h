@@ -15,10 +15,10 @@ class FakeFtpClient : public CFtpClient {
   struct Script {
     std::mutex mutex;
     std::vector<FtpDirEntry_t> listing;
-    int startFailures = 0;                // FtpStart (the login) fails this many times
-    int listResult = 0;                   // FtpGetServerDirFile's result when negative
-    bool dataFails = false;               // FtpCreateDateSockFd fails
-    int writeFailAfter = -1;              // FtpWriteDate fails once this many bytes were written
+    int startFailures = 0;    // FtpStart (the login) fails this many times
+    int listResult = 0;       // FtpGetServerDirFile's result when negative
+    bool dataFails = false;   // FtpCreateDateSockFd fails
+    int writeFailAfter = -1;  // FtpWriteDate fails once this many bytes were written (-1: never)
     std::function<void(size_t)> onWrite;  // called after each write with the total so far
     // Observed:
     int starts = 0;
@@ -60,7 +60,15 @@ class FakeFtpClient : public CFtpClient {
     ++script->starts;
     return script->startFailures > 0 ? (--script->startFailures, -1) : 0;
   }
-  int FtpGetServerDirFile() override;
+  int FtpGetServerDirFile() override {
+    std::lock_guard<std::mutex> g(script->mutex);
+    if (script->listResult < 0) return script->listResult;
+    m_data.entryCount = 0;
+    for (const FtpDirEntry_t& e : script->listing) {
+      if (m_data.entryCount < kFtpListCapacity) m_data.entries[m_data.entryCount++] = e;
+    }
+    return 0;
+  }
   FtpClientData_t* FtpGetClientData() override { return &m_data; }
   int FtpCreateDateSockFd(int mode) override {
     std::lock_guard<std::mutex> g(script->mutex);
@@ -68,7 +76,17 @@ class FakeFtpClient : public CFtpClient {
     script->modes.push_back(mode);
     return m_data.dataFd = 99;
   }
-  int FtpWriteDate(int fd, const char* buf, int len, int timeout) override;
+  int FtpWriteDate(int fd, const char* buf, int len, int) override {
+    std::unique_lock<std::mutex> g(script->mutex);
+    std::string& w = script->written;
+    if (fd != 99 || w.size() >= static_cast<size_t>(script->writeFailAfter)) return -1;
+    w.append(buf, static_cast<size_t>(len));
+    std::function<void(size_t)> hook = script->onWrite;
+    size_t total = w.size();
+    g.unlock();  // the hook may change the script
+    if (hook) hook(total);
+    return len;
+  }
   int FtpClose() override {
     std::lock_guard<std::mutex> g(script->mutex);
     ++script->closes;

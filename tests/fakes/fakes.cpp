@@ -17,10 +17,8 @@
 #include "tests/fakes/fake_ftp_client.h"
 #include "tests/fakes/fake_readdisk.h"
 
-TempRoot::TempRoot() {
-  const char* old = getenv("VELMAR_ROOT");
-  m_hadRoot = old != nullptr;
-  if (m_hadRoot) m_oldRoot = old;
+TempRoot::TempRoot() : m_hadRoot(getenv("VELMAR_ROOT") != nullptr) {
+  if (m_hadRoot) m_oldRoot = getenv("VELMAR_ROOT");
   char tmpl[] = "/tmp/velmar-test-XXXXXX";
   const char* dir = mkdtemp(tmpl);
   EXPECT_NE(dir, nullptr);
@@ -64,20 +62,14 @@ std::string ReadWholeFile(const std::string& path) {
   return text.str();
 }
 
-namespace {
-
-std::string DbgLog(const std::string& root) { return root + "/var/log/velmar/velmar.log"; }
-std::string UserLog(const std::string& root) { return root + "/var/log/velmar/user.log"; }
-
-}  // namespace
-
 LogCapture::LogCapture()
-    : m_root(SandboxRoot()),
-      m_dbgStart(ReadWholeFile(DbgLog(m_root)).size()),
-      m_userStart(ReadWholeFile(UserLog(m_root)).size()) {}
+    : m_dbg(SandboxRoot() + "/var/log/velmar/velmar.log"),
+      m_user(SandboxRoot() + "/var/log/velmar/user.log"),
+      m_dbgStart(ReadWholeFile(m_dbg).size()),
+      m_userStart(ReadWholeFile(m_user).size()) {}
 
 std::vector<LogCapture::UserRecord> LogCapture::UserRecords() const {
-  std::string data = ReadWholeFile(UserLog(m_root)).substr(m_userStart);
+  std::string data = ReadWholeFile(m_user).substr(m_userStart);
   std::vector<UserRecord> out;
   const uint8_t* b = reinterpret_cast<const uint8_t*>(data.data());
   for (size_t at = 0; at + 12 <= data.size();) {
@@ -91,7 +83,7 @@ std::vector<LogCapture::UserRecord> LogCapture::UserRecords() const {
 }
 
 int LogCapture::Count(const std::string& part) const {
-  std::istringstream text(ReadWholeFile(DbgLog(m_root)).substr(m_dbgStart));
+  std::istringstream text(ReadWholeFile(m_dbg).substr(m_dbgStart));
   int n = 0;
   for (std::string line; std::getline(text, line);) {
     if (!text.eof()) line += '\n';
@@ -129,29 +121,22 @@ int FakeStatus::GetStatus(STATUS_E which, void* buf) {
   memset(buf, 0, StatusRecordSize(which));
   if (failing[which]) return -1;
   uint8_t* b = static_cast<uint8_t*>(buf);
-  auto put32 = [](uint8_t* p, int32_t v) { memcpy(p, &v, 4); };
+  auto put32 = [](uint8_t* p, int32_t v) { return memcpy(p, &v, 4), 0; };
   switch (which) {
     case STATUS_RECORDER:
-      put32(b + 128, recorderStatus);
-      return 0;
+      return put32(b + 128, recorderStatus);
     case STATUS_MCU_VERSION:
-      CopyText(reinterpret_cast<char*>(b), 64, mcuVersion.c_str());
-      return 0;
+      return CopyText(reinterpret_cast<char*>(b), 64, mcuVersion.c_str()), 0;
     case STATUS_DEVICE:
-      put32(b, deviceType);
-      return 0;
+      return put32(b, deviceType);
     case STATUS_NETWORK:
-      put32(b, networkLink);
-      return 0;
-    case STATUS_DISK: {
-      int n = static_cast<int>(std::min<size_t>(disks.size(), 8));
-      put32(b, n);
-      for (int i = 0; i < n; ++i) {
+      return put32(b, networkLink);
+    case STATUS_DISK:
+      for (size_t i = 0; i < disks.size() && i < 8; ++i) {
         put32(b + 4 + 12 * i, disks[i].id);
         put32(b + 12 + 12 * i, disks[i].present);
       }
-      return 0;
-    }
+      return put32(b, static_cast<int32_t>(std::min<size_t>(disks.size(), 8)));
     case STATUS_PART_LIST_A:
     case STATUS_PART_LIST_B:
     case STATUS_PART_LIST_C:
@@ -195,19 +180,14 @@ int FakeShell::Run(const char* command, int seconds) {
   m_commands.Add({command, seconds});
   if (mustBeFree != nullptr) {
     auto got = std::make_shared<std::atomic<bool>>(false);
-    CLock* lock = mustBeFree;
-    std::thread taker([lock, got] {
+    std::thread([lock = mustBeFree, got] {  // ends once the holder lets go
       lock->Lock();
       lock->Unlock();
       *got = true;
-    });
+    })
+        .detach();
     for (int i = 0; i < 2000 && !*got; ++i) usleep(1000);
-    if (*got) {
-      taker.join();
-    } else {
-      ++m_lockedRuns;
-      taker.detach();  // it takes the lock once the holder lets go
-    }
+    m_lockedRuns += *got ? 0 : 1;
   }
   if (onCommand) onCommand(command);
   return result;
@@ -220,38 +200,9 @@ std::vector<std::string> FakeShell::Lines() const {
 }
 
 int FakeShell::Count(const std::string& part) const {
-  auto all = Commands();
-  return static_cast<int>(std::count_if(all.begin(), all.end(), [&](const auto& c) {
-    return c.first.find(part) != std::string::npos;
-  }));
-}
-
-int FakeFtpClient::FtpGetServerDirFile() {
-  std::lock_guard<std::mutex> g(script->mutex);
-  if (script->listResult < 0) return script->listResult;
-  m_data.entryCount = 0;
-  for (const FtpDirEntry_t& e : script->listing) {
-    if (m_data.entryCount < kFtpListCapacity) m_data.entries[m_data.entryCount++] = e;
-  }
-  return 0;
-}
-
-int FakeFtpClient::FtpWriteDate(int fd, const char* buf, int len, int) {
-  std::function<void(size_t)> hook;
-  size_t total;
-  {
-    std::lock_guard<std::mutex> g(script->mutex);
-    std::string& w = script->written;
-    if (fd != 99 ||
-        (script->writeFailAfter >= 0 && w.size() >= static_cast<size_t>(script->writeFailAfter))) {
-      return -1;
-    }
-    w.append(buf, static_cast<size_t>(len));
-    hook = script->onWrite;
-    total = w.size();
-  }
-  if (hook) hook(total);  // outside the lock: the hook may change the script
-  return len;
+  int n = 0;
+  for (auto& c : Commands()) n += c.first.find(part) != std::string::npos;
+  return n;
 }
 
 void FakeRecording::SetParam(int fps, int resolution, bool h265, int audioCodec, int standard) {

@@ -29,9 +29,8 @@ class TempRoot {
   void Write(const std::string& rel, const std::string& text) const;
 
  private:
-  std::string m_path;
-  std::string m_oldRoot;
-  bool m_hadRoot = false;
+  bool m_hadRoot;
+  std::string m_path, m_oldRoot;
 };
 
 // Points VELMAR_ROOT at a fresh directory whose log files are /dev/null, for fuzz targets
@@ -91,7 +90,7 @@ class LogCapture {
   int Count(const std::string& part) const;
 
  private:
-  std::string m_root;
+  std::string m_dbg, m_user;
   size_t m_dbgStart;
   size_t m_userStart;
 };
@@ -173,18 +172,17 @@ class FakeShell {
 // A task database of its own (SQLite under the test's root, like the host's) with fault
 // switches: a full disk fails every write, a corrupt database fails every call.
 class FaultyDb : public CFile2FtpDbMng {
+  using Base = CFile2FtpDbMng;
+  using Rows = std::list<__ftp_log>;
+
  public:
   bool full = false;
   bool corrupt = false;
   int OpenTable(const char* dir) override { return corrupt ? -1 : Base::OpenTable(dir); }
   int Insert(__ftp_log* row) override { return Bad() ? -1 : Base::Insert(row); }
-  int InsertMore(std::list<__ftp_log>& rows) override {
-    return Bad() ? -1 : Base::InsertMore(rows);
-  }
-  int SearchAll(std::list<__ftp_log>& rows) override {
-    return corrupt ? -1 : Base::SearchAll(rows);
-  }
-  int ReplaceBySeqAndType(int seq, unsigned char type, std::list<__ftp_log>& rows) override {
+  int InsertMore(Rows& rows) override { return Bad() ? -1 : Base::InsertMore(rows); }
+  int SearchAll(Rows& rows) override { return corrupt ? -1 : Base::SearchAll(rows); }
+  int ReplaceBySeqAndType(int seq, unsigned char type, Rows& rows) override {
     return Bad() ? -1 : Base::ReplaceBySeqAndType(seq, type, rows);
   }
   int DeleteBySeqAndType(int seq, unsigned char type) override {
@@ -192,7 +190,6 @@ class FaultyDb : public CFile2FtpDbMng {
   }
 
  private:
-  using Base = CFile2FtpDbMng;
   bool Bad() const { return full || corrupt; }
 };
 
