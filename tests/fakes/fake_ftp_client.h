@@ -21,8 +21,7 @@ class FakeFtpClient : public CFtpClient {
     int writeFailAfter = -1;  // FtpWriteDate fails once this many bytes were written (-1: never)
     std::function<void(size_t)> onWrite;  // called after each write with the total so far
     // Observed:
-    int starts = 0;
-    int closes = 0;
+    int starts = 0, closes = 0;
     std::vector<int> modes;  // modes of the data connections
     std::string written;     // bytes written, all sends together
     std::string dir, name;
@@ -30,13 +29,10 @@ class FakeFtpClient : public CFtpClient {
   static inline Script* script = nullptr;  // while an Installer lives
 
   // Makes a TestEnv hand out fake clients (with a fresh script) for the life of the object.
-  class Installer {
-   public:
+  struct Installer {
     Installer() { script = &m_script; }
     ~Installer() { script = nullptr; }
     Script& s() { return m_script; }
-
-   private:
     Script m_script;
   };
 

@@ -37,10 +37,7 @@ class FakeRecording {
   int failAfter = -1;  // a started read reports no frame after this many frames (-1: never)
 
   // What the stream did with the readers.
-  int created = 0;
-  int destroyed = 0;
-  int quits = 0;
-  int stops = 0;
+  int created = 0, destroyed = 0, quits = 0, stops = 0;
   std::vector<PartAccess_t> inits;
   std::vector<RecordItem_t> starts;
 

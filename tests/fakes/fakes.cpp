@@ -87,8 +87,7 @@ int LogCapture::Count(const std::string& part) const {
   int n = 0;
   for (std::string line; std::getline(text, line);) {
     if (!text.eof()) line += '\n';
-    // "YYYY-MM-DD hh:mm:ss.mmm [level] text" becomes "level text"; a line of a multi-line
-    // message stays as it is.
+    // "YYYY-MM-DD hh:mm:ss.mmm [level] text" becomes "level text"; continuation lines stay.
     size_t open = line.find(" [");
     size_t close = line.find("] ", open == std::string::npos ? 0 : open);
     if (open != std::string::npos && close != std::string::npos) {
@@ -106,15 +105,11 @@ PartEntry_t FakeStatus::Entry(int type, const std::string& path) {
   return e;
 }
 
-namespace {
-
-void Fill(PartStatus_t* list, const std::vector<PartEntry_t>& entries) {
+static void Fill(PartStatus_t* list, const std::vector<PartEntry_t>& entries) {
   for (const PartEntry_t& e : entries) {
     if (list->count < 8) list->part[list->count++] = e;
   }
 }
-
-}  // namespace
 
 int FakeStatus::GetStatus(STATUS_E which, void* buf) {
   std::lock_guard<std::mutex> g(mutex);

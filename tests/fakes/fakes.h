@@ -91,16 +91,14 @@ class LogCapture {
 
  private:
   std::string m_dbg, m_user;
-  size_t m_dbgStart;
-  size_t m_userStart;
+  size_t m_dbgStart, m_userStart;
 };
 
 // A status service whose answers the test sets. Fault switch: failing[which].
 class FakeStatus {
  public:
   struct Disk {
-    int id;
-    int present;
+    int id, present;
   };
   int GetStatus(STATUS_E which, void* buf);
   int SetStatus(STATUS_E which, void* buf);
@@ -114,11 +112,8 @@ class FakeStatus {
   std::vector<Disk> disks;                            // status 21
   std::map<int, std::vector<PartEntry_t>> mounts;     // usage code -> entries
   std::map<int, std::vector<PartEntry_t>> partLists;  // status 15/16/17 -> entries
-  int recorderStatus = 1;
-  int networkLink = 1;
-  int deviceType = 0;
+  int recorderStatus = 1, networkLink = 1, deviceType = 0, dog = 0;
   std::string mcuVersion;
-  int dog = 0;
   std::map<int, bool> failing;                    // also 1000 + usage: that usage's mounts
   std::vector<std::vector<uint8_t>> networkSets;  // blocks given to SetStatus(11)
   std::vector<std::string> upgrades;              // "code path" given to SetStatus(25)
