@@ -27,8 +27,7 @@ TempRoot::TempRoot() : m_hadRoot(getenv("VELMAR_ROOT") != nullptr) {
 }
 
 TempRoot::~TempRoot() {
-  std::string cmd = "rm -rf '" + m_path + "'";
-  if (m_path.rfind("/tmp/velmar-test-", 0) == 0) (void)!system(cmd.c_str());
+  if (m_path.rfind("/tmp/velmar-test-", 0) == 0) (void)!system(("rm -rf '" + m_path + "'").c_str());
   m_hadRoot ? setenv("VELMAR_ROOT", m_oldRoot.c_str(), 1) : unsetenv("VELMAR_ROOT");
 }
 
@@ -44,8 +43,7 @@ void TempRoot::Write(const std::string& rel, const std::string& text) const {
 
 void DiscardLogFiles() {
   static bool done = false;
-  if (done) return;
-  done = true;
+  if (std::exchange(done, true)) return;
   char tmpl[] = "/tmp/velmar-fuzz-XXXXXX";
   const char* dir = mkdtemp(tmpl);
   if (dir == nullptr) return;
