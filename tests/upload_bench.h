@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <utility>
 #include <vector>
@@ -12,8 +13,25 @@
 #include "platform/byteorder.h"
 #include "tests/fakes/fake_ftp_client.h"
 #include "tests/fakes/fakes.h"
-#include "tests/fakes/sample_task.h"
 #include "upload/ftp_upload_file_mng.h"
+
+// A valid, runnable task record: transfer on, any link, server 127.0.0.1:21 "/up", remote
+// directory "in" and name "remote.bin".
+inline ftpFileInfo_t SampleTask(uint32_t seq, const std::string& fullName, uint8_t type = 0) {
+  ftpFileInfo_t t{};
+  t.type = type;
+  t.seq = seq;
+  strncpy(t.fullName, fullName.c_str(), sizeof(t.fullName) - 1);
+  strcpy(t.fileName, "remote.bin");
+  strcpy(t.fileDir, "in");
+  t.valid = 1;
+  t.net = 7;
+  t.trans = 1;
+  t.server.port = 21;
+  strcpy(t.server.host, "127.0.0.1");
+  strcpy(t.server.path, "/up");
+  return t;
+}
 
 struct UploadBench {
   UploadBench() {

@@ -15,8 +15,11 @@ struct FakeFrame {
 
 class FakeRecording {
  public:
-  FakeRecording();
-  ~FakeRecording();
+  FakeRecording() {
+    current = this;
+    SetParam(25, 3);
+  }
+  ~FakeRecording() { current = nullptr; }
 
   // Sets the encode parameters GetInfo answers with.
   void SetParam(int fps, int resolution, bool h265 = false, int audioCodec = 0, int standard = 0);
@@ -34,16 +37,9 @@ class FakeRecording {
   int failAfter = -1;  // a started read reports no frame after this many frames (-1: never)
 
   // What the stream did with the readers.
-  int created = 0;
-  int destroyed = 0;
-  int quits = 0;
-  int stops = 0;
-  int seeks = 0;
+  int created = 0, destroyed = 0, quits = 0, stops = 0;
   std::vector<PartAccess_t> inits;
   std::vector<RecordItem_t> starts;
 
-  static FakeRecording* current;
+  static inline FakeRecording* current = nullptr;
 };
-
-// A reader of FakeRecording::current.
-CReadDisk* NewFakeReadDisk();

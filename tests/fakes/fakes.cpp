@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <memory>
@@ -16,10 +17,8 @@
 #include "tests/fakes/fake_ftp_client.h"
 #include "tests/fakes/fake_readdisk.h"
 
-TempRoot::TempRoot() {
-  const char* old = getenv("VELMAR_ROOT");
-  m_hadRoot = old != nullptr;
-  if (m_hadRoot) m_oldRoot = old;
+TempRoot::TempRoot() : m_hadRoot(getenv("VELMAR_ROOT") != nullptr) {
+  if (m_hadRoot) m_oldRoot = getenv("VELMAR_ROOT");
   char tmpl[] = "/tmp/velmar-test-XXXXXX";
   const char* dir = mkdtemp(tmpl);
   EXPECT_NE(dir, nullptr);
@@ -28,13 +27,8 @@ TempRoot::TempRoot() {
 }
 
 TempRoot::~TempRoot() {
-  std::string cmd = "rm -rf '" + m_path + "'";
-  if (m_path.rfind("/tmp/velmar-test-", 0) == 0) (void)!system(cmd.c_str());
-  if (m_hadRoot) {
-    setenv("VELMAR_ROOT", m_oldRoot.c_str(), 1);
-  } else {
-    unsetenv("VELMAR_ROOT");
-  }
+  if (m_path.rfind("/tmp/velmar-test-", 0) == 0) (void)!system(("rm -rf '" + m_path + "'").c_str());
+  m_hadRoot ? setenv("VELMAR_ROOT", m_oldRoot.c_str(), 1) : unsetenv("VELMAR_ROOT");
 }
 
 std::string TempRoot::Make(const std::string& rel) const {
@@ -49,8 +43,7 @@ void TempRoot::Write(const std::string& rel, const std::string& text) const {
 
 void DiscardLogFiles() {
   static bool done = false;
-  if (done) return;
-  done = true;
+  if (std::exchange(done, true)) return;
   char tmpl[] = "/tmp/velmar-fuzz-XXXXXX";
   const char* dir = mkdtemp(tmpl);
   if (dir == nullptr) return;
@@ -62,82 +55,22 @@ void DiscardLogFiles() {
 }
 
 std::string ReadWholeFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
   std::stringstream text;
-  text << in.rdbuf();
+  text << std::ifstream(path, std::ios::binary).rdbuf();
   return text.str();
 }
 
-int64_t FakeClock::NowMs() {
-  std::lock_guard<std::mutex> g(m_mutex);
-  return m_nowMs;
-}
-
-time_t FakeClock::WallSeconds() {
-  std::lock_guard<std::mutex> g(m_mutex);
-  return m_wallBase + static_cast<time_t>(m_nowMs / 1000);
-}
-
-void FakeClock::SleepUs(uint64_t us) {
-  std::lock_guard<std::mutex> g(m_mutex);
-  m_sleptUs += us;
-  m_nowMs += static_cast<int64_t>(us / 1000);
-}
-
-void FakeClock::AdvanceMs(int64_t ms) {
-  std::lock_guard<std::mutex> g(m_mutex);
-  m_nowMs += ms;
-}
-
-void FakeClock::SetMs(int64_t ms) {
-  std::lock_guard<std::mutex> g(m_mutex);
-  m_nowMs = ms;
-}
-
-uint64_t FakeClock::sleptUs() const {
-  std::lock_guard<std::mutex> g(m_mutex);
-  return m_sleptUs;
-}
-
-namespace {
-
-std::string DbgLogPath(const std::string& root) { return root + "/var/log/velmar/velmar.log"; }
-std::string UserLogPath(const std::string& root) { return root + "/var/log/velmar/user.log"; }
-
-}  // namespace
-
 LogCapture::LogCapture()
-    : m_root(SandboxRoot()),
-      m_dbgStart(ReadWholeFile(DbgLogPath(m_root)).size()),
-      m_userStart(ReadWholeFile(UserLogPath(m_root)).size()) {}
-
-std::vector<std::string> LogCapture::Lines() const {
-  std::string text = ReadWholeFile(DbgLogPath(m_root)).substr(m_dbgStart);
-  std::vector<std::string> lines;
-  size_t at = 0;
-  while (at < text.size()) {
-    size_t end = text.find('\n', at);
-    if (end == std::string::npos) end = text.size() - 1;
-    std::string line = text.substr(at, end + 1 - at);
-    at = end + 1;
-    // "YYYY-MM-DD hh:mm:ss.mmm [level] text": keep "level text".
-    size_t open = line.find(" [");
-    size_t close = line.find("] ", open == std::string::npos ? 0 : open);
-    if (open == std::string::npos || close == std::string::npos) {
-      lines.push_back(line);  // a line of a multi-line message
-      continue;
-    }
-    lines.push_back(line.substr(open + 2, close - open - 2) + " " + line.substr(close + 2));
-  }
-  return lines;
-}
+    : m_dbg(SandboxRoot() + "/var/log/velmar/velmar.log"),
+      m_user(SandboxRoot() + "/var/log/velmar/user.log"),
+      m_dbgStart(ReadWholeFile(m_dbg).size()),
+      m_userStart(ReadWholeFile(m_user).size()) {}
 
 std::vector<LogCapture::UserRecord> LogCapture::UserRecords() const {
-  std::string data = ReadWholeFile(UserLogPath(m_root)).substr(m_userStart);
+  std::string data = ReadWholeFile(m_user).substr(m_userStart);
   std::vector<UserRecord> out;
   const uint8_t* b = reinterpret_cast<const uint8_t*>(data.data());
-  size_t at = 0;
-  while (at + 12 <= data.size()) {
+  for (size_t at = 0; at + 12 <= data.size();) {
     uint32_t len = LoadLE32(b + at + 8);
     if (at + 12 + len > data.size()) break;
     out.push_back(
@@ -148,8 +81,18 @@ std::vector<LogCapture::UserRecord> LogCapture::UserRecords() const {
 }
 
 int LogCapture::Count(const std::string& part) const {
+  std::istringstream text(ReadWholeFile(m_dbg).substr(m_dbgStart));
   int n = 0;
-  for (const std::string& line : Lines()) n += line.find(part) != std::string::npos ? 1 : 0;
+  for (std::string line; std::getline(text, line);) {
+    if (!text.eof()) line += '\n';
+    // "YYYY-MM-DD hh:mm:ss.mmm [level] text" becomes "level text"; continuation lines stay.
+    size_t open = line.find(" [");
+    size_t close = line.find("] ", open == std::string::npos ? 0 : open);
+    if (open != std::string::npos && close != std::string::npos) {
+      line = line.substr(open + 2, close - open - 2) + " " + line.substr(close + 2);
+    }
+    n += line.find(part) != std::string::npos;
+  }
   return n;
 }
 
@@ -160,46 +103,38 @@ PartEntry_t FakeStatus::Entry(int type, const std::string& path) {
   return e;
 }
 
+static void Fill(PartStatus_t* list, const std::vector<PartEntry_t>& entries) {
+  for (const PartEntry_t& e : entries) {
+    if (list->count < 8) list->part[list->count++] = e;
+  }
+}
+
 int FakeStatus::GetStatus(STATUS_E which, void* buf) {
   std::lock_guard<std::mutex> g(mutex);
-  calls.push_back(which);
   memset(buf, 0, StatusRecordSize(which));
   if (failing[which]) return -1;
   uint8_t* b = static_cast<uint8_t*>(buf);
-  auto put32 = [](uint8_t* p, int32_t v) { memcpy(p, &v, 4); };
+  auto put32 = [](uint8_t* p, int32_t v) { return memcpy(p, &v, 4), 0; };
   switch (which) {
     case STATUS_RECORDER:
-      put32(b + 128, recorderStatus);
-      return 0;
+      return put32(b + 128, recorderStatus);
     case STATUS_MCU_VERSION:
-      CopyText(reinterpret_cast<char*>(b), 64, mcuVersion.c_str());
-      return 0;
+      return CopyText(reinterpret_cast<char*>(b), 64, mcuVersion.c_str()), 0;
     case STATUS_DEVICE:
-      put32(b, deviceType);
-      return 0;
+      return put32(b, deviceType);
     case STATUS_NETWORK:
-      put32(b, networkLink);
-      return 0;
-    case STATUS_DISK: {
-      int n = 0;
-      for (const Disk& d : disks) {
-        if (n == 8) break;
-        put32(b + 4 + 12 * n, d.id);
-        put32(b + 12 + 12 * n, d.present);
-        ++n;
+      return put32(b, networkLink);
+    case STATUS_DISK:
+      for (size_t i = 0; i < disks.size() && i < 8; ++i) {
+        put32(b + 4 + 12 * i, disks[i].id);
+        put32(b + 12 + 12 * i, disks[i].present);
       }
-      put32(b, n);
-      return 0;
-    }
+      return put32(b, static_cast<int32_t>(std::min<size_t>(disks.size(), 8)));
     case STATUS_PART_LIST_A:
     case STATUS_PART_LIST_B:
-    case STATUS_PART_LIST_C: {
-      PartStatus_t* list = static_cast<PartStatus_t*>(buf);
-      for (const PartEntry_t& e : partLists[which]) {
-        if (list->count < 8) list->part[list->count++] = e;
-      }
+    case STATUS_PART_LIST_C:
+      Fill(static_cast<PartStatus_t*>(buf), partLists[which]);
       return 0;
-    }
     default:
       return -1;
   }
@@ -210,92 +145,45 @@ int FakeStatus::SetStatus(STATUS_E which, void* buf) {
   if (which == STATUS_NETWORK) {
     const uint8_t* b = static_cast<const uint8_t*>(buf);
     networkSets.emplace_back(b, b + kStatusNetworkSize);
-    return 0;
-  }
-  if (which == STATUS_UPGRADE) {
+  } else if (which == STATUS_UPGRADE) {
     const UpgradeNotify_t* n = static_cast<const UpgradeNotify_t*>(buf);
     upgrades.push_back(std::to_string(n->code) + " " + std::string(n->path, n->length));
-    return 0;
+  } else {
+    return -1;
   }
-  return -1;
+  return 0;
 }
 
 int FakeStatus::GetDiskForCommUsage(LOG_STATUS_E usage, PartStatus_t* list) {
   std::lock_guard<std::mutex> g(mutex);
   memset(list, 0, sizeof(*list));
   if (failing[1000 + usage]) return -1;
-  for (const PartEntry_t& e : mounts[usage]) {
-    if (list->count < 8) list->part[list->count++] = e;
-  }
+  Fill(list, mounts[usage]);
   return 0;
 }
 
-int FakeStatus::CheckDog() {
-  std::lock_guard<std::mutex> g(mutex);
-  return dog;
-}
-
-int FakeBus::Distribute(EVENT_E event, int len, const void* data) {
-  std::lock_guard<std::mutex> g(m_mutex);
-  const uint8_t* b = static_cast<const uint8_t*>(data);
-  m_events.push_back({event, std::vector<uint8_t>(b, b + len)});
-  return 1;
-}
-
-std::vector<FakeBus::Event> FakeBus::Events() const {
-  std::lock_guard<std::mutex> g(m_mutex);
-  return m_events;
-}
-
 std::vector<FakeBus::Event> FakeBus::Events(EVENT_E event) const {
-  std::vector<Event> out;
-  for (const Event& e : Events()) {
-    if (e.event == event) out.push_back(e);
-  }
+  std::vector<Event> all = Events(), out;
+  std::copy_if(all.begin(), all.end(), std::back_inserter(out),
+               [event](const Event& e) { return e.event == event; });
   return out;
 }
 
-void FakeShell::CheckLockFree() {
-  if (mustBeFree == nullptr) return;
-  auto got = std::make_shared<std::atomic<bool>>(false);
-  CLock* lock = mustBeFree;
-  std::thread taker([lock, got] {
-    lock->Lock();
-    lock->Unlock();
-    *got = true;
-  });
-  for (int i = 0; i < 2000 && !*got; ++i) usleep(1000);
-  if (*got) {
-    taker.join();
-  } else {
-    ++m_lockedRuns;
-    taker.detach();  // it takes the lock once the holder lets go
+int FakeShell::Run(const char* command, int seconds) {
+  m_commands.Add({command, seconds});
+  if (mustBeFree != nullptr) {
+    auto got = std::make_shared<std::atomic<bool>>(false);
+    std::thread([lock = mustBeFree, got] {  // ends once the holder lets go
+      lock->Lock();
+      lock->Unlock();
+      *got = true;
+    })
+        .detach();
+    for (int i = 0; i < 2000 && !*got; ++i) usleep(1000);
+    m_lockedRuns += *got ? 0 : 1;
   }
-}
-
-int FakeShell::RunLimited(const char* command, int seconds) {
-  {
-    std::lock_guard<std::mutex> g(m_mutex);
-    m_commands.emplace_back(command, seconds);
-  }
-  CheckLockFree();
   if (onCommand) onCommand(command);
   return result;
-}
-
-int FakeShell::RunUnlimited(const char* command) {
-  {
-    std::lock_guard<std::mutex> g(m_mutex);
-    m_commands.emplace_back(command, -1);
-  }
-  CheckLockFree();
-  if (onCommand) onCommand(command);
-  return result;
-}
-
-std::vector<std::pair<std::string, int>> FakeShell::Commands() const {
-  std::lock_guard<std::mutex> g(m_mutex);
-  return m_commands;
 }
 
 std::vector<std::string> FakeShell::Lines() const {
@@ -310,27 +198,94 @@ int FakeShell::Count(const std::string& part) const {
   return n;
 }
 
-int FaultyDb::OpenTable(const char* mountDir) {
-  return corrupt ? -1 : CFile2FtpDbMng::OpenTable(mountDir);
+void FakeRecording::SetParam(int fps, int resolution, bool h265, int audioCodec, int standard) {
+  param = EncodeParam_t{};
+  param.fps = static_cast<uint8_t>(fps);
+  param.resolution = static_cast<uint8_t>(resolution);
+  param.codecFlags = h265 ? 1 : 0;
+  param.audioCodec = static_cast<uint8_t>(audioCodec);
+  param.standard = static_cast<uint32_t>(standard);
 }
-int FaultyDb::Insert(__ftp_log* row) { return full || corrupt ? -1 : CFile2FtpDbMng::Insert(row); }
-int FaultyDb::InsertMore(std::list<__ftp_log>& rows) {
-  return full || corrupt ? -1 : CFile2FtpDbMng::InsertMore(rows);
+
+void FakeRecording::Add(uint64_t time_us, uint32_t type, uint32_t len, uint8_t seed) {
+  FakeFrame f{time_us, type, std::vector<uint8_t>(len)};
+  for (uint32_t i = 0; i < len; ++i) f.data[i] = static_cast<uint8_t>(seed + i);
+  frames.push_back(std::move(f));
 }
-int FaultyDb::SearchAll(std::list<__ftp_log>& rows) {
-  return corrupt ? -1 : CFile2FtpDbMng::SearchAll(rows);
+
+void FakeRecording::AddInfo(uint64_t time_us, uint32_t subtype, uint8_t seed) {
+  Add(time_us, 5, 44, seed);
+  for (int i = 0; i < 4; ++i) frames.back().data[i] = static_cast<uint8_t>(subtype >> (8 * i));
 }
-int FaultyDb::ReplaceBySeqAndType(int seq, unsigned char type, std::list<__ftp_log>& rows) {
-  return full || corrupt ? -1 : CFile2FtpDbMng::ReplaceBySeqAndType(seq, type, rows);
-}
-int FaultyDb::DeleteBySeqAndType(int seq, unsigned char type) {
-  return full || corrupt ? -1 : CFile2FtpDbMng::DeleteBySeqAndType(seq, type);
-}
+
+namespace {
+
+// A reader of FakeRecording::current; a read handle is the index of the next frame and the
+// number of frames delivered since the read started.
+class FakeReadDisk : public CReadDisk {
+  using Handle = std::pair<size_t, int>;
+
+ public:
+  FakeReadDisk() { ++Rec()->created; }
+  ~FakeReadDisk() override { ++Rec()->destroyed; }
+  int Init(PartAccess_t* access) override {
+    Rec()->inits.push_back(*access);
+    return 0;
+  }
+  void* StartRead(int, RecordItem_t* item) override {
+    Rec()->starts.push_back(*item);
+    return Position(new Handle, item->start_time);
+  }
+  int GetInfo(EncodeParam_t* param, RecordItem_t*, int) override {
+    if (Rec()->failGetInfo) return -1;
+    *param = Rec()->param;
+    return 0;
+  }
+  int ReadFrame(void* handle, FrameInfo_t* info, void** data) override {
+    Handle* h = static_cast<Handle*>(handle);
+    if (h == nullptr || h->first >= Rec()->frames.size()) return -1;
+    if (Rec()->failAfter >= 0 && h->second >= Rec()->failAfter) return -1;
+    const FakeFrame& f = Rec()->frames[h->first++];
+    ++h->second;
+    info->time_us = f.time_us;
+    info->type = f.type;
+    info->length = static_cast<uint32_t>(f.data.size());
+    *data = malloc(f.data.size() + 1);
+    if (!f.data.empty()) memcpy(*data, f.data.data(), f.data.size());
+    return 0;
+  }
+  int SeekTime(void* handle, long* seconds) override {
+    Position(static_cast<Handle*>(handle), *seconds);
+    return 0;
+  }
+  int StopRead(void* handle) override {
+    ++Rec()->stops;
+    delete static_cast<Handle*>(handle);
+    return 0;
+  }
+  int Quit() override {
+    ++Rec()->quits;
+    return 0;
+  }
+
+ private:
+  // Moves h to the first frame at or after seconds.
+  Handle* Position(Handle* h, long seconds) {
+    uint64_t us = seconds < 0 ? 0 : static_cast<uint64_t>(seconds) * 1000000u;
+    const std::vector<FakeFrame>& frames = Rec()->frames;
+    *h = {0, 0};
+    while (h->first < frames.size() && frames[h->first].time_us < us) ++h->first;
+    return h;
+  }
+  static FakeRecording* Rec() { return FakeRecording::current; }
+};
+
+}  // namespace
 
 CFtpClient* TestEnv::NewFtpClient() {
   return FakeFtpClient::script != nullptr ? new FakeFtpClient() : target()->NewFtpClient();
 }
 
 CReadDisk* TestEnv::NewReadDisk() {
-  return FakeRecording::current != nullptr ? NewFakeReadDisk() : target()->NewReadDisk();
+  return FakeRecording::current != nullptr ? new FakeReadDisk : target()->NewReadDisk();
 }

@@ -8,6 +8,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/env.h"
@@ -25,13 +26,11 @@ class TempRoot {
   const std::string& path() const { return m_path; }
   // root + rel, with the directories leading to it created.
   std::string Make(const std::string& rel) const;
-  // Writes text to root + rel.
   void Write(const std::string& rel, const std::string& text) const;
 
  private:
-  std::string m_path;
-  std::string m_oldRoot;
-  bool m_hadRoot = false;
+  bool m_hadRoot;
+  std::string m_path, m_oldRoot;
 };
 
 // Points VELMAR_ROOT at a fresh directory whose log files are /dev/null, for fuzz targets
@@ -41,21 +40,40 @@ void DiscardLogFiles();
 // The whole content of a file; empty when it cannot be read.
 std::string ReadWholeFile(const std::string& path);
 
-// A clock that moves only when told to or when something sleeps on it.
-class FakeClock {
+// A list that any thread may append to while the test reads it.
+template <typename T>
+class Recorder {
  public:
-  int64_t NowMs();
-  time_t WallSeconds();
-  void SleepUs(uint64_t us);
-  void AdvanceMs(int64_t ms);
-  void SetMs(int64_t ms);
-  uint64_t sleptUs() const;
+  void Add(T item) {
+    std::lock_guard<std::mutex> g(m_mutex);
+    m_items.push_back(std::move(item));
+  }
+  std::vector<T> All() const {
+    std::lock_guard<std::mutex> g(m_mutex);
+    return m_items;
+  }
 
  private:
   mutable std::mutex m_mutex;
-  int64_t m_nowMs = 1000000;
-  time_t m_wallBase = 1700000000;
-  uint64_t m_sleptUs = 0;
+  std::vector<T> m_items;
+};
+
+// A clock that moves only when told to or when something sleeps on it.
+class FakeClock {
+ public:
+  int64_t NowMs() const { return m_nowMs; }
+  time_t WallSeconds() const { return 1700000000 + static_cast<time_t>(m_nowMs / 1000); }
+  void SleepUs(uint64_t us) {
+    m_nowMs += static_cast<int64_t>(us / 1000);  // first: whoever sees the sleep sees the time
+    m_sleptUs += us;
+  }
+  void AdvanceMs(int64_t ms) { m_nowMs += ms; }
+  void SetMs(int64_t ms) { m_nowMs = ms; }
+  uint64_t sleptUs() const { return m_sleptUs; }
+
+ private:
+  std::atomic<int64_t> m_nowMs{1000000};
+  std::atomic<uint64_t> m_sleptUs{0};
 };
 
 // The debug-log and user-log lines the current sandbox root received since construction.
@@ -67,43 +85,38 @@ class LogCapture {
     std::string data;
   };
   LogCapture();
-  // Debug lines as "level text", without the time stamp.
-  std::vector<std::string> Lines() const;
   std::vector<UserRecord> UserRecords() const;
-  // Number of debug lines that contain part.
+  // Number of debug lines whose "level text" (time stamp dropped, newline kept) contains part.
   int Count(const std::string& part) const;
 
  private:
-  std::string m_root;
-  size_t m_dbgStart;
-  size_t m_userStart;
+  std::string m_dbg, m_user;
+  size_t m_dbgStart, m_userStart;
 };
 
 // A status service whose answers the test sets. Fault switch: failing[which].
 class FakeStatus {
  public:
   struct Disk {
-    int id;
-    int present;
+    int id, present;
   };
   int GetStatus(STATUS_E which, void* buf);
   int SetStatus(STATUS_E which, void* buf);
   int GetDiskForCommUsage(LOG_STATUS_E usage, PartStatus_t* list);
-  int CheckDog();
+  int CheckDog() {
+    std::lock_guard<std::mutex> g(mutex);
+    return dog;
+  }
 
   std::mutex mutex;                                   // guards everything below
   std::vector<Disk> disks;                            // status 21
   std::map<int, std::vector<PartEntry_t>> mounts;     // usage code -> entries
   std::map<int, std::vector<PartEntry_t>> partLists;  // status 15/16/17 -> entries
-  int recorderStatus = 1;
-  int networkLink = 1;
-  int deviceType = 0;
+  int recorderStatus = 1, networkLink = 1, deviceType = 0, dog = 0;
   std::string mcuVersion;
-  int dog = 0;
-  std::map<int, bool> failing;
+  std::map<int, bool> failing;                    // also 1000 + usage: that usage's mounts
   std::vector<std::vector<uint8_t>> networkSets;  // blocks given to SetStatus(11)
   std::vector<std::string> upgrades;              // "code path" given to SetStatus(25)
-  std::vector<int> calls;                         // status codes asked, in order
 
   static PartEntry_t Entry(int type, const std::string& path);
 };
@@ -115,21 +128,24 @@ class FakeBus {
     EVENT_E event;
     std::vector<uint8_t> payload;
   };
-  int Distribute(EVENT_E event, int len, const void* data);
-  std::vector<Event> Events() const;
+  int Distribute(EVENT_E event, int len, const void* data) {
+    const uint8_t* b = static_cast<const uint8_t*>(data);
+    m_events.Add({event, std::vector<uint8_t>(b, b + len)});
+    return 1;
+  }
+  std::vector<Event> Events() const { return m_events.All(); }
   std::vector<Event> Events(EVENT_E event) const;
 
  private:
-  mutable std::mutex m_mutex;
-  std::vector<Event> m_events;
+  Recorder<Event> m_events;
 };
 
 // Records command lines instead of running them; answers with `result`.
 class FakeShell {
  public:
-  int RunLimited(const char* command, int seconds);
-  int RunUnlimited(const char* command);
-  std::vector<std::pair<std::string, int>> Commands() const;  // (command, limit; -1 none)
+  // seconds is the time limit; -1 for none.
+  int Run(const char* command, int seconds);
+  std::vector<std::pair<std::string, int>> Commands() const { return m_commands.All(); }
   // The same as "command @limit", one text each, for comparing whole sequences.
   std::vector<std::string> Lines() const;
   // Number of command lines that contain part.
@@ -144,24 +160,32 @@ class FakeShell {
   int LockedRuns() const { return m_lockedRuns; }
 
  private:
-  void CheckLockFree();
-  mutable std::mutex m_mutex;
   std::atomic<int> m_lockedRuns{0};
-  std::vector<std::pair<std::string, int>> m_commands;
+  Recorder<std::pair<std::string, int>> m_commands;
 };
 
 // A task database of its own (SQLite under the test's root, like the host's) with fault
-// switches: a full disk fails every write, a busy or corrupt database fails every call.
+// switches: a full disk fails every write, a corrupt database fails every call.
 class FaultyDb : public CFile2FtpDbMng {
+  using Base = CFile2FtpDbMng;
+  using Rows = std::list<__ftp_log>;
+
  public:
-  bool full = false;     // writes fail
-  bool corrupt = false;  // every call fails, as on a database that is not one
-  int OpenTable(const char* mountDir) override;
-  int Insert(__ftp_log* row) override;
-  int InsertMore(std::list<__ftp_log>& rows) override;
-  int SearchAll(std::list<__ftp_log>& rows) override;
-  int ReplaceBySeqAndType(int seq, unsigned char type, std::list<__ftp_log>& rows) override;
-  int DeleteBySeqAndType(int seq, unsigned char type) override;
+  bool full = false;
+  bool corrupt = false;
+  int OpenTable(const char* dir) override { return corrupt ? -1 : Base::OpenTable(dir); }
+  int Insert(__ftp_log* row) override { return Bad() ? -1 : Base::Insert(row); }
+  int InsertMore(Rows& rows) override { return Bad() ? -1 : Base::InsertMore(rows); }
+  int SearchAll(Rows& rows) override { return corrupt ? -1 : Base::SearchAll(rows); }
+  int ReplaceBySeqAndType(int seq, unsigned char type, Rows& rows) override {
+    return Bad() ? -1 : Base::ReplaceBySeqAndType(seq, type, rows);
+  }
+  int DeleteBySeqAndType(int seq, unsigned char type) override {
+    return Bad() ? -1 : Base::DeleteBySeqAndType(seq, type);
+  }
+
+ private:
+  bool Bad() const { return full || corrupt; }
 };
 
 // The Env of a test: each role whose fake is plugged in answers from it, the others are the
@@ -194,10 +218,10 @@ class TestEnv : public EnvWrapper {
     return bus ? bus->Distribute(event, len, data) : target()->DistributeEvent(event, len, data);
   }
   int RunCommand(const char* command, int seconds) override {
-    return shell ? shell->RunLimited(command, seconds) : target()->RunCommand(command, seconds);
+    return shell ? shell->Run(command, seconds) : target()->RunCommand(command, seconds);
   }
   int RunCommandUnlimited(const char* command) override {
-    return shell ? shell->RunUnlimited(command) : target()->RunCommandUnlimited(command);
+    return shell ? shell->Run(command, -1) : target()->RunCommandUnlimited(command);
   }
   CFile2FtpDbMng* TaskDb() override { return db ? db : target()->TaskDb(); }
   CFtpClient* NewFtpClient() override;

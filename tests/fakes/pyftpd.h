@@ -11,14 +11,6 @@
 #include <string>
 #include <vector>
 
-inline std::string ServerScript() {
-  const char* src = getenv("VELMAR_SOURCE_DIR");
-  if (src != nullptr) return std::string(src) + "/tests/servers/ftpd.py";
-  std::string here = __FILE__;
-  return here.substr(0, here.rfind('/')) + "/../servers/ftpd.py";
-}
-
-// pyftpdlib serving root; killed and reaped on destruction.
 class PyFtpd {
  public:
   PyFtpd(const std::string& root, const std::vector<std::string>& extra) {
@@ -29,7 +21,11 @@ class PyFtpd {
       dup2(out[1], 1);
       close(out[0]);
       close(out[1]);
-      std::vector<std::string> args = {"/usr/bin/python3", ServerScript(), "--root", root,
+      const char* src = getenv("VELMAR_SOURCE_DIR");
+      std::string here = __FILE__;
+      std::string script = src != nullptr ? std::string(src) + "/tests/servers/ftpd.py"
+                                          : here.substr(0, here.rfind('/')) + "/../servers/ftpd.py";
+      std::vector<std::string> args = {"/usr/bin/python3", script, "--root", root,
                                        "--lifetime",       "120"};
       args.insert(args.end(), extra.begin(), extra.end());
       std::vector<char*> argv;
