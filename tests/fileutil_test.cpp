@@ -14,7 +14,6 @@
 #include <cstring>
 #include <string>
 #include <tuple>
-#include <vector>
 
 #include "platform/file2ftpdb.h"
 #include "platform/host/atomic_file.h"
@@ -33,6 +32,7 @@ TEST(SystemDumpTest, CommandsEndWithTheirStatusAllTheyStartedAndNoDescriptorOfOu
   TempRoot root;
   const int fd = open((root.path() + "/open").c_str(), O_WRONLY | O_CREAT, 0644);  // inheritable
   const std::string arg = "100." + std::to_string(getpid()), sleeper = "sleep " + arg + " & wait";
+  ASSERT_GE(fd, 3);
   const std::string leak =
       "[ -e /proc/self/fd/" + std::to_string(fd) +
       " ] && exit 3; [ \"$(readlink /proc/self/fd/0)\" = /dev/null ] || exit 4";
