@@ -15,12 +15,11 @@
 
 namespace {
 
-// Starts a session, lists the directory when asked to, and uploads bytes in 16384-byte blocks
-// as the upload engine does (mode 0 stores anew, 1 appends). Returns the listing as
+// Starts a session in the server's root, lists it, and uploads bytes to name in 16384-byte
+// blocks as the upload engine does (mode 0 stores anew, 1 appends). Returns the listing as
 // "name:size|..." in name order, or "failed" at the first call that fails.
-std::string Session(const PyFtpd& server, const char* host, const char* password, const char* path,
-                    const char* dir, const char* name, bool list, int mode,
-                    const std::string& bytes) {
+std::string Session(const PyFtpd& server, const char* host, const char* password, const char* name,
+                    int mode, const std::string& bytes) {
   std::unique_ptr<CFtpClient> c(NewFtpClient());
   c->Init(WriteDbgLog);
   UserDefServerSet_t s{};
@@ -28,10 +27,10 @@ std::string Session(const PyFtpd& server, const char* host, const char* password
   CopyText(s.host, sizeof(s.host), host);
   CopyText(s.user, sizeof(s.user), "user");
   CopyText(s.password, sizeof(s.password), password);
-  CopyText(s.path, sizeof(s.path), path);
+  CopyText(s.path, sizeof(s.path), "/");
   c->FtpSetServerInfo(&s);
-  c->FtpSetLocalInfo(dir, name);
-  if (c->FtpStart() != 0 || (list && c->FtpGetServerDirFile() != 0)) return "failed";
+  c->FtpSetLocalInfo("", name);
+  if (c->FtpStart() != 0 || c->FtpGetServerDirFile() != 0) return "failed";
   const FtpClientData_t* d = c->FtpGetClientData();
   std::set<std::string> entries;  // in name order
   for (int i = 0; i < d->entryCount; ++i) {
@@ -58,18 +57,17 @@ TEST(FtpClientServerTest, ListsAppendsStoresAndRefusesAWrongPassword) {
   root.Write("/store/with space.bin", std::string(5000, 'y'));
   root.Write("/store/subdir/in.bin", "not listed");
   PyFtpd mlsd(store, {}), list(store, {"--no-mlsd"});
-  ASSERT_GT(mlsd.port(), 0) << "pyftpdlib did not start";
-  ASSERT_GT(list.port(), 0) << "pyftpdlib did not start";
+  ASSERT_TRUE(mlsd.port() > 0 && list.port() > 0) << "pyftpdlib did not start";
 
   // "localhost" may resolve to ::1 first, where nothing listens: the next address is tried.
-  EXPECT_EQ(Session(mlsd, "localhost", "secret", "/", "", "part.bin", true, 1, local.substr(1000)),
+  EXPECT_EQ(Session(mlsd, "localhost", "secret", "part.bin", 1, local.substr(1000)),
             "empty.txt:0|part.bin:1000|with space.bin:5000");
   EXPECT_EQ(ReadWholeFile(store + "/part.bin"), local);
-  EXPECT_EQ(Session(list, "127.0.0.1", "secret", "", "", "new.bin", true, 0, local),
+  EXPECT_EQ(Session(list, "127.0.0.1", "secret", "new.bin", 0, local),
             "empty.txt:0|part.bin:" + std::to_string(local.size()) + "|with space.bin:5000");
   EXPECT_EQ(ReadWholeFile(store + "/new.bin"), local);
 
-  EXPECT_EQ(Session(mlsd, "127.0.0.1", "wrong", "/", "", "a", true, 0, ""), "failed");
+  EXPECT_EQ(Session(mlsd, "127.0.0.1", "wrong", "a", 0, ""), "failed");
   EXPECT_EQ(log.Count("login refused"), 1);  // not a connect or protocol failure
 }
 

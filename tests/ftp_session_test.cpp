@@ -64,11 +64,7 @@ struct Server : FtpTransport, FtpClock {
     }
   }
   int64_t NowMs() override { return now; }
-  int TimeOut(int ms, const char* what, std::string* err) {
-    now += ms;
-    *err = what;
-    return -1;
-  }
+  int TimeOut(int ms, const char* what, std::string* err) { return now += ms, *err = what, -1; }
   std::unique_ptr<FtpConn> Connect(const std::string& host, int port, int timeoutMs,
                                    std::string* err) override {
     EXPECT_EQ(host + ":" + std::to_string(port), "ftp.example:21");
