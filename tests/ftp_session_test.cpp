@@ -136,7 +136,7 @@ std::vector<Case> Cases() {
     {"the longest reply line", "S", "-1", "220 " + std::string(kFtpMaxReplyLine - 4, 'x') +
      "\n>USER u", 30000},
     {"multi-line replies; the path is joined, then walked and made", "SC", "0 0",
-     "220-Welcome\n220-second line\n220x not the end\n 220 indented\n220 ready\n>USER u\n331-user\n"
+     "220-Welcome\n220x not the end\n 220 indented\n331 not the end\n220 ready\n>USER u\n331-user\n"
      "331 password\n>PASS p\n230-Hello\n230 in\n>TYPE I\n200\n>CWD up/day\n550\n>CWD up\n250\n"
      ">CWD day\n550\n>MKD day\n257 \"day\" made\n>CWD day\n250\n>QUIT\n221-bye\n221 bye", 0, kNone,
      "", "up/", "/day/"},
