@@ -2,7 +2,6 @@
 // temporary directory, one offering MLSD and one only LIST, each killed when the test ends.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <memory>
 #include <set>
 #include <string>
