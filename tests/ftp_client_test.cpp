@@ -1,14 +1,10 @@
-// The host FTP client over real sockets against pyftpdlib on 127.0.0.1, started per test on a
-// free port over a temporary directory and stopped by the fixture.
+// The host FTP client over real sockets against pyftpdlib on 127.0.0.1: two servers over one
+// temporary directory, one offering MLSD and one only LIST, each killed when the test ends.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
-#include <cstring>
-#include <fstream>
-#include <map>
 #include <memory>
+#include <set>
 #include <string>
-#include <vector>
 
 #include "platform/ftpclient.h"
 #include "platform/log.h"
@@ -18,109 +14,60 @@
 
 namespace {
 
-std::string Bytes(size_t n, unsigned seed) {
-  std::string s(n, '\0');
-  for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>((i * seed) % 251);
-  return s;
-}
-
-// Writes bytes on the open data connection in 16384-byte blocks, as the upload engine does.
-// Returns the number of failed writes.
-int SendBlocks(CFtpClient* c, int fd, const std::string& bytes) {
-  int failures = 0;
-  for (size_t off = 0; off < bytes.size(); off += 16384) {
+// Starts a session in the server's root, lists it, and uploads bytes to name in 16384-byte
+// blocks as the upload engine does (mode 0 stores anew, 1 appends). Returns the listing as
+// "name:size|..." in name order, or "failed" at the first call that fails.
+std::string Session(const PyFtpd& server, const char* host, const char* password, const char* name,
+                    int mode, const std::string& bytes) {
+  std::unique_ptr<CFtpClient> c(NewFtpClient());
+  c->Init(WriteDbgLog);
+  UserDefServerSet_t s{};
+  s.port = static_cast<uint16_t>(server.port());
+  CopyText(s.host, sizeof(s.host), host);
+  CopyText(s.user, sizeof(s.user), "user");
+  CopyText(s.password, sizeof(s.password), password);
+  CopyText(s.path, sizeof(s.path), "/");
+  c->FtpSetServerInfo(&s);
+  c->FtpSetLocalInfo("", name);
+  if (c->FtpStart() != 0 || c->FtpGetServerDirFile() != 0) return "failed";
+  const FtpClientData_t* d = c->FtpGetClientData();
+  std::set<std::string> entries;  // in name order
+  for (int i = 0; i < d->entryCount; ++i) {
+    entries.insert(std::string(d->entries[i].name) + ":" + std::to_string(d->entries[i].size));
+  }
+  std::string listed;
+  for (const std::string& e : entries) listed += (listed.empty() ? "" : "|") + e;
+  int fd = c->FtpCreateDateSockFd(mode);
+  for (size_t off = 0; fd >= 0 && off < bytes.size(); off += 16384) {
     int n = static_cast<int>(std::min<size_t>(16384, bytes.size() - off));
-    if (c->FtpWriteDate(fd, bytes.data() + off, n, 10) != n) ++failures;
+    if (c->FtpWriteDate(fd, bytes.data() + off, n, 10) != n) fd = -1;
   }
-  return failures;
+  return fd >= 0 && c->FtpClose() == 0 ? listed : "failed";
 }
 
-std::map<std::string, int> Listed(CFtpClient* c) {
-  std::map<std::string, int> out;
-  FtpClientData_t* d = c->FtpGetClientData();
-  for (int i = 0; i < d->entryCount; ++i) out[d->entries[i].name] = d->entries[i].size;
-  return out;
-}
+TEST(FtpClientServerTest, ListsAppendsStoresAndRefusesAWrongPassword) {
+  TempRoot root;
+  LogCapture log;
+  const std::string store = root.path() + "/store";
+  std::string local(3 * 16384 + 999, '\0');
+  for (size_t i = 0; i < local.size(); ++i) local[i] = static_cast<char>(i * 13 % 251);
+  root.Write("/store/part.bin", local.substr(0, 1000));
+  root.Write("/store/empty.txt", "");
+  root.Write("/store/with space.bin", std::string(5000, 'y'));
+  root.Write("/store/subdir/in.bin", "not listed");
+  PyFtpd mlsd(store, {}), list(store, {"--no-mlsd"});
+  ASSERT_TRUE(mlsd.port() > 0 && list.port() > 0) << "pyftpdlib did not start";
 
-class FtpClientServerTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    m_store = m_root.path() + "/store";
-    mkdir(m_store.c_str(), 0755);
-  }
+  // "localhost" may resolve to ::1 first, where nothing listens: the next address is tried.
+  EXPECT_EQ(Session(mlsd, "localhost", "secret", "part.bin", 1, local.substr(1000)),
+            "empty.txt:0|part.bin:1000|with space.bin:5000");
+  EXPECT_EQ(ReadWholeFile(store + "/part.bin"), local);
+  EXPECT_EQ(Session(list, "127.0.0.1", "secret", "new.bin", 0, local),
+            "empty.txt:0|part.bin:" + std::to_string(local.size()) + "|with space.bin:5000");
+  EXPECT_EQ(ReadWholeFile(store + "/new.bin"), local);
 
-  void StartServer(const std::vector<std::string>& extra = {}) {
-    m_server.reset(new PyFtpd(m_store, extra));
-    ASSERT_GT(m_server->port(), 0) << "pyftpdlib did not start";
-  }
-
-  std::unique_ptr<CFtpClient> Client(const char* path, const char* dir, const char* name,
-                                     const char* password = "secret",
-                                     const char* host = "127.0.0.1") {
-    std::unique_ptr<CFtpClient> c(NewFtpClient());
-    c->Init(WriteDbgLog);
-    UserDefServerSet_t s;
-    memset(&s, 0, sizeof(s));
-    s.port = static_cast<uint16_t>(m_server->port());
-    CopyText(s.host, sizeof(s.host), host);
-    CopyText(s.user, sizeof(s.user), "user");
-    CopyText(s.password, sizeof(s.password), password);
-    CopyText(s.path, sizeof(s.path), path);
-    c->FtpSetServerInfo(&s);
-    c->FtpSetLocalInfo(dir, name);
-    return c;
-  }
-
-  TempRoot m_root;
-  LogCapture m_log;
-  std::string m_store;
-  std::unique_ptr<PyFtpd> m_server;
-};
-
-TEST_F(FtpClientServerTest, ListsAppendsAndStoresANewFile) {
-  const std::string local = Bytes(3 * 16384 + 999, 13);
-  std::ofstream(m_store + "/part.bin", std::ios::binary) << local.substr(0, 1000);
-  std::ofstream(m_store + "/empty.txt");
-  std::ofstream(m_store + "/with space.bin") << std::string(5000, 'y');
-  mkdir((m_store + "/subdir").c_str(), 0755);
-  const std::map<std::string, int> expected = {
-      {"empty.txt", 0}, {"part.bin", 1000}, {"with space.bin", 5000}};
-  for (bool mlsd : {false, true}) {
-    SCOPED_TRACE(mlsd ? "MLSD" : "LIST");
-    StartServer(mlsd ? std::vector<std::string>{} : std::vector<std::string>{"--no-mlsd"});
-    // "localhost" may resolve to ::1 first, where nothing listens: the next address is tried.
-    auto c = Client("/", "", "part.bin", "secret", "localhost");
-    ASSERT_EQ(c->FtpStart(), 0);
-    ASSERT_EQ(c->FtpGetServerDirFile(), 0);
-    EXPECT_EQ(Listed(c.get()), expected);
-    EXPECT_EQ(c->FtpClose(), 0);
-  }
-
-  auto c = Client("", "", "part.bin");
-  ASSERT_EQ(c->FtpStart(), 0);
-  int fd = c->FtpCreateDateSockFd(1);
-  ASSERT_GE(fd, 0);
-  EXPECT_EQ(SendBlocks(c.get(), fd, local.substr(1000)), 0);
-  EXPECT_EQ(c->FtpClose(), 0);
-  EXPECT_EQ(ReadWholeFile(m_store + "/part.bin"), local);
-
-  const std::string clip = Bytes(5 * 16384 + 123, 7);
-  mkdir((m_store + "/base").c_str(), 0755);
-  c = Client("/base/", "2024/01//31", "clip.avi");
-  ASSERT_EQ(c->FtpStart(), 0);
-  fd = c->FtpCreateDateSockFd(0);
-  ASSERT_GE(fd, 0);
-  EXPECT_EQ(SendBlocks(c.get(), fd, clip), 0);
-  EXPECT_EQ(c->FtpClose(), 0);
-  EXPECT_EQ(ReadWholeFile(m_store + "/base/2024/01/31/clip.avi"), clip);
-}
-
-TEST_F(FtpClientServerTest, WrongPasswordIsRefused) {
-  StartServer();
-  auto c = Client("/", "", "a", "wrong");
-  EXPECT_EQ(c->FtpStart(), -1);
-  EXPECT_EQ(m_log.Count("login refused"), 1);  // not a connect or protocol failure
-  EXPECT_EQ(c->FtpGetServerDirFile(), -1);
+  EXPECT_EQ(Session(mlsd, "127.0.0.1", "wrong", "a", 0, ""), "failed");
+  EXPECT_EQ(log.Count("login refused"), 1);  // not a connect or protocol failure
 }
 
 }  // namespace
