@@ -3,8 +3,9 @@
 // Scope: one record per stream, touched only by the thread that reads the stream, so it needs no
 // lock, and a stream's bytes do not depend on what other streams read. It starts as zeros at
 // open; the pre-scan at open updates the stream's own record, so that afterwards it already
-// holds the values a full reading leaves, and a seek keeps it. Reading a stream again therefore
-// gives identical bytes, and a resumed upload (a new stream) sends what the first one would.
+// holds the values a full reading leaves. A seek restores the record as it stood after open, so
+// reading a stream again gives identical bytes, and a resumed upload (a new stream) sends what
+// the first one would.
 #include <cstring>
 #include <ctime>
 

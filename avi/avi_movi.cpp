@@ -170,10 +170,10 @@ int CReadAvi::ReadAviRead(AviFileInfo_t* h, uint8_t** data, int32_t* length, int
 }
 
 // Regenerates the file from its first byte up to offset, so that chunk offsets and index
-// entries after a seek are exactly those of an uninterrupted reading. The info record is kept:
-// it already holds the values a reading of the span leaves (after the pre-scan, or after the
-// stream was read to the end), and lengths never depend on it. A resumed upload opens a new
-// stream, so it sends the bytes the first attempt would have sent.
+// entries after a seek are exactly those of an uninterrupted reading. The info record goes back
+// to what it was at open (after the pre-scan, where there is one), so the info chunks repeat
+// too, however far the stream had been read. A resumed upload opens a new stream, so it sends
+// the bytes the first attempt would have sent.
 int CReadAvi::ReadAviSeek(AviFileInfo_t* h, uint32_t offset) {
   if (h == nullptr) return -1;
   memset(h->out_buf, 0, kAviOutBufLen);
@@ -185,6 +185,7 @@ int CReadAvi::ReadAviSeek(AviFileInfo_t* h, uint32_t offset) {
   h->idx1_count = h->idx1_cursor = h->widx_count = h->widx_cursor = 0;
   h->frames_done = 0;
   h->video_framecount = 0;
+  memcpy(h->bt_record, h->bt_record_open, sizeof(h->bt_record));
   long start = static_cast<long>(h->item->start_time);
   h->reader->SeekTime(h->read_handle, &start);
 

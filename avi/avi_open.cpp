@@ -216,6 +216,7 @@ int CReadAvi::ReadAviInit(AviFileInfo_t* h, const RecordItem_t* item, const Part
 
   h->out_buf = static_cast<uint8_t*>(calloc(1, kAviOutBufLen));
   if (h->out_buf == nullptr) return -1;
+  memcpy(h->bt_record_open, h->bt_record, sizeof(h->bt_record_open));
   printf("filelen = %u, headlen = %u, movilen = %u, idx1len = %u, widxlen = %u, recordsize = %d\n",
          h->filelen, h->headlen, h->movilen, h->idx1len, h->widxlen,
          static_cast<int>(item->record_size));

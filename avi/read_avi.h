@@ -92,8 +92,10 @@ struct AviFileInfo_t {
   uint32_t out_len;
   uint32_t out_read;
 
-  // The persistent info record of the type-5 frames, kept per stream (see avi_info.cpp).
+  // The persistent info record of the type-5 frames, kept per stream (see avi_info.cpp), and
+  // the record as it stood when the stream was opened, which every seek restores.
   uint8_t bt_record[kAviInfoRecordLen];
+  uint8_t bt_record_open[kAviInfoRecordLen];
 };
 
 class Env;

@@ -321,6 +321,18 @@ TEST_F(AviTest, IndexesComeInBlocksOfAtMostOneMebibyte) {
 
 TEST_F(AviTest, SeekReproducesAnUninterruptedReading) {
   AddFrames(rec, kMixed);
+  // Estimated (type 0, the info record starts empty) and measured (type 1, pre-scanned): after
+  // a reading that stopped half-way, and one to the end, a seek to 0 gives the same bytes.
+  for (int type : {0, 1}) {
+    ASSERT_NE(nullptr, Open(4, type, 400000));
+    const Bytes first = ReadAll().bytes;
+    for (size_t reads : {size_t{40}, SIZE_MAX}) {
+      ASSERT_EQ(0, avi.ReadAviSeek(h, 0));
+      ReadAll(16384, reads);
+      ASSERT_EQ(0, avi.ReadAviSeek(h, 0));
+      EXPECT_TRUE(first == ReadAll().bytes) << "type " << type << ", reads " << reads;
+    }
+  }
   ASSERT_NE(nullptr, Open(4));
   const AviFile whole = ReadAll();
   const uint32_t len = static_cast<uint32_t>(whole.bytes.size());
