@@ -155,7 +155,7 @@ class FakeShell {
   // download that lands a file). Set before the code under test runs.
   std::function<void(const std::string&)> onCommand;
   // When set, every command checks that another thread can take *mustBeFree while the
-  // command runs; LockedRuns() counts the commands for which it could not (within 2 s).
+  // command runs; LockedRuns() counts the commands for which it could not (within 30 s).
   CLock* mustBeFree = nullptr;
   int LockedRuns() const { return m_lockedRuns; }
 
