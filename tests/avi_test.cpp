@@ -36,10 +36,10 @@ uint32_t PayloadLen(const FakeFrame& f) {
   return subtype == 1 ? 24 : (subtype == 0 || subtype == 2 ? 68 : 0);
 }
 
-// Adds the frames of spec: "type:length" ("*n": n such frames) or "i<subtype>" (an info frame);
+// Adds the frames a list describes: "type:length" ("*n": n such frames) or "i<subtype>" (an info frame);
 // "!n" makes the reader fail after n frames. Frame k is 1 ms after frame k - 1, its seed k.
-void AddFrames(FakeRecording& r, const char* spec) {
-  std::istringstream in(spec);
+void AddFrames(FakeRecording& r, const char* list) {
+  std::istringstream in(list);
   for (std::string item; in >> item;) {
     unsigned type = 0, len = 0, times = 1;
     if (item[0] == '!') r.failAfter = std::stoi(item.substr(1));
