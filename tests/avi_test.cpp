@@ -36,8 +36,9 @@ uint32_t PayloadLen(const FakeFrame& f) {
   return subtype == 1 ? 24 : (subtype == 0 || subtype == 2 ? 68 : 0);
 }
 
-// Adds the frames a list describes: "type:length" ("*n": n such frames) or "i<subtype>" (an info frame);
-// "!n" makes the reader fail after n frames. Frame k is 1 ms after frame k - 1, its seed k.
+// Adds the frames a list describes: "type:length" ("*n": n such frames) or "i<subtype>" (an
+// info frame); "!n" makes the reader fail after n frames. Frame k is 1 ms after frame k - 1, its
+// seed k.
 void AddFrames(FakeRecording& r, const char* list) {
   std::istringstream in(list);
   for (std::string item; in >> item;) {
