@@ -132,15 +132,11 @@ int FakeStatus::GetStatus(STATUS_E which, void* buf) {
 
 int FakeStatus::SetStatus(STATUS_E which, void* buf) {
   std::lock_guard<std::mutex> g(mutex);
-  if (which == STATUS_NETWORK) {
-    const uint8_t* b = static_cast<const uint8_t*>(buf);
-    networkSets.emplace_back(b, b + kStatusNetworkSize);
-  } else if (which == STATUS_UPGRADE) {
-    const UpgradeNotify_t* n = static_cast<const UpgradeNotify_t*>(buf);
-    upgrades.push_back(std::to_string(n->code) + " " + std::string(n->path, n->length));
-  } else {
-    return -1;
-  }
+  const uint8_t* b = static_cast<const uint8_t*>(buf);
+  const UpgradeNotify_t* n = static_cast<const UpgradeNotify_t*>(buf);
+  if (which == STATUS_NETWORK) return networkSets.emplace_back(b, b + kStatusNetworkSize), 0;
+  if (which != STATUS_UPGRADE) return -1;
+  upgrades.push_back(std::to_string(n->code) + " " + std::string(n->path, n->length));
   return 0;
 }
 
@@ -188,12 +184,10 @@ int FakeShell::Count(const std::string& part) const {
 }
 
 void FakeRecording::SetParam(int fps, int resolution, bool h265, int audioCodec, int standard) {
-  param = EncodeParam_t{};
-  param.fps = static_cast<uint8_t>(fps);
-  param.resolution = static_cast<uint8_t>(resolution);
-  param.codecFlags = h265 ? 1 : 0;
-  param.audioCodec = static_cast<uint8_t>(audioCodec);
-  param.standard = static_cast<uint32_t>(standard);
+  auto u8 = [](int v) { return static_cast<uint8_t>(v); };
+  param = {
+      {}, u8(h265), u8(fps), u8(resolution), u8(audioCodec), {}, static_cast<uint32_t>(standard),
+      {}};
 }
 
 void FakeRecording::Add(uint64_t time_us, uint32_t type, uint32_t len, uint8_t seed) {
