@@ -55,7 +55,7 @@ TEST(FtpClientServerTest, ListsAppendsStoresAndRefusesAWrongPassword) {
   root.Write("/store/empty.txt", "");
   root.Write("/store/with space.bin", std::string(5000, 'y'));
   root.Write("/store/subdir/in.bin", "not listed");
-  PyFtpd mlsd(store, {}), list(store, {"--no-mlsd"});
+  PyFtpd mlsd(store), list(store, "--no-mlsd");
   ASSERT_TRUE(mlsd.port() > 0 && list.port() > 0) << "pyftpdlib did not start";
 
   // "localhost" may resolve to ::1 first, where nothing listens: the next address is tried.

@@ -4,11 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <string>
-#include <utility>
-#include <vector>
-
 #include "control/ftp_ctrl_mng.h"
 #include "platform/byteorder.h"
 #include "tests/fakes/fake_ftp_client.h"

@@ -1,6 +1,7 @@
 // A scripted FTP client for engine tests: the listing, the failures and what was written.
 #pragma once
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <mutex>
@@ -59,10 +60,9 @@ class FakeFtpClient : public CFtpClient {
   int FtpGetServerDirFile() override {
     std::lock_guard<std::mutex> g(script->mutex);
     if (script->listResult < 0) return script->listResult;
-    m_data.entryCount = 0;
-    for (const FtpDirEntry_t& e : script->listing) {
-      if (m_data.entryCount < kFtpListCapacity) m_data.entries[m_data.entryCount++] = e;
-    }
+    m_data.entryCount =
+        static_cast<int32_t>(std::min<size_t>(script->listing.size(), kFtpListCapacity));
+    std::copy_n(script->listing.begin(), m_data.entryCount, m_data.entries);
     return 0;
   }
   FtpClientData_t* FtpGetClientData() override { return &m_data; }

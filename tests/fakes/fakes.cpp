@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <numeric>
 #include <sstream>
 #include <thread>
 
@@ -42,16 +43,11 @@ void TempRoot::Write(const std::string& rel, const std::string& text) const {
 }
 
 void DiscardLogFiles() {
-  static bool done = false;
-  if (std::exchange(done, true)) return;
-  char tmpl[] = "/tmp/velmar-fuzz-XXXXXX";
-  const char* dir = mkdtemp(tmpl);
-  if (dir == nullptr) return;
-  std::string logs = std::string(dir) + "/var/log/velmar";
-  MakeDirs(logs.c_str());
-  (void)!symlink("/dev/null", (logs + "/velmar.log").c_str());
-  (void)!symlink("/dev/null", (logs + "/user.log").c_str());
-  setenv("VELMAR_ROOT", dir, 1);
+  static TempRoot* root = nullptr;  // kept for the life of the process
+  if (root != nullptr) return;
+  root = new TempRoot;
+  (void)!symlink("/dev/null", root->Make("/var/log/velmar/velmar.log").c_str());
+  (void)!symlink("/dev/null", root->Make("/var/log/velmar/user.log").c_str());
 }
 
 std::string ReadWholeFile(const std::string& path) {
@@ -84,14 +80,8 @@ int LogCapture::Count(const std::string& part) const {
   std::istringstream text(ReadWholeFile(m_dbg).substr(m_dbgStart));
   int n = 0;
   for (std::string line; std::getline(text, line);) {
-    if (!text.eof()) line += '\n';
-    // "YYYY-MM-DD hh:mm:ss.mmm [level] text" becomes "level text"; continuation lines stay.
-    size_t open = line.find(" [");
-    size_t close = line.find("] ", open == std::string::npos ? 0 : open);
-    if (open != std::string::npos && close != std::string::npos) {
-      line = line.substr(open + 2, close - open - 2) + " " + line.substr(close + 2);
-    }
-    n += line.find(part) != std::string::npos;
+    size_t stamp = line.find(" [");  // "YYYY-MM-DD hh:mm:ss.mmm [level] text"
+    n += line.find(part, stamp == std::string::npos ? 0 : stamp) != std::string::npos;
   }
   return n;
 }
@@ -142,28 +132,23 @@ int FakeStatus::GetStatus(STATUS_E which, void* buf) {
 
 int FakeStatus::SetStatus(STATUS_E which, void* buf) {
   std::lock_guard<std::mutex> g(mutex);
-  if (which == STATUS_NETWORK) {
-    const uint8_t* b = static_cast<const uint8_t*>(buf);
-    networkSets.emplace_back(b, b + kStatusNetworkSize);
-  } else if (which == STATUS_UPGRADE) {
-    const UpgradeNotify_t* n = static_cast<const UpgradeNotify_t*>(buf);
-    upgrades.push_back(std::to_string(n->code) + " " + std::string(n->path, n->length));
-  } else {
-    return -1;
-  }
+  const uint8_t* b = static_cast<const uint8_t*>(buf);
+  const UpgradeNotify_t* n = static_cast<const UpgradeNotify_t*>(buf);
+  if (which == STATUS_NETWORK) return networkSets.emplace_back(b, b + kStatusNetworkSize), 0;
+  if (which != STATUS_UPGRADE) return -1;
+  upgrades.push_back(std::to_string(n->code) + " " + std::string(n->path, n->length));
   return 0;
 }
 
 int FakeStatus::GetDiskForCommUsage(LOG_STATUS_E usage, PartStatus_t* list) {
   std::lock_guard<std::mutex> g(mutex);
   memset(list, 0, sizeof(*list));
-  if (failing[1000 + usage]) return -1;
   Fill(list, mounts[usage]);
   return 0;
 }
 
 std::vector<FakeBus::Event> FakeBus::Events(EVENT_E event) const {
-  std::vector<Event> all = Events(), out;
+  std::vector<Event> all = m_events.All(), out;
   std::copy_if(all.begin(), all.end(), std::back_inserter(out),
                [event](const Event& e) { return e.event == event; });
   return out;
@@ -188,29 +173,26 @@ int FakeShell::Run(const char* command, int seconds) {
 
 std::vector<std::string> FakeShell::Lines() const {
   std::vector<std::string> out;
-  for (auto& c : Commands()) out.push_back(c.first + " @" + std::to_string(c.second));
+  for (auto& c : m_commands.All()) out.push_back(c.first + " @" + std::to_string(c.second));
   return out;
 }
 
 int FakeShell::Count(const std::string& part) const {
   int n = 0;
-  for (auto& c : Commands()) n += c.first.find(part) != std::string::npos;
+  for (auto& c : m_commands.All()) n += c.first.find(part) != std::string::npos;
   return n;
 }
 
 void FakeRecording::SetParam(int fps, int resolution, bool h265, int audioCodec, int standard) {
-  param = EncodeParam_t{};
-  param.fps = static_cast<uint8_t>(fps);
-  param.resolution = static_cast<uint8_t>(resolution);
-  param.codecFlags = h265 ? 1 : 0;
-  param.audioCodec = static_cast<uint8_t>(audioCodec);
-  param.standard = static_cast<uint32_t>(standard);
+  auto u8 = [](int v) { return static_cast<uint8_t>(v); };
+  param = {
+      {}, u8(h265), u8(fps), u8(resolution), u8(audioCodec), {}, static_cast<uint32_t>(standard),
+      {}};
 }
 
 void FakeRecording::Add(uint64_t time_us, uint32_t type, uint32_t len, uint8_t seed) {
-  FakeFrame f{time_us, type, std::vector<uint8_t>(len)};
-  for (uint32_t i = 0; i < len; ++i) f.data[i] = static_cast<uint8_t>(seed + i);
-  frames.push_back(std::move(f));
+  frames.push_back({time_us, type, std::vector<uint8_t>(len)});
+  std::iota(frames.back().data.begin(), frames.back().data.end(), seed);
 }
 
 void FakeRecording::AddInfo(uint64_t time_us, uint32_t subtype, uint8_t seed) {
@@ -228,18 +210,13 @@ class FakeReadDisk : public CReadDisk {
  public:
   FakeReadDisk() { ++Rec()->created; }
   ~FakeReadDisk() override { ++Rec()->destroyed; }
-  int Init(PartAccess_t* access) override {
-    Rec()->inits.push_back(*access);
-    return 0;
-  }
+  int Init(PartAccess_t* access) override { return Rec()->inits.push_back(*access), 0; }
   void* StartRead(int, RecordItem_t* item) override {
     Rec()->starts.push_back(*item);
     return Position(new Handle, item->start_time);
   }
   int GetInfo(EncodeParam_t* param, RecordItem_t*, int) override {
-    if (Rec()->failGetInfo) return -1;
-    *param = Rec()->param;
-    return 0;
+    return Rec()->failGetInfo ? -1 : (*param = Rec()->param, 0);
   }
   int ReadFrame(void* handle, FrameInfo_t* info, void** data) override {
     Handle* h = static_cast<Handle*>(handle);
@@ -255,26 +232,22 @@ class FakeReadDisk : public CReadDisk {
     return 0;
   }
   int SeekTime(void* handle, long* seconds) override {
-    Position(static_cast<Handle*>(handle), *seconds);
-    return 0;
+    return Position(static_cast<Handle*>(handle), *seconds), 0;
   }
   int StopRead(void* handle) override {
-    ++Rec()->stops;
     delete static_cast<Handle*>(handle);
-    return 0;
+    return ++Rec()->stops, 0;
   }
-  int Quit() override {
-    ++Rec()->quits;
-    return 0;
-  }
+  int Quit() override { return ++Rec()->quits, 0; }
 
  private:
   // Moves h to the first frame at or after seconds.
   Handle* Position(Handle* h, long seconds) {
     uint64_t us = seconds < 0 ? 0 : static_cast<uint64_t>(seconds) * 1000000u;
     const std::vector<FakeFrame>& frames = Rec()->frames;
-    *h = {0, 0};
-    while (h->first < frames.size() && frames[h->first].time_us < us) ++h->first;
+    auto at = std::find_if(frames.begin(), frames.end(),
+                           [us](const FakeFrame& f) { return f.time_us >= us; });
+    *h = {static_cast<size_t>(at - frames.begin()), 0};
     return h;
   }
   static FakeRecording* Rec() { return FakeRecording::current; }

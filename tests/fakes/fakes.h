@@ -86,7 +86,7 @@ class LogCapture {
   };
   LogCapture();
   std::vector<UserRecord> UserRecords() const;
-  // Number of debug lines whose "level text" (time stamp dropped, newline kept) contains part.
+  // Number of debug lines whose text after the time stamp contains part.
   int Count(const std::string& part) const;
 
  private:
@@ -114,14 +114,13 @@ class FakeStatus {
   std::map<int, std::vector<PartEntry_t>> partLists;  // status 15/16/17 -> entries
   int recorderStatus = 1, networkLink = 1, deviceType = 0, dog = 0;
   std::string mcuVersion;
-  std::map<int, bool> failing;                    // also 1000 + usage: that usage's mounts
+  std::map<int, bool> failing;                    // status code -> GetStatus fails
   std::vector<std::vector<uint8_t>> networkSets;  // blocks given to SetStatus(11)
   std::vector<std::string> upgrades;              // "code path" given to SetStatus(25)
 
   static PartEntry_t Entry(int type, const std::string& path);
 };
 
-// Captures distributed events.
 class FakeBus {
  public:
   struct Event {
@@ -133,20 +132,17 @@ class FakeBus {
     m_events.Add({event, std::vector<uint8_t>(b, b + len)});
     return 1;
   }
-  std::vector<Event> Events() const { return m_events.All(); }
   std::vector<Event> Events(EVENT_E event) const;
 
  private:
   Recorder<Event> m_events;
 };
 
-// Records command lines instead of running them; answers with `result`.
+// Records command lines ("command @limit", -1: none) instead of running them; answers with
+// `result`.
 class FakeShell {
  public:
-  // seconds is the time limit; -1 for none.
   int Run(const char* command, int seconds);
-  std::vector<std::pair<std::string, int>> Commands() const { return m_commands.All(); }
-  // The same as "command @limit", one text each, for comparing whole sequences.
   std::vector<std::string> Lines() const;
   // Number of command lines that contain part.
   int Count(const std::string& part) const;

@@ -9,11 +9,11 @@
 
 #include <cstdlib>
 #include <string>
-#include <vector>
 
 class PyFtpd {
  public:
-  PyFtpd(const std::string& root, const std::vector<std::string>& extra) {
+  // extra: one more option for the server, or none.
+  explicit PyFtpd(const std::string& root, const char* extra = nullptr) {
     int out[2];
     if (pipe(out) != 0) return;
     m_pid = fork();
@@ -21,17 +21,10 @@ class PyFtpd {
       dup2(out[1], 1);
       close(out[0]);
       close(out[1]);
-      const char* src = getenv("VELMAR_SOURCE_DIR");
-      std::string here = __FILE__;
-      std::string script = src != nullptr ? std::string(src) + "/tests/servers/ftpd.py"
-                                          : here.substr(0, here.rfind('/')) + "/../servers/ftpd.py";
-      std::vector<std::string> args = {"/usr/bin/python3", script, "--root", root,
-                                       "--lifetime",       "120"};
-      args.insert(args.end(), extra.begin(), extra.end());
-      std::vector<char*> argv;
-      for (std::string& a : args) argv.push_back(&a[0]);
-      argv.push_back(nullptr);
-      execv(argv[0], argv.data());
+      std::string here = __FILE__;  // absolute in our builds
+      std::string script = here.substr(0, here.rfind('/')) + "/../servers/ftpd.py";
+      execl("/usr/bin/python3", "python3", script.c_str(), "--root", root.c_str(), "--lifetime",
+            "120", extra, nullptr);
       _exit(127);
     }
     close(out[1]);
