@@ -17,25 +17,14 @@ struct PictureSize {
   uint32_t height480;  // height otherwise
 };
 
+// Indexed by resolution code; codes 6, 7 and those past the table have no size.
+const PictureSize kPictureSizes[] = {{704, 576, 480}, {704, 288, 240},  {352, 288, 240},
+                                     {640, 480, 480}, {1280, 720, 720}, {1920, 1080, 1080},
+                                     {0, 0, 0},       {0, 0, 0},        {320, 240, 240}};
+
 PictureSize SizeOfResolution(uint32_t code) {
-  switch (code) {
-    case 0:
-      return {704, 576, 480};
-    case 1:
-      return {704, 288, 240};
-    case 2:
-      return {352, 288, 240};
-    case 3:
-      return {640, 480, 480};
-    case 4:
-      return {1280, 720, 720};
-    case 5:
-      return {1920, 1080, 1080};
-    case 8:
-      return {320, 240, 240};
-    default:
-      return {0, 0, 0};  // 6, 7 and unknown codes have no size
-  }
+  const uint32_t count = sizeof(kPictureSizes) / sizeof(kPictureSizes[0]);
+  return code < count ? kPictureSizes[code] : PictureSize{0, 0, 0};
 }
 
 // Looks the partition id up in the status lists 15, 17 and 16, in this order. On a match copies
