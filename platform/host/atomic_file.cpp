@@ -6,19 +6,19 @@
 #include <cerrno>
 #include <cstdio>
 
-namespace {
-
-// Writes all len bytes, resuming after a signal or a short write.
-bool WriteAll(int fd, const char* data, size_t len) {
+bool WriteAll(int fd, const void* data, size_t len) {
+  const char* at = static_cast<const char*>(data);
   while (len > 0) {
-    ssize_t n = write(fd, data, len);
+    ssize_t n = write(fd, at, len);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return false;
-    data += n;
+    at += n;
     len -= static_cast<size_t>(n);
   }
   return true;
 }
+
+namespace {
 
 bool SyncDirectory(const std::string& dir) {
   int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -41,7 +41,7 @@ int ReplaceFileAtomically(const std::string& path, const void* data, size_t len)
   unlink(tmp.c_str());
   int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
   if (fd < 0) return -1;
-  bool ok = WriteAll(fd, static_cast<const char*>(data), len) && fsync(fd) == 0;
+  bool ok = WriteAll(fd, data, len) && fsync(fd) == 0;
   ok = close(fd) == 0 && ok;
   if (!ok || rename(tmp.c_str(), path.c_str()) != 0) {
     unlink(tmp.c_str());

@@ -12,3 +12,7 @@
 // when only the final sync of the directory failed (the new content is in place but may not
 // survive a power cut).
 int ReplaceFileAtomically(const std::string& path, const void* data, size_t len);
+
+// Writes all len bytes to fd, resuming after a signal or a short write. False when a write
+// failed or wrote nothing.
+bool WriteAll(int fd, const void* data, size_t len);

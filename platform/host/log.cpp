@@ -12,6 +12,7 @@
 
 #include "platform/byteorder.h"
 #include "platform/fileutil.h"
+#include "platform/host/atomic_file.h"
 #include "platform/paths.h"
 #include "platform/thread.h"
 
@@ -37,15 +38,6 @@ int AppendFd(LogFile* file, const char* devicePath) REQUIRES(g_fileMutex) {
   file->fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
   file->path = path;
   return file->fd;
-}
-
-void WriteAll(int fd, const char* data, size_t len) {
-  while (len > 0) {
-    ssize_t n = write(fd, data, len);
-    if (n <= 0) return;
-    data += n;
-    len -= static_cast<size_t>(n);
-  }
 }
 
 }  // namespace
