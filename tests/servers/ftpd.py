@@ -1,11 +1,11 @@
 """An FTP server for the client's integration tests (pyftpdlib).
 
-Serves --root for one user on --host (127.0.0.1 unless told, "::1" for IPv6), on a free port that it prints as the first line of
-standard output. Ends by itself after --lifetime seconds in case the test that started it
-does not stop it. --no-mlsd hides MLST/MLSD so that the client has to use LIST; --perm sets the user's
-pyftpdlib permissions (without "l" the server refuses listings). --events FILE appends a line
-per upload command ("STOR path" / "APPE path") and per finished upload ("closed path size"),
-so that a test can wait for a transfer to end instead of for a quiet period.
+Serves --root for user/secret on 127.0.0.1, on a free port (or --port) that it prints as the
+first line of standard output. Ends by itself after --lifetime seconds in case the test that
+started it does not stop it. --no-mlsd hides MLST/MLSD so that the client has to use LIST.
+--throttle limits uploads to that many bytes a second. --events FILE appends a line per upload
+command ("STOR path" / "APPE path") and per finished upload ("closed path size"), so that a
+test can wait for a transfer to end instead of for a quiet period.
 """
 import argparse
 import logging
@@ -21,20 +21,16 @@ from pyftpdlib.servers import FTPServer
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--root", required=True)
-    ap.add_argument("--user", default="user")
-    ap.add_argument("--password", default="secret")
     ap.add_argument("--lifetime", type=float, default=120.0)
     ap.add_argument("--no-mlsd", action="store_true")
-    ap.add_argument("--perm", default="elradfmwMT")
-    ap.add_argument("--host", default="127.0.0.1")
     ap.add_argument("--port", type=int, default=0)
-    ap.add_argument("--throttle", type=int, default=0, help="upload limit in bytes/s")
+    ap.add_argument("--throttle", type=int, default=0)
     ap.add_argument("--events", default="")
     args = ap.parse_args()
 
     logging.basicConfig(level=logging.WARNING)
     authorizer = DummyAuthorizer()
-    authorizer.add_user(args.user, args.password, args.root, perm=args.perm)
+    authorizer.add_user("user", "secret", args.root, perm="elradfmwMT")
 
     proto = dict(FTPHandler.proto_cmds)
     if args.no_mlsd:
@@ -56,8 +52,7 @@ def main():
         def on_file_received(self, file):
             event("closed %s %d" % (file, os.path.getsize(file)))
 
-        def on_incomplete_file_received(self, file):
-            event("closed %s %d" % (file, os.path.getsize(file)))
+        on_incomplete_file_received = on_file_received
 
     if args.throttle > 0:
         class Throttled(ThrottledDTPHandler):
@@ -67,7 +62,7 @@ def main():
     Handler.passive_ports = None
     Handler.auth_failed_timeout = 0.1
     FTPServer.allow_reuse_address = True
-    server = FTPServer((args.host, args.port), Handler)
+    server = FTPServer(("127.0.0.1", args.port), Handler)
     print(server.address[1], flush=True)
 
     timer = threading.Timer(args.lifetime, lambda: os._exit(3))

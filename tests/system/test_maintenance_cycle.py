@@ -8,7 +8,7 @@ import os
 import tarfile
 import unittest
 
-from harness import FtpServer, SandboxRoot, Velmar, velmarctl, wait_until
+from harness import FtpServer, SandboxRoot, Velmar, read, velmarctl, wait_until
 
 PACKAGE = "VLM-1.0.4-2.4-20261201-A.sw"
 NEW_DEVICE = "200456"
@@ -82,21 +82,19 @@ class MaintenanceCycleTest(unittest.TestCase):
         # First pass: 3 steps to the parsed list, then two steps (6 s apart) per entry.
         self.assertTrue(wait_until(lambda: os.path.exists(marker), 120, step=1),
                         self.velmar.log()[-4000:])
-        with open(self.root.under("/etc/velmar/config/jtbase.xml")) as f:
-            self.assertIn('deviceNo="%s"' % NEW_DEVICE, f.read())
-        uploaded = sorted(n for n in os.listdir(self.served) if "_dbglog-" in n)
-        self.assertEqual(uploaded, sorted("%s_%s" % (NEW_DEVICE, os.path.basename(p))
-                                          for p in IN_SPAN))
-        for p in IN_SPAN:
-            with open(os.path.join(self.served, "%s_%s" % (NEW_DEVICE, os.path.basename(p)))) as f:
-                self.assertEqual(f.read(), "log of %s\n" % p)
+        jtbase = read(self.root.under("/etc/velmar/config/jtbase.xml"))
+        self.assertIn('deviceNo="%s"' % NEW_DEVICE, jtbase)
+        # Exactly the logs in the span, named after the new device number, with their content.
+        uploaded = {n: read(os.path.join(self.served, n)) for n in os.listdir(self.served)
+                    if "_dbglog-" in n}
+        self.assertEqual(uploaded, {"%s_%s" % (NEW_DEVICE, os.path.basename(p)): "log of %s\n" % p
+                                    for p in IN_SPAN})
         # The disk report of type 10 was written and removed again.
-        self.assertIn("diskaccess", open(self.velmar.out_path, "rb").read().decode("utf-8", "replace"))
+        self.assertIn("diskaccess", read(self.velmar.out_path))
         self.assertEqual(sorted(os.listdir(self.root.under("/mnt/sd1/debug"))),
                          sorted(os.path.basename(p) for p in IN_SPAN + OUT_OF_SPAN if "/sd1/" in p))
         package = self.root.under("/mnt/sd1/" + PACKAGE)
-        with open(self.root.under("/run/velmar/status.xml")) as f:
-            self.assertIn(package, f.read())
+        self.assertIn(package, read(self.root.under("/run/velmar/status.xml")))
         self.assertEqual(os.path.getsize(package), 8000)
         self.assertFalse(os.path.exists(self.root.under("/tmp/config")))  # removed after import
 
@@ -118,15 +116,9 @@ class MaintenanceCycleTest(unittest.TestCase):
         r = velmarctl(self.root, "server", "--server", self.second.url("/"))
         self.assertEqual(r.returncode, 0, r.stderr)
         local_list = self.root.under("/mnt/sd1/FileList.xml")
-        with open(os.path.join(self.second.root_dir, "FileList.xml")) as f:
-            second_list = f.read()
-
-        def fetched():
-            if not os.path.exists(local_list):
-                return False
-            with open(local_list) as f:
-                return f.read() == second_list
-        self.assertTrue(wait_until(fetched, 30), self.velmar.log()[-4000:])
+        second_list = read(os.path.join(self.second.root_dir, "FileList.xml"))
+        self.assertTrue(wait_until(lambda: os.path.exists(local_list) and
+                                   read(local_list) == second_list, 30), self.velmar.log()[-4000:])
         self.assertTrue(wait_until(lambda: os.path.exists(marker2), 60, step=1),
                         self.velmar.log()[-4000:])
         self.assertTrue(self.velmar.alive())
