@@ -1,18 +1,27 @@
-// The maintenance manager on in-memory fakes: file lists and their judging, the loaders, command
-// files, configuration archives, the cycle and its thread. A recorder of device type 3, no. 150.
+// Maintenance: device-number scopes, the server's dates and the ftpget/ftpput command lines; the
+// maintenance manager and the debug-log upload on in-memory fakes (file lists and their judging,
+// the loaders, command files, configuration archives, the cycle and its thread). A recorder of
+// device type 3, no. 150.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <cstring>
 #include <future>
 #include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
+#include "dbglog/upload_log.h"
 #include "maintain/command_files.h"
 #include "maintain/ftp_maintain_mng.h"
+#include "rules/date_text.h"
+#include "rules/scope.h"
+#include "rules/shell_words.h"
 #include "tests/fakes/fakes.h"
 
 namespace {
@@ -20,24 +29,140 @@ namespace {
 using Lines = std::vector<std::string>;
 const char kFar[] = "20991231-235959";
 
-// A tar archive built member by member, so that a test can write what no tar tool would.
-std::string Tar(const std::vector<std::vector<std::string>>& members) {  // name, type, link
+TEST(RulesTest, ScopeWalksTheRangesUntilOneHoldsTheDevice) {
+  const std::string big = "99999999999999999999", huge = big + "~" + big, tiny = "-" + big + "~-5";
+  // walked: "lo~hi " of each range examined
+  const std::tuple<const char*, long long, bool, std::string> cases[] = {
+      {"100~200", 200, true, "100~200 "},
+      {"100~200", 201, false, "100~200 "},
+      {"100~200", 99, false, "100~200 "},
+      {"100~200;", 201, false, "100~200 "},
+      {"1~2;140~160;9~9", 150, true, "1~2 140~160 "},
+      {"150", 150, false, "150~0 "},
+      {"abc", 0, true, "0~0 "},
+      {";5~6", 5, true, "0~0 5~6 "},
+      {"", 0, false, ""},
+      {nullptr, 0, false, ""},
+      {tiny.c_str(), LLONG_MIN, true, "-9223372036854775808~-5 "},
+      {huge.c_str(), LLONG_MAX, true, "9223372036854775807~9223372036854775807 "}};
+  for (const auto& [scope, deviceNo, in, walked] : cases) {
+    std::string seen;
+    EXPECT_EQ(InScope(scope, deviceNo,
+                      [&seen](const char*, long long lo, long long hi) {
+                        seen += std::to_string(lo) + "~" + std::to_string(hi) + " ";
+                      }),
+              in)
+        << (scope ? scope : "null") << " " << deviceNo;
+    EXPECT_EQ(seen, walked) << (scope ? scope : "null");
+  }
+}
+
+TEST(RulesTest, DatesAndSpansReadAsFarAsTheyGo) {
+  // A span when the fields are twelve.
+  const std::tuple<const char*, int, std::vector<int32_t>> cases[] = {
+      {"20240131-235958 and more", 6, {24, 1, 31, 23, 59, 58}},
+      {"20240131-2359", 5, {24, 1, 31, 23, 59, 0}},
+      {"19991231-235959", 0, {0, 0, 0, 0, 0, 0}},
+      {nullptr, 0, {0, 0, 0, 0, 0, 0}},
+      {"", 0, {0, 0, 0, 0, 0, 0}},
+      {"20240101-000000~20241231-235959", 12, {24, 1, 1, 0, 0, 0, 24, 12, 31, 23, 59, 59}},
+      {"20240101-000000~20241231", 9, {24, 1, 1, 0, 0, 0, 24, 12, 31, 0, 0, 0}},
+      {"20240101-000000 ~20241231", 6, {24, 1, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0}},
+      {"20240101-0000~20241231-235959", 5, {24, 1, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0}}};
+  for (const auto& [text, read, fields] : cases) {
+    std::vector<int32_t> f(12, -7);
+    EXPECT_EQ(fields.size() == 12 ? ReadDateSpan2000(text, f.data()) : ReadDate2000(text, f.data()),
+              read)
+        << (text ? text : "null");
+    f.resize(fields.size());
+    EXPECT_EQ(f, fields) << (text ? text : "null");
+  }
+  auto at = [](int32_t y, int32_t mo, int32_t d, int32_t s) {
+    const int32_t f[6] = {y, mo, d, 3, 14, s};
+    return LocalTime2000(f);
+  };
+  // Past a 32-bit time_t; a day; fields carry over; the first year; out of range.
+  EXPECT_EQ(std::vector<int64_t>({at(38, 1, 19, 8) - at(38, 1, 19, 7),
+                                  at(99, 12, 31, 0) - at(99, 12, 30, 0),
+                                  at(24, 1, 32, 0) - at(24, 2, 1, 0), at(0, 1, 1, 0) > 0,
+                                  at(24, 1, 1, 100001), at(INT32_MIN, 1, 1, 0)}),
+            std::vector<int64_t>({1, 86400, 0, 1, -1, -1}));
+}
+
+TEST(RulesTest, FtpCommandHandsEachValueOverAsOneArgumentAndNamesArePlain) {
+  for (const char* bad : {"../etc/passwd", "/etc/passwd", "a/b.sw", "x;reboot.sw", "$(id).sw",
+                          "-rf", ".hidden", "a b.sw", "a`id`.sw", "..sw", "~root", "a=~", ""}) {
+    EXPECT_FALSE(IsSafeFileName(bad)) << bad;
+  }
+  EXPECT_TRUE(IsSafeFileName("VLM-1-2-3-4.sw") && IsSafeFileName("mcu_V1.2.crc+a@b=c,d"));
+  // The line runs in /bin/sh with a stand-in ftpget first on PATH that writes each of its
+  // arguments on a line of its own. Fields may lack a terminator; a224 makes 254 characters.
+  TempRoot root;
+  root.Write("/a.log", "");  // what a "*" would expand to
+  root.Write("/bin/ftpget", "#!/bin/sh\nprintf '%s\\n' \"$@\" >\"$0.args\"\n");
+  chmod((root.path() + "/bin/ftpget").c_str(), 0755);
+  const std::string args = root.path() + "/bin/ftpget.args";
+  const std::string run = "cd '" + root.path() + "' && PATH='" + root.path() + "/bin':$PATH; ";
+  const std::string a224(224, 'a'), a225(225, 'a'), u32(32, 'u'), h64(64, 'h');
+  const FtpCommandResult ok = FTP_COMMAND_OK, badAccount = FTP_COMMAND_BAD_ACCOUNT,
+                         badFirst = FTP_COMMAND_BAD_FIRST, badSecond = FTP_COMMAND_BAD_SECOND;
+  const std::tuple<std::string, std::string, std::string, std::string, std::string,
+                   FtpCommandResult>
+      cases[] = {{"maint", "pw", "10.1.1.1", "/d/FileList.xml", "FileList.xml", ok},
+                 {"x; rm -rf /", "p w'\"$(touch pwned)`id`;|&*~\\", "h 'q' <>!#$HOME",
+                  "/mnt/sd $(reboot)/a b.log", "*", ok},
+                 {"~maint", "'", "h", "350_a'b.log", "a\\b", ok},
+                 {u32, "pw", h64, "a", "b", ok},
+                 {"u", "pw", "h", a224, "b", ok},
+                 {"u", "pw", "h", a225, "b", FTP_COMMAND_TOO_LONG},
+                 {"-o", "pw", "h", "a", "b", badAccount},
+                 {"", "pw", "h", "a", "b", badAccount},
+                 {"u", "p\nw", "h", "a", "b", badAccount},
+                 {"u", "pw", "", "a", "b", badAccount},
+                 {"u", "pw", "h", "-rf", "b", badFirst},
+                 {"u", "pw", "h", "a", "x\ny", badSecond},
+                 {"u", "pw", "h", "a", "b\x7f", badSecond}};
+  for (const auto& [user, password, host, first, second, result] : cases) {
+    UpgradeSet_t account{};
+    account.port = 2121;
+    memcpy(account.user, user.data(), user.size());  // each fits its field
+    memcpy(account.password, password.data(), password.size());
+    memcpy(account.host, host.data(), host.size());
+    char command[255] = "unchanged";
+    ASSERT_EQ(
+        FtpToolCommand("ftpget", account, first.c_str(), second.c_str(), command, sizeof(command)),
+        result)
+        << user << " " << first;
+    EXPECT_EQ(command[0] == '\0', result != FTP_COMMAND_OK) << command;
+    if (result != FTP_COMMAND_OK) continue;
+    remove(args.c_str());
+    system_run((run + command).c_str());
+    EXPECT_EQ(ReadWholeFile(args), "-u\n" + user + "\n-p\n" + password + "\n-P\n2121\n" + host +
+                                       "\n" + first + "\n" + second + "\n")
+        << command;
+  }
+  EXPECT_NE(access((root.path() + "/pwned").c_str(), F_OK), 0);
+}
+
+// A tar archive built member by member (name, type, link), to write what no tar tool would.
+std::string Tar(const std::vector<std::vector<std::string>>& members) {
   std::string bytes;
   for (const auto& m : members) {
-    uint8_t h[512] = {};
+    char h[512] = {};
     memcpy(h, m[0].data(), std::min<size_t>(m[0].size(), 100));
-    snprintf(reinterpret_cast<char*>(h + 100), 8, "%07o", 0644);
-    snprintf(reinterpret_cast<char*>(h + 124), 12, "%011o", m[1] == "0" ? 512u : 0u);
-    h[156] = static_cast<uint8_t>(m[1][0]);
+    snprintf(h + 100, 8, "%07o", 0644);
+    snprintf(h + 124, 12, "%011o", m[1] == "0" ? 512u : 0u);
+    h[156] = m[1][0];
     if (m.size() > 2) memcpy(h + 157, m[2].data(), std::min<size_t>(m[2].size(), 100));
-    memcpy(h + 257, "ustar", 6);
-    memcpy(h + 263, "00", 2);
+    memcpy(h + 257,
+           "ustar\0"
+           "00",
+           8);
     memset(h + 148, ' ', 8);
     unsigned sum = 0;
-    for (uint8_t b : h) sum += b;
-    snprintf(reinterpret_cast<char*>(h + 148), 8, "%06o", sum);
-    bytes.append(reinterpret_cast<char*>(h), 512);
-    if (m[1] == "0") bytes.append(512, 'x');  // one block of data
+    for (char b : h) sum += static_cast<uint8_t>(b);
+    snprintf(h + 148, 8, "%06o", sum);
+    bytes.append(h, 512).append(m[1] == "0" ? 512 : 0, 'x');  // one block of data
   }
   return bytes + std::string(1024, '\0');
 }
@@ -52,12 +177,11 @@ class MaintainTest : public ::testing::Test {
     env.status = &status;
     env.shell = &shell;
     shell.mustBeFree = &mng.m_lock;
-    std::lock_guard<std::mutex> g(status.mutex);
     status.deviceType = 3;
     status.mcuVersion = "V1.2";
     status.mounts[DISK_USAGE_UPLOAD] = {FakeStatus::Entry(1, "/mnt/sd1"),
                                         FakeStatus::Entry(6, "/mnt/sd2")};
-    status.mounts[DISK_USAGE_MAINTAIN] = {FakeStatus::Entry(1, root.path() + "/mnt/sd1")};
+    SetDisks({1});
   }
   // No shell command may run while the manager's lock is held: the request thread would wait
   // for the whole download.
@@ -68,14 +192,11 @@ class MaintainTest : public ::testing::Test {
            "</FILE>";
   }
   std::string P(const std::string& rel) { return root.path() + rel; }
-  // The periodic list of one entry, in /d; LoadFtpFile(1) then judges and loads it.
-  void SetList(const FtpFileItem_t& item) {
-    CAutoLock guard(&mng.m_lock);
-    ClearFileList(&mng.m_pData->fileList);
-    mng.m_pData->fileList.pItems = static_cast<FtpFileItem_t*>(malloc(sizeof(item)));
-    mng.m_pData->fileList.pItems[0] = item;
-    mng.m_pData->fileList.count = 1;
-    strcpy(mng.m_pData->fileList.dir, "/d");
+  void SetDisks(const std::vector<int>& disks) {  // the maintenance disks, /mnt/sd<n>
+    status.mounts[DISK_USAGE_MAINTAIN].clear();
+    for (int d : disks)
+      status.mounts[DISK_USAGE_MAINTAIN].push_back(
+          FakeStatus::Entry(1, P("/mnt/sd") + char('0' + d)));
   }
 
   TempRoot root;
@@ -107,45 +228,51 @@ TEST_F(MaintainTest, ParsesEntriesBySubstringAndAppends) {
   free(list.pItems);
 }
 
-// Judging and loading one entry of the periodic list: what is downloaded, what is skipped.
+// Judging and loading one entry of the periodic list: downloaded (1), skipped (0) or neither
+// (-1, an unknown type). Skipped: another device type, expired (the second before now) or an
+// unreadable date, out of scope, a name a shell would act on, the running version or MCU.
 TEST_F(MaintainTest, EntriesAreJudgedThenLoadedByType) {
-  char now[32], ago[32];  // the current second and the one before
+  char now[32], ago[32];
   time_t t = clock.WallSeconds(), t1 = t - 1;
   strftime(now, sizeof(now), "20%y%m%d-%H%M%S", localtime(&t));
   strftime(ago, sizeof(ago), "20%y%m%d-%H%M%S", localtime(&t1));
-  struct Row {
+  const struct {
     int type, devType;
     const char *name, *expiry, *scope;
-    int want;  // 1 downloaded, 0 skipped, -1 neither
-  } rows[] = {
-      {3, 3, "u.xml", kFar, "", 1},
-      {3, 0, "u.xml", kFar, "", 0},  // another type
-      {3, 4, "u.xml", kFar, "", 0},
-      {3, 3, "u.xml", now, "", 1},  // still valid
-      {3, 3, "u.xml", ago, "", 0},
-      {3, 3, "u.xml", "tomorrow", "", 0},  // unreadable
-      {3, 3, "u.xml", kFar, "1~2;140~160;", 1},
-      {3, 3, "u.xml", kFar, "1~2;151~160", 0},
-      {3, 3, "x;reboot.xml", kFar, "", 0},  // a name a shell would act on
-      {2, 3, "LOGCMD.xml", kFar, "", 1},
-      {5, 3, "c.tar", kFar, "", 1},
-      {7, 3, "odd.bin", kFar, "", -1},        // unknown type: nothing loaded
-      {1, 3, "VLM-1-2-3-4.sw", kFar, "", 0},  // the running version
-      {1, 3, "vlm-1-2-3-4.sw", kFar, "", 1},  // differs in case: new
-      {4, 3, "mcu_V1.2.crc", kFar, "", 0},
-      {4, 3, "mcu_V1.3.crc", kFar, "", 1},
-  };
+    int want;
+  } rows[] = {{3, 3, "u.xml", kFar, "", 1},
+              {3, 0, "u.xml", kFar, "", 0},
+              {3, 4, "u.xml", kFar, "", 0},
+              {3, 3, "u.xml", now, "", 1},
+              {3, 3, "u.xml", ago, "", 0},
+              {3, 3, "u.xml", "tomorrow", "", 0},
+              {3, 3, "u.xml", kFar, "1~2;140~160;", 1},
+              {3, 3, "u.xml", kFar, "1~2;151~160", 0},
+              {3, 3, "x;reboot.xml", kFar, "", 0},
+              {2, 3, "LOGCMD.xml", kFar, "", 1},
+              {5, 3, "c.tar", kFar, "", 1},
+              {7, 3, "odd.bin", kFar, "", -1},
+              {1, 3, "VLM-1-2-3-4.sw", kFar, "", 0},
+              {1, 3, "vlm-1-2-3-4.sw", kFar, "", 1},  // differs in case: new
+              {4, 3, "mcu_V1.2.crc", kFar, "", 0},
+              {4, 3, "mcu_V1.3.crc", kFar, "", 1}};
   mng.FtpConnectTo("maint", "pw", "10.1.1.1", 21, "/");
-  for (const Row& r : rows) {
-    FtpFileItem_t item{r.type, 0, r.devType, "", "", "", "", 0, 0};
-    strcpy(item.ExpiryDate, r.expiry);
-    strcpy(item.Scope, r.scope);
-    strcpy(item.FileName, r.name);
-    SetList(item);
+  FtpFileList_t& list = mng.m_pData->fileList;
+  for (const auto& r : rows) {
+    ClearFileList(&list);
+    list.pItems = static_cast<FtpFileItem_t*>(calloc(1, sizeof(FtpFileItem_t)));
+    list.count = 1;
+    strcpy(list.dir, "/d");
+    *list.pItems = {r.type, 0, r.devType, "", "", "", "", 0, 0};
+    strcpy(list.pItems->ExpiryDate, r.expiry);
+    strcpy(list.pItems->Scope, r.scope);
+    strcpy(list.pItems->FileName, r.name);
     int before = shell.Count("ftpget");
     EXPECT_EQ(mng.LoadFtpFile(1), 0);
-    EXPECT_EQ(mng.m_pData->fileList.pItems[0].Status, r.want == 0 ? FILE_STATUS_SKIP : 0) << r.name;
-    EXPECT_EQ(shell.Count("ftpget") - before, r.want == 1 ? 1 : 0) << r.name << " " << r.expiry;
+    EXPECT_EQ(Lines({std::to_string(list.pItems->Status),
+                     std::to_string(shell.Count("ftpget") - before)}),
+              Lines({r.want == 0 ? "1" : "0", r.want == 1 ? "1" : "0"}))
+        << r.name << " " << r.expiry;
   }
   EXPECT_EQ(status.upgrades, Lines({"201 /d/vlm-1-2-3-4.sw"}));  // the new package announced
 }
@@ -174,17 +301,17 @@ TEST_F(MaintainTest, CommandFilesActByTheirMarker) {
   auto log = [&](const std::string& attrs, const std::string& expiry) {
     return "<LOGCMD>" + expiry + "<CMDITEM " + attrs + "/></LOGCMD>";
   };
+  // file, commands run; a log command's items in any order, no expiry date: expired; the scope
+  // of a user command restricts nothing.
   const std::vector<std::pair<std::string, std::string>> rows = {
-      // file, commands run
       {log("type=\"5\" scope=\"100~200\"" + span, exp), sent},
-      {"<LOGCMD><CMDITEM" + span + " scope=\"100~200\" type=\"5\"/>" + exp + "</LOGCMD>",
-       sent},  // any order
+      {"<LOGCMD><CMDITEM" + span + " scope=\"100~200\" type=\"5\"/>" + exp + "</LOGCMD>", sent},
       {log("type=\"5\" scope=\"151~200\"" + span, exp), ""},
-      {log("type=\"5\" scope=\"100~200\"" + span, ""), ""},  // no expiry date: expired
+      {log("type=\"5\" scope=\"100~200\"" + span, ""), ""},
       {"<LOGCMD><UsrDefineCmd><CMDITEM>true no</CMDITEM></UsrDefineCmd></LOGCMD>", ""},
       {"<UsrDefineCmd><CMDITEM scope=\"all\">true a</CMDITEM><CMDITEM scope=\"140~160\">true b"
        "</CMDITEM><CMDITEM scope=\"1~5\">true c</CMDITEM></UsrDefineCmd>",
-       "true a @-1\ntrue b @-1\ntrue c @-1\n"},  // the scope restricts nothing
+       "true a @-1\ntrue b @-1\ntrue c @-1\n"},
       {"<UsrDefineCmd><ExpiryDate>20000101-000000</ExpiryDate><CMDITEM>rm -rf *.db</CMDITEM>"
        "<CMDITEM>rm -rf ./*.db</CMDITEM><CMDITEM></CMDITEM><CMDITEM>rm -rf REC-ALARM</CMDITEM>"
        "<CMDITEM>" +
@@ -243,7 +370,6 @@ TEST_F(MaintainTest, HostileConfigArchivesAreRefusedAndAGoodOneImported) {
     EXPECT_EQ(mng.HandleConfigCmd(P("/dl/evil.tar").c_str()), -1) << c.second;
   }
   EXPECT_TRUE(shell.Lines().empty());  // nothing was unpacked
-
   // A good archive, through the real shell and tar: known names applied, exactly as spelt.
   env.shell = nullptr;
   root.Write("/src/config/wifi.xml", "<wifi ssid=\"fleet\"/>");
@@ -251,17 +377,19 @@ TEST_F(MaintainTest, HostileConfigArchivesAreRefusedAndAGoodOneImported) {
   const std::string archive = P("/dl/config.tar");
   ASSERT_EQ(system(("cd '" + P("/src") + "' && tar cf '" + archive + "' config").c_str()), 0);
   EXPECT_EQ(mng.HandleFtpCmdFile(FTP_FILE_CONFIG, archive.c_str()), 0);
-  EXPECT_EQ(ReadWholeFile(P("/etc/velmar/config/wifi.xml")), "<wifi ssid=\"fleet\"/>");
-  EXPECT_EQ(ReadWholeFile(P("/etc/velmar/config/jtbase.xml")), "<jtbase deviceNo=\"150\"/>");
-  EXPECT_NE(access(P("/tmp/config").c_str(), F_OK), 0);  // removed after the import
-  EXPECT_EQ(access(archive.c_str(), F_OK), 0);           // the archive stays
+  EXPECT_EQ(ReadWholeFile(P("/etc/velmar/config/wifi.xml")) +
+                ReadWholeFile(P("/etc/velmar/config/jtbase.xml")),
+            "<wifi ssid=\"fleet\"/><jtbase deviceNo=\"150\"/>");
+  // The unpacked files are removed after the import, the archive stays.
+  EXPECT_EQ(std::to_string(access(P("/tmp/config").c_str(), F_OK)) + " " +
+                std::to_string(access(archive.c_str(), F_OK)),
+            "-1 0");
 }
 
 class MaintainCycleTest : public MaintainTest {
  protected:
   MaintainCycleTest() {
     mng.FtpConnectTo("maint", "pw", "10.1.1.1", 21, "/");
-    CAutoLock guard(&mng.m_lock);
     strcpy(mng.m_pData->fileList.dir, P("/mnt/sd1").c_str());
     mng.m_lastStepTime = clock.WallSeconds();
     // A download lands its file when the loader moves it into place, if the test says so.
@@ -328,11 +456,8 @@ TEST_F(MaintainCycleTest, NewAccountRestartsTheCycleAndDropsAStaleFetch) {
   root.Write("/mnt/sd1/FileList.xml", "<old/>");
   EXPECT_EQ(mng.HandleRemoteCmd(P("/in/dl.xml").c_str()), 0);
   EXPECT_EQ(std::string(mng.m_pData->onlineList.dir), P("/tmp"));
-  {
-    CAutoLock guard(&mng.m_lock);
-    mng.ParseFileList(P("/in/dl.xml").c_str(), &mng.m_pData->fileList);
-    strcpy(mng.m_pData->upgradeSet.name, "old name");
-  }
+  mng.ParseFileList(P("/in/dl.xml").c_str(), &mng.m_pData->fileList);
+  strcpy(mng.m_pData->upgradeSet.name, "old name");
   EXPECT_EQ(mng.FtpConnectTo("u", "p", "127.0.0.2", 2121, "/ignored"), 0);
   UpgradeSet_t a = mng.Account();
   EXPECT_EQ(Lines({a.host, a.user, a.password, a.name, std::to_string(a.port)}),
@@ -345,10 +470,7 @@ TEST_F(MaintainCycleTest, NewAccountRestartsTheCycleAndDropsAStaleFetch) {
     if (c.find("127.0.0.2") != std::string::npos) mng.FtpConnectTo("u3", "p", "h3", 21, "/");
   };
   EXPECT_EQ(Steps(2), std::vector<int>({6, 1, 1}));
-  {
-    CAutoLock guard(&mng.m_lock);
-    mng.m_pData->state = 8;  // an account is being replaced: the cycle stands still
-  }
+  mng.m_pData->state = 8;  // an account is being replaced: the cycle stands still
   EXPECT_EQ(PassesUntilStateChanges(), -1);
 }
 
@@ -358,37 +480,32 @@ TEST_F(MaintainCycleTest, OnlineListSettlesEntriesAndStartsOverWhenFinished) {
                                Entry("missing.xml", 3, 5) + Entry("short.xml", 3, 500) +
                                Entry("other.xml", 3, 5, 9) + "</FileDownloadCmd>");
   served = {{"u1.xml", usrCmd}, {"short.xml", "too short"}};
-  EXPECT_EQ(mng.HandleRemoteCmd(P("/in/dl.xml").c_str()), 0);
   FtpFileList_t& online = mng.m_pData->onlineList;
-  strcpy(online.dir, P("/mnt/sd1").c_str());
-  for (int i = 0; i < 8; ++i) mng.OnlineFtpProc();  // missing and short: three tries each
-  std::vector<int> got;
-  for (int i = 0; i < 4; ++i)
-    got.push_back(online.pItems[i].Status * 10 + online.pItems[i].ErrTimes);
-  EXPECT_EQ(got, std::vector<int>({20, 33, 33, 10}));  // done, failed, failed, skipped
-  EXPECT_EQ(shell.Count("true online"), 1);
-  EXPECT_EQ(online.index, 4);
-  mng.OnlineFtpProc();  // finished: freed, and the next command starts at entry 0
-  EXPECT_EQ(online.pItems, nullptr);
-  EXPECT_EQ(mng.HandleRemoteCmd(P("/in/dl.xml").c_str()), 0);
-  strcpy(online.dir, P("/mnt/sd1").c_str());
-  mng.OnlineFtpProc();
-  EXPECT_EQ(shell.Count("true online"), 2);
+  for (int round = 1; round <= 2; ++round) {  // the second starts at entry 0 again
+    EXPECT_EQ(mng.HandleRemoteCmd(P("/in/dl.xml").c_str()), 0);
+    strcpy(online.dir, P("/mnt/sd1").c_str());
+    for (int i = 0; i < 8; ++i) mng.OnlineFtpProc();  // missing and short: three tries each
+    std::vector<int> got{online.index};
+    for (int i = 0; i < 4; ++i)
+      got.push_back(online.pItems[i].Status * 10 + online.pItems[i].ErrTimes);
+    EXPECT_EQ(got, std::vector<int>({4, 20, 33, 33, 10}));  // done, failed, failed, skipped
+    EXPECT_EQ(shell.Count("true online"), round);
+    mng.OnlineFtpProc();  // finished: freed
+    EXPECT_EQ(online.pItems, nullptr);
+  }
 }
 
 TEST_F(MaintainTest, WorkDirIsTmpWithoutAMaintenanceDiskAfterTwoMinutes) {
-  status.mounts[DISK_USAGE_MAINTAIN].clear();
+  SetDisks({});
   mng.SelectWorkDir();
   EXPECT_STREQ(mng.m_pData->fileList.dir, P("/tmp").c_str());
-  EXPECT_GT(clock.sleptUs(), 120u * 1000000);  // more than two minutes, but not much more
-  EXPECT_LT(clock.sleptUs(), 123u * 1000000);
+  EXPECT_TRUE(clock.sleptUs() > 120000000u && clock.sleptUs() < 123000000u) << clock.sleptUs();
 }
 
 // The thread reads the account from the configuration, works on the first maintenance disk
 // and steps on the fake clock.
 TEST_F(MaintainTest, ThreadStartsWithTheConfiguredAccountAndStops) {
-  status.mounts[DISK_USAGE_MAINTAIN].insert(status.mounts[DISK_USAGE_MAINTAIN].begin(),
-                                            FakeStatus::Entry(2, P("/mnt/sd2")));
+  SetDisks({2, 1});
   root.Write("/etc/velmar/config/upgrade.xml",
              "<upgrade host=\"h.example\" port=\"2100\" user=\"u\" password=\"p\"/>");
   std::promise<std::string> fetched;
@@ -405,6 +522,108 @@ TEST_F(MaintainTest, ThreadStartsWithTheConfiguredAccountAndStops) {
   EXPECT_EQ(mng.m_pData->pThread, nullptr);
 }
 
+// Debug-log upload. The fake clock's now + delta seconds, local time: six fields (year - 2000
+// first) or a log's name.
+template <typename T>
+void Fields(const FakeClock& clock, int delta, T* out) {
+  time_t t = clock.WallSeconds() + delta;
+  struct tm* v = localtime(&t);
+  const int f[6] = {v->tm_year - 100, v->tm_mon + 1, v->tm_mday, v->tm_hour, v->tm_min, v->tm_sec};
+  for (int i = 0; i < 6; ++i) out[i] = static_cast<T>(f[i]);
+}
+std::string LogName(const FakeClock& clock, int delta) {
+  time_t t = clock.WallSeconds() + delta;
+  char text[64];
+  strftime(text, sizeof(text), "dbglog-%Y%m%d-%H%M%S.log", localtime(&t));
+  return text;
+}
+
+class DbgLogTest : public MaintainTest {
+ protected:
+  DbgLogTest() {
+    Login();
+    SetDisks({1, 2, 3});  // the third has no debug directory
+  }
+  void Login() {
+    mng.FtpConnectTo("maint", "pw", "10.1.1.1", 21, "/");
+    settings = mng.Account();
+  }
+  // A command of type for the span now+from .. now+to, run with an expiry of now+expiresIn.
+  int Run(int type, int from, int to, int expiresIn = 3600, const char* scope = "0~1000") {
+    LogCmdItem_t item{type, {}, {}, const_cast<char*>(scope)};
+    Fields(clock, from, item.start);
+    Fields(clock, to, item.end);
+    int32_t expiry[6];
+    Fields(clock, expiresIn, expiry);
+    return UploadLog(&env, &settings, expiry, &item);
+  }
+  // Writes a log; the command line that sends it.
+  std::string Put(int disk, const std::string& name) {
+    const std::string path = "/mnt/sd" + std::to_string(disk) + "/debug/" + name;
+    root.Write(path, "log\n");
+    return "ftpput -u maint -p pw -P 21 10.1.1.1 150_" + name + " " + P(path) + " @600";
+  }
+  bool Cleared() {  // all 64 bytes of user and password (adjacent fields)
+    return std::string(settings.user, 64) == std::string(64, '\0');
+  }
+  UpgradeSet_t settings;
+};
+
+// Logs strictly inside the span, disk by disk in name order; then the account is withdrawn.
+TEST_F(DbgLogTest, SendsTheLogsInsideTheSpanThenClearsTheAccount) {
+  Lines want;
+  for (int disk = 1; disk <= 2; ++disk) {
+    for (int at : {-31, -30, -29, 0, 29, 30, 31}) {  // the span is -30 .. 30
+      std::string line = Put(disk, LogName(clock, at));
+      if (at > -30 && at < 30) want.push_back(line);
+    }
+    Put(disk, "dbglog.log");  // not debug logs by name
+    Put(disk, LogName(clock, 0) + ".bak");
+  }
+  EXPECT_EQ(Run(1, -60, 60) + Run(5, -60, 60, -1) + Run(5, -60, 60, 3600, "100~149"), -2);
+  EXPECT_FALSE(Cleared());  // type 1, expired, out of scope: nothing sent, the account kept
+  const uint64_t slept = clock.sleptUs();
+  EXPECT_EQ(Run(5, -30, 30), 0);
+  EXPECT_EQ(shell.Lines(), want);
+  EXPECT_TRUE(Cleared());
+  EXPECT_EQ(clock.sleptUs() - slept, 2000000u);  // the uploads finish before the account goes
+  EXPECT_EQ(Run(5, -30, 30), 0);                 // without a user nothing can be sent
+  EXPECT_EQ(shell.Lines().size(), want.size());
+  Login();  // logs on the disks, none in the span: nothing sent, the account still withdrawn
+  EXPECT_EQ(Run(5, 100, 200), 0);
+  EXPECT_TRUE(Cleared());
+  SetDisks({3});  // no debug logs on any disk: the account stays
+  Login();
+  EXPECT_EQ(Run(5, 100, 200), 0);
+  EXPECT_FALSE(Cleared());
+  EXPECT_EQ(shell.Lines().size(), want.size());
+}
+
+// Type 23: the shipped disk-access tool (the real shell) writes a report that is sent, then
+// removed; a hostile device name is taken literally.
+TEST_F(DbgLogTest, ReportTypeHasTheToolWriteAReportThatIsSentAndRemoved) {
+  SetDisks({1});
+  const char* src = getenv("VELMAR_SOURCE_DIR");
+  std::string file = __FILE__, tool = src != nullptr ? src : file.substr(0, file.rfind("/tests/"));
+  ASSERT_EQ(
+      system(("cp '" + tool + "/profile/app/diskaccess' " + root.Make("/app/diskaccess")).c_str()),
+      0);
+  const std::string report = root.Make("/mnt/sd1/debug/" + LogName(clock, 0));
+  const std::string sent = Put(1, LogName(clock, 0));  // overwritten by the tool's report
+  shell.onCommand = [&](const std::string& c) {
+    if (c.find("diskaccess") != std::string::npos) EXPECT_EQ(system(c.c_str()), 0);
+  };
+  EXPECT_EQ(Run(23, -60, 60), 0);
+  EXPECT_EQ(ReadWholeFile(report).rfind("device: /dev/sda2\nparameter: 3\n", 0), 0u);
+  ASSERT_EQ(shell.Lines().size(), 3u);
+  EXPECT_EQ(Lines({shell.Lines()[1], shell.Lines()[2]}), Lines({sent, "rm " + report + " @60"}));
+  EXPECT_FALSE(Cleared());
+  const std::string bad = "$(touch " + root.path() + "/pwned)";
+  system(("'" + root.path() + "/app/diskaccess' '" + bad + "' p 0 >'" + report + "'").c_str());
+  EXPECT_EQ(ReadWholeFile(report).rfind("device: " + bad + "\nparameter: 0\n", 0), 0u);
+  EXPECT_NE(access((root.path() + "/pwned").c_str(), F_OK), 0);
+}
+
 // The one table of configuration file names, read both ways; unusable files.
 TEST(HostConfigTest, FileNamesAndRecords) {
   TempRoot root;
@@ -412,8 +631,7 @@ TEST(HostConfigTest, FileNamesAndRecords) {
   std::string names;
   for (int t = 0; t < 32; ++t) {  // 22, 25, 26 and 29 on are no configuration types
     const char* name = ConfigFileName(static_cast<PARAM_TYPE_E>(t));
-    names += name == nullptr ? "-" : ConfigFileType(name) == t ? name : "?";
-    names += ' ';
+    names += std::string(name == nullptr ? "-" : ConfigFileType(name) == t ? name : "?") + " ";
   }
   EXPECT_EQ(names,
             "jtbase.xml osd.xml store.xml server.xml dialup.xml local.xml clock.xml rsbase.xml "
