@@ -16,7 +16,6 @@
 #include <tuple>
 #include <vector>
 
-#include "dbglog/upload_log.h"
 #include "maintain/command_files.h"
 #include "maintain/ftp_maintain_mng.h"
 #include "rules/date_text.h"
@@ -290,24 +289,49 @@ TEST_F(MaintainTest, LoaderCleansTheDisksThenFetchesAndMovesIntoPlace) {
                                   "mv /w/tmp_ftp_load.bin /w/config.tar @10"}));
 }
 
-// Command files by their marker: log commands (spans, types, scope, expiry), user commands.
+// Command files by their marker: log commands (span, type, scope, expiry), user commands.
 TEST_F(MaintainTest, CommandFilesActByTheirMarker) {
-  root.Write("/mnt/sd1/debug/dbglog-20240101-120000.log", "log");
-  root.Write("/mnt/sd1/debug/dbglog-20240102-120000.log", "log");
+  SetDisks({1, 2, 3});  // the third has no debug directory
+  for (const char* log : {"1/dbglog-20240101-000000.log", "1/dbglog-20240101-235958.log",
+                          "1/dbglog-20240101-000001.log", "1/dbglog-20240101-235959.log",
+                          "1/dbglog-20240102-120000.log", "1/dbglog-20240101-120000.log.bak",
+                          "1/dbglog.log", "2/dbglog-20240101-120000.log"})
+    root.Write(std::string("/mnt/sd") + log[0] + "/debug/" + (log + 2), "log");
   const std::string r = root.path(), span = " datetime=\"20240101-000000~20240101-235959\"",
                     exp = std::string("<ExpiryDate>") + kFar + "</ExpiryDate>",
-                    sent = "ftpput -u maint -p pw -P 21 10.1.1.1 150_dbglog-20240101-120000.log " +
-                           r + "/mnt/sd1/debug/dbglog-20240101-120000.log @600\n";
+                    put = "ftpput -u maint -p pw -P 21 10.1.1.1 150_dbglog-20240101-";
+  // Logs strictly inside the span, disk by disk in name order; then, after a rest, the account
+  // lent for them is withdrawn (also when none was in the span).
+  const std::string sent =
+      put + "000001.log " + r + "/mnt/sd1/debug/dbglog-20240101-000001.log @600\n" + put +
+      "235958.log " + r + "/mnt/sd1/debug/dbglog-20240101-235958.log @600\n" + put + "120000.log " +
+      r + "/mnt/sd2/debug/dbglog-20240101-120000.log @600\n" + "withdrawn after 2000000\n";
   auto log = [&](const std::string& attrs, const std::string& expiry) {
     return "<LOGCMD>" + expiry + "<CMDITEM " + attrs + "/></LOGCMD>";
   };
-  // file, commands run; a log command's items in any order, no expiry date: expired; the scope
-  // of a user command restricts nothing.
+  // What handling a command file runs, and whether it withdrew the account and after what rest.
+  auto handle = [&](const std::string& text) {
+    size_t before = shell.Lines().size();
+    uint64_t slept = clock.sleptUs();
+    root.Write("/in/c.xml", text);
+    EXPECT_EQ(mng.HandleRemoteCmd(P("/in/c.xml").c_str()), 0);
+    std::string ran;
+    for (size_t i = before; i < shell.Lines().size(); ++i) ran += shell.Lines()[i] + "\n";
+    UpgradeSet_t a = mng.Account();
+    if (a.user[0] == '\0' && a.password[0] == '\0')
+      ran += "withdrawn after " + std::to_string(clock.sleptUs() - slept) + "\n";
+    return ran;
+  };
+  // file, commands run. Items in any order; no expiry date: expired; type 1 does nothing; the
+  // scope of a user command restricts nothing.
   const std::vector<std::pair<std::string, std::string>> rows = {
       {log("type=\"5\" scope=\"100~200\"" + span, exp), sent},
       {"<LOGCMD><CMDITEM" + span + " scope=\"100~200\" type=\"5\"/>" + exp + "</LOGCMD>", sent},
       {log("type=\"5\" scope=\"151~200\"" + span, exp), ""},
       {log("type=\"5\" scope=\"100~200\"" + span, ""), ""},
+      {log("type=\"1\" scope=\"100~200\"" + span, exp), ""},
+      {log("type=\"5\" scope=\"100~200\" datetime=\"20230101-000000~20230101-235959\"", exp),
+       "withdrawn after 2000000\n"},
       {"<LOGCMD><UsrDefineCmd><CMDITEM>true no</CMDITEM></UsrDefineCmd></LOGCMD>", ""},
       {"<UsrDefineCmd><CMDITEM scope=\"all\">true a</CMDITEM><CMDITEM scope=\"140~160\">true b"
        "</CMDITEM><CMDITEM scope=\"1~5\">true c</CMDITEM></UsrDefineCmd>",
@@ -323,16 +347,14 @@ TEST_F(MaintainTest, CommandFilesActByTheirMarker) {
   };
   for (const auto& row : rows) {
     mng.FtpConnectTo("maint", "pw", "10.1.1.1", 21, "/");
-    size_t before = shell.Lines().size();
-    root.Write("/in/c.xml", row.first);
-    EXPECT_EQ(mng.HandleRemoteCmd(P("/in/c.xml").c_str()), 0);
-    std::string ran;
-    for (size_t i = before; i < shell.Lines().size(); ++i) ran += shell.Lines()[i] + "\n";
-    EXPECT_EQ(ran, row.second) << row.first;
-    // The account the logs went to is withdrawn after an upload.
-    UpgradeSet_t a = mng.Account();
-    EXPECT_EQ(a.user[0] == '\0' && a.password[0] == '\0', row.second == sent) << row.first;
+    EXPECT_EQ(handle(row.first), row.second) << row.first;
   }
+  // Without a user nothing can be sent; without debug logs on any disk the account stays.
+  std::string twice = handle(rows[0].first);
+  EXPECT_EQ(twice + handle(rows[0].first), sent + "withdrawn after 2000000\n");
+  SetDisks({3});
+  mng.FtpConnectTo("maint", "pw", "10.1.1.1", 21, "/");
+  EXPECT_EQ(handle(rows[0].first), "");
   root.Write("/in/c.xml", "not xml at all");
   EXPECT_EQ(mng.HandleLogCmd(P("/in/c.xml").c_str()) +
                 mng.HandleUsrDefineCmd(P("/in/c.xml").c_str()) +
@@ -522,104 +544,37 @@ TEST_F(MaintainTest, ThreadStartsWithTheConfiguredAccountAndStops) {
   EXPECT_EQ(mng.m_pData->pThread, nullptr);
 }
 
-// Debug-log upload. The fake clock's now + delta seconds, local time: six fields (year - 2000
-// first) or a log's name.
-template <typename T>
-void Fields(const FakeClock& clock, int delta, T* out) {
-  time_t t = clock.WallSeconds() + delta;
-  struct tm* v = localtime(&t);
-  const int f[6] = {v->tm_year - 100, v->tm_mon + 1, v->tm_mday, v->tm_hour, v->tm_min, v->tm_sec};
-  for (int i = 0; i < 6; ++i) out[i] = static_cast<T>(f[i]);
-}
-std::string LogName(const FakeClock& clock, int delta) {
-  time_t t = clock.WallSeconds() + delta;
-  char text[64];
-  strftime(text, sizeof(text), "dbglog-%Y%m%d-%H%M%S.log", localtime(&t));
-  return text;
-}
-
-class DbgLogTest : public MaintainTest {
- protected:
-  DbgLogTest() {
-    Login();
-    SetDisks({1, 2, 3});  // the third has no debug directory
-  }
-  void Login() {
-    mng.FtpConnectTo("maint", "pw", "10.1.1.1", 21, "/");
-    settings = mng.Account();
-  }
-  // A command of type for the span now+from .. now+to, run with an expiry of now+expiresIn.
-  int Run(int type, int from, int to, int expiresIn = 3600, const char* scope = "0~1000") {
-    LogCmdItem_t item{type, {}, {}, const_cast<char*>(scope)};
-    Fields(clock, from, item.start);
-    Fields(clock, to, item.end);
-    int32_t expiry[6];
-    Fields(clock, expiresIn, expiry);
-    return UploadLog(&env, &settings, expiry, &item);
-  }
-  // Writes a log; the command line that sends it.
-  std::string Put(int disk, const std::string& name) {
-    const std::string path = "/mnt/sd" + std::to_string(disk) + "/debug/" + name;
-    root.Write(path, "log\n");
-    return "ftpput -u maint -p pw -P 21 10.1.1.1 150_" + name + " " + P(path) + " @600";
-  }
-  bool Cleared() {  // all 64 bytes of user and password (adjacent fields)
-    return std::string(settings.user, 64) == std::string(64, '\0');
-  }
-  UpgradeSet_t settings;
-};
-
-// Logs strictly inside the span, disk by disk in name order; then the account is withdrawn.
-TEST_F(DbgLogTest, SendsTheLogsInsideTheSpanThenClearsTheAccount) {
-  Lines want;
-  for (int disk = 1; disk <= 2; ++disk) {
-    for (int at : {-31, -30, -29, 0, 29, 30, 31}) {  // the span is -30 .. 30
-      std::string line = Put(disk, LogName(clock, at));
-      if (at > -30 && at < 30) want.push_back(line);
-    }
-    Put(disk, "dbglog.log");  // not debug logs by name
-    Put(disk, LogName(clock, 0) + ".bak");
-  }
-  EXPECT_EQ(Run(1, -60, 60) + Run(5, -60, 60, -1) + Run(5, -60, 60, 3600, "100~149"), -2);
-  EXPECT_FALSE(Cleared());  // type 1, expired, out of scope: nothing sent, the account kept
-  const uint64_t slept = clock.sleptUs();
-  EXPECT_EQ(Run(5, -30, 30), 0);
-  EXPECT_EQ(shell.Lines(), want);
-  EXPECT_TRUE(Cleared());
-  EXPECT_EQ(clock.sleptUs() - slept, 2000000u);  // the uploads finish before the account goes
-  EXPECT_EQ(Run(5, -30, 30), 0);                 // without a user nothing can be sent
-  EXPECT_EQ(shell.Lines().size(), want.size());
-  Login();  // logs on the disks, none in the span: nothing sent, the account still withdrawn
-  EXPECT_EQ(Run(5, 100, 200), 0);
-  EXPECT_TRUE(Cleared());
-  SetDisks({3});  // no debug logs on any disk: the account stays
-  Login();
-  EXPECT_EQ(Run(5, 100, 200), 0);
-  EXPECT_FALSE(Cleared());
-  EXPECT_EQ(shell.Lines().size(), want.size());
-}
-
 // Type 23: the shipped disk-access tool (the real shell) writes a report that is sent, then
-// removed; a hostile device name is taken literally.
-TEST_F(DbgLogTest, ReportTypeHasTheToolWriteAReportThatIsSentAndRemoved) {
-  SetDisks({1});
+// removed, and the account stays; a hostile device name is taken literally.
+TEST_F(MaintainTest, DiskReportIsWrittenByTheShippedToolThenSentAndRemoved) {
   const char* src = getenv("VELMAR_SOURCE_DIR");
   std::string file = __FILE__, tool = src != nullptr ? src : file.substr(0, file.rfind("/tests/"));
-  ASSERT_EQ(
-      system(("cp '" + tool + "/profile/app/diskaccess' " + root.Make("/app/diskaccess")).c_str()),
-      0);
-  const std::string report = root.Make("/mnt/sd1/debug/" + LogName(clock, 0));
-  const std::string sent = Put(1, LogName(clock, 0));  // overwritten by the tool's report
+  const std::string app = root.Make("/app/diskaccess");
+  ASSERT_EQ(system(("cp '" + tool + "/profile/app/diskaccess' " + app).c_str()), 0);
+  char name[64];
+  const time_t t = clock.WallSeconds();
+  strftime(name, sizeof(name), "dbglog-%Y%m%d-%H%M%S.log", localtime(&t));
+  const std::string report = root.Make(std::string("/mnt/sd1/debug/") + name);
   shell.onCommand = [&](const std::string& c) {
-    if (c.find("diskaccess") != std::string::npos) EXPECT_EQ(system(c.c_str()), 0);
+    if (c.find("diskaccess") != std::string::npos) {
+      EXPECT_EQ(system(c.c_str()), 0);
+    }
   };
-  EXPECT_EQ(Run(23, -60, 60), 0);
+  mng.FtpConnectTo("maint", "pw", "10.1.1.1", 21, "/");
+  root.Write(
+      "/in/c.xml",
+      std::string("<LOGCMD><ExpiryDate>") + kFar + "</ExpiryDate><CMDITEM " +
+          "type=\"23\" scope=\"1~200\" datetime=\"20000101-000000~20991231-000000\"/></LOGCMD>");
+  EXPECT_EQ(mng.HandleRemoteCmd(P("/in/c.xml").c_str()), 0);
   EXPECT_EQ(ReadWholeFile(report).rfind("device: /dev/sda2\nparameter: 3\n", 0), 0u);
-  ASSERT_EQ(shell.Lines().size(), 3u);
-  EXPECT_EQ(Lines({shell.Lines()[1], shell.Lines()[2]}), Lines({sent, "rm " + report + " @60"}));
-  EXPECT_FALSE(Cleared());
+  Lines ran = shell.Lines();
+  ASSERT_EQ(ran.size(), 3u);
+  EXPECT_EQ(Lines({ran[1], ran[2]}), Lines({"ftpput -u maint -p pw -P 21 10.1.1.1 150_" +
+                                                std::string(name) + " " + report + " @600",
+                                            "rm " + report + " @60"}));
+  EXPECT_NE(mng.Account().user[0], '\0');
   const std::string bad = "$(touch " + root.path() + "/pwned)";
-  system(("'" + root.path() + "/app/diskaccess' '" + bad + "' p 0 >'" + report + "'").c_str());
+  system(("'" + app + "' '" + bad + "' p 0 >'" + report + "'").c_str());
   EXPECT_EQ(ReadWholeFile(report).rfind("device: " + bad + "\nparameter: 0\n", 0), 0u);
   EXPECT_NE(access((root.path() + "/pwned").c_str(), F_OK), 0);
 }
