@@ -33,11 +33,7 @@
 
 namespace {
 
-// The values, each followed by a space, or by "|".
-template <typename... T>
-std::string Ints(T... values) {
-  return ((std::to_string(values) + " ") + ...);
-}
+// The values, each followed by "|".
 template <typename... T>
 std::string Join(const T&... values) {
   std::ostringstream s;
@@ -259,14 +255,14 @@ TEST(SystemDumpTest, CommandsEndWithTheirStatusAllTheyStartedAndNoDescriptorOfOu
   std::string results;
   for (const auto& [command, limit] : cases) {
     const auto start = std::chrono::steady_clock::now();
-    results += Ints(limit > 0 ? systemdump(command.c_str(), limit) : system_run(command.c_str()));
+    results += Join(limit > 0 ? systemdump(command.c_str(), limit) : system_run(command.c_str()));
     // Well before the sleeper's own 100 s, with all it started ended and reaped.
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(50)) << command;
     EXPECT_EQ(system_run(("pgrep -f '^sleep " + arg + "$'").c_str()), 1) << command;
     EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD) << command;
   }
   signal(SIGPIPE, SIG_DFL);
-  EXPECT_EQ(results + Ints(systemdump(nullptr, 5)), "0 7 137 127 141 141 3 0 -1 -1 -1 ");
+  EXPECT_EQ(results + Join(systemdump(nullptr, 5)), "0|7|137|127|141|141|3|0|-1|-1|-1|");
   close(fd);
 }
 
@@ -277,12 +273,12 @@ TEST(FileUtilTest, ExistenceSizeWholeFileReadsAndDirectories) {
   const std::string xyz = root.path() + "/x/y/z";
   // A directory is no file; a file in the way of a directory fails MakeDirs.
   EXPECT_EQ(
-      Ints(file_exist(file.c_str()), file_exist(root.path().c_str()), file_exist(none.c_str()),
+      Join(file_exist(file.c_str()), file_exist(root.path().c_str()), file_exist(none.c_str()),
            fileisexist(file.c_str()), fileisexist(none.c_str()) < 0, getfilesize(file.c_str()),
            getfilesize(none.c_str()), strfind_s("/mnt/sd1", "/mnt/") != 0,
            strfind_s("/media/sd1", "/mnt/"), strfind_s(nullptr, "/mnt/"), MakeDirs(xyz.c_str()),
            MakeDirs((file + "/sub").c_str())),
-      "1 0 0 0 1 5 -1 1 0 0 0 -1 ");
+      "1|0|0|0|1|5|-1|1|0|0|0|-1|");
   EXPECT_EQ(fileisexist(xyz.c_str()), 0);
   int len = -1;
   char* buf = filetobufwithoutbuf(file.c_str(), &len);
@@ -442,7 +438,7 @@ TEST(HostStatusTest, AnswersFollowTheProfileAndSetStatusIsPublished) {
   for (const char* bad : {"<recorder><disk id=", "<other/>"}) {  // until repaired
     WriteProfile(bad);
     EXPECT_EQ(Get(STATUS_DEVICE), Words()) << bad;
-    EXPECT_EQ(Listed(DISK_USAGE_MAINTAIN) + Ints(CCommDog::Instance()->CheckDog()), "fail0 ");
+    EXPECT_EQ(Listed(DISK_USAGE_MAINTAIN) + Join(CCommDog::Instance()->CheckDog()), "fail0|");
   }
   WriteProfile(kProfile);
   EXPECT_EQ(Get(STATUS_DEVICE).size() + Get(static_cast<STATUS_E>(99)).size(), 33u);
@@ -492,27 +488,27 @@ TEST(EventBusTest, EventsReachTheReceiversRegisteredForThemAsWireBytes) {
   memcpy(beat.data(), "EVB1\x06\0\0\0\x44\0\0\0\x02\0\0\0velmar", 22);
   EXPECT_EQ(wait(0), beat);
   uint8_t payload[3] = {1, 2, 3};  // the count is of receivers reached
-  EXPECT_EQ(Ints(DistributeEvent(EVENT_FILE_UPLOAD, 3, payload),
+  EXPECT_EQ(Join(DistributeEvent(EVENT_FILE_UPLOAD, 3, payload),
                  DistributeEvent(EVENT_HEARTBEAT, 3, payload),
                  DistributeEvent(EVENT_HEARTBEAT, kEventPayloadMax + 1, payload)),
-            "0 1 -1 ");
+            "0|1|-1|");
   EXPECT_EQ(wait(1), Bytes({'E', 'V', 'B', '1', 6, 0, 0, 0, 3, 0, 0, 0, 1, 2, 3}));
   EXPECT_EQ(UnregisterEventReciever(name), 0);
   EXPECT_EQ(ReadWholeFile(entry), "");
-  EXPECT_EQ(Ints(DistributeEvent(EVENT_HEARTBEAT, 3, payload), UnregisterEventReciever(name),
+  EXPECT_EQ(Join(DistributeEvent(EVENT_HEARTBEAT, 3, payload), UnregisterEventReciever(name),
                  RegisterEventReciever("tmp/relative.sock", 1 << EVENT_HEARTBEAT),
                  StopUnixDomainListen(listener), StopUnixDomainListen(nullptr)),
-            "0 -1 -1 0 -1 ");
+            "0|-1|-1|0|-1|");
 }
 
 TEST(EventWireTest, EncodeAndParseAcceptOnlyWellFormedDatagrams) {
   Bytes payload(kEventPayloadMax + 1, 0xAB), dgram(kEventHeaderSize + kEventPayloadMax + 1, 0xAB);
   unsigned char* d = dgram.data();
   // No room; a negative length; over 8192.
-  EXPECT_EQ(Ints(EncodeEvent(EVENT_FILE_UPLOAD, payload.data(), 300, d, 311),
+  EXPECT_EQ(Join(EncodeEvent(EVENT_FILE_UPLOAD, payload.data(), 300, d, 311),
                  EncodeEvent(EVENT_FILE_UPLOAD, payload.data(), -1, d, dgram.size()),
                  EncodeEvent(EVENT_FILE_UPLOAD, payload.data(), 8193, d, dgram.size())),
-            "-1 -1 -1 ");
+            "-1|-1|-1|");
   ASSERT_EQ(EncodeEvent(EVENT_FILE_UPLOAD, payload.data(), 300, d, 312), 312);
   EXPECT_EQ(Bytes(d, d + 12), Bytes({'E', 'V', 'B', '1', 22, 0, 0, 0, 0x2C, 0x01, 0, 0}));
   // Columns: datagram length, its length field, its first byte, the expected answer. Refused:
@@ -529,7 +525,7 @@ TEST(EventWireTest, EncodeAndParseAcceptOnlyWellFormedDatagrams) {
     EXPECT_EQ(ParseRecvEvent(d, c[0], &ev, &reserved, out.data()), c[3]) << c[0];
     if (c[3] < 0) continue;
     // The payload and no more.
-    EXPECT_EQ(Ints(ev, std::count(out.begin(), out.end(), 0xAB)), Ints(EVENT_FILE_UPLOAD, c[3]));
+    EXPECT_EQ(Join(ev, std::count(out.begin(), out.end(), 0xAB)), Join(EVENT_FILE_UPLOAD, c[3]));
   }
 }
 
