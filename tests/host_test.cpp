@@ -258,15 +258,16 @@ TEST(SystemDumpTest, CommandsEndWithTheirStatusAllTheyStartedAndNoDescriptorOfOu
     results += Join(limit > 0 ? systemdump(command.c_str(), limit) : system_run(command.c_str()));
     // Well before the sleeper's own 100 s, with all it started ended and reaped.
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(50)) << command;
-    EXPECT_EQ(system_run(("pgrep -f '^sleep " + arg + "$'").c_str()), 1) << command;
-    EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD) << command;
+    EXPECT_TRUE(system_run(("pgrep -f '^sleep " + arg + "$'").c_str()) == 1 &&
+                waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD)
+        << command;
   }
   signal(SIGPIPE, SIG_DFL);
   EXPECT_EQ(results + Join(systemdump(nullptr, 5)), "0|7|137|127|141|141|3|0|-1|-1|-1|");
   close(fd);
 }
 
-TEST(FileUtilTest, ExistenceSizeWholeFileReadsAndDirectories) {
+TEST(FileUtilTest, ExistenceSizeWholeFilesDirectoriesAtomicReplacementAndTheLog) {
   TempRoot root;
   root.Write("/a.txt", "hello");
   const std::string file = root.path() + "/a.txt", none = root.path() + "/none";
@@ -286,10 +287,7 @@ TEST(FileUtilTest, ExistenceSizeWholeFileReadsAndDirectories) {
   free(buf);
   EXPECT_TRUE(filetobufwithoutbuf(root.path().c_str(), &len) == nullptr &&
               filetobufwithoutbuf(none.c_str(), &len) == nullptr);
-}
-
-TEST(AtomicFileTest, ReplacesTheWholeFileOrLeavesTheOldOneAndNoTemporary) {
-  TempRoot root;
+  // A replacement is whole or leaves the old file, and no temporary.
   for (const char* f : {"/d/old", "/d/dir/inside", "/file", "/d/.stale.tmp", "/d/victim"})
     root.Write(f, "old");
   ASSERT_EQ(symlink("victim", (root.path() + "/d/.link.tmp").c_str()), 0);
@@ -305,10 +303,7 @@ TEST(AtomicFileTest, ReplacesTheWholeFileOrLeavesTheOldOneAndNoTemporary) {
     EXPECT_EQ(std::to_string(rc) + ReadWholeFile(root.path() + check), want) << target;
     EXPECT_NE(access(path.insert(path.rfind('/') + 1, ".").append(".tmp").c_str(), F_OK), 0);
   }
-}
-
-TEST(HostLogTest, DebugLinesReachTheLogFileOneLineEachWithControlBytesMasked) {
-  TempRoot root;
+  // Debug lines reach the log file one line each, with control bytes masked.
   WriteDbgLog(2, "FTP Update [%s]\n", "u\nforged line\x1b[2J");
   WriteDbgLog(0, "no newline %d", 7);
   WriteDbgLog(0, "\n\n%s:%d exist!\n\n", "a\nb", 3);  // a format's own blank lines stay

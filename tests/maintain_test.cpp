@@ -493,16 +493,13 @@ TEST_F(MaintainCycleTest, OnlineListSettlesEntriesAndStartsOverWhenFinished) {
   }
 }
 
-TEST_F(MaintainTest, WorkDirIsTmpWithoutAMaintenanceDiskAfterTwoMinutes) {
+// Without a maintenance disk the work directory is /tmp, after two minutes. The thread reads the
+// account from the configuration, works on the first maintenance disk, steps on the fake clock.
+TEST_F(MaintainTest, WorkDirAndThreadWithTheConfiguredAccount) {
   SetDisks({});
   mng.SelectWorkDir();
   EXPECT_STREQ(mng.m_pData->fileList.dir, P("/tmp").c_str());
   EXPECT_TRUE(clock.sleptUs() > 120000000u && clock.sleptUs() < 123000000u) << clock.sleptUs();
-}
-
-// The thread reads the account from the configuration, works on the first maintenance disk
-// and steps on the fake clock.
-TEST_F(MaintainTest, ThreadStartsWithTheConfiguredAccountAndStops) {
   SetDisks({2, 1});
   root.Write("/etc/velmar/config/upgrade.xml",
              "<upgrade host=\"h.example\" port=\"2100\" user=\"u\" password=\"p\"/>");
@@ -523,18 +520,17 @@ TEST_F(MaintainTest, ThreadStartsWithTheConfiguredAccountAndStops) {
 // Type 23: the shipped disk-access tool (the real shell) writes a report that is sent, then
 // removed, and the account stays; a hostile device name is taken literally.
 TEST_F(MaintainTest, DiskReportIsWrittenByTheShippedToolThenSentAndRemoved) {
-  const char* src = getenv("VELMAR_SOURCE_DIR");
-  std::string file = __FILE__, tool = src != nullptr ? src : file.substr(0, file.rfind("/tests/"));
-  const std::string app = root.Make("/app/diskaccess");
-  ASSERT_EQ(system(("cp '" + tool + "/profile/app/diskaccess' " + app).c_str()), 0);
+  const std::string app = root.Make("/app/diskaccess"), src = __FILE__;
+  ASSERT_EQ(
+      system_run(("cp '" + src.substr(0, src.rfind("/tests/")) + "/profile/app/diskaccess' " + app)
+                     .c_str()),
+      0);
   char name[64];
   const time_t t = clock.WallSeconds();
   strftime(name, sizeof(name), "dbglog-%Y%m%d-%H%M%S.log", localtime(&t));
   const std::string report = root.Make(std::string("/mnt/sd1/debug/") + name);
-  shell.onCommand = [&](const std::string& c) {
-    if (c.find("diskaccess") != std::string::npos) {
-      EXPECT_EQ(system(c.c_str()), 0);
-    }
+  shell.onCommand = [](const std::string& c) {
+    if (c.find("diskaccess") != std::string::npos) system_run(c.c_str());
   };
   mng.FtpConnectTo("maint", "pw", "10.1.1.1", 21, "/");
   root.Write(
@@ -550,7 +546,7 @@ TEST_F(MaintainTest, DiskReportIsWrittenByTheShippedToolThenSentAndRemoved) {
                                             "rm " + report + " @60"}));
   EXPECT_NE(mng.Account().user[0], '\0');
   const std::string bad = "$(touch " + root.path() + "/pwned)";
-  system(("'" + app + "' '" + bad + "' p 0 >'" + report + "'").c_str());
+  system_run(("'" + app + "' '" + bad + "' p 0 >'" + report + "'").c_str());
   EXPECT_EQ(ReadWholeFile(report).rfind("device: " + bad + "\nparameter: 0\n", 0), 0u);
   EXPECT_NE(access((root.path() + "/pwned").c_str(), F_OK), 0);
 }
