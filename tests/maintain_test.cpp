@@ -260,7 +260,8 @@ TEST_F(MaintainTest, LoaderCleansTheDisksThenFetchesAndMovesIntoPlace) {
                                   "mv /w/tmp_ftp_load.bin /w/config.tar @10"}));
 }
 
-// Command files by their marker: log commands (span, type, scope, expiry), user commands.
+// Command files by their marker: log commands (span, type, scope, expiry, disk reports), user
+// commands.
 TEST_F(MaintainTest, CommandFilesActByTheirMarker) {
   SetDisks({1, 2, 3});  // the third has no debug directory
   for (const char* log : {"1/dbglog-20240101-000000.log", "1/dbglog-20240101-235958.log",
@@ -326,6 +327,31 @@ TEST_F(MaintainTest, CommandFilesActByTheirMarker) {
   SetDisks({3});
   mng.FtpConnectTo("maint", "pw", "10.1.1.1", 21, "/");
   EXPECT_EQ(handle(rows[0].first), "");
+  // Type 23: the shipped disk-access tool (the real shell) writes a report that is sent, then
+  // removed; the account stays. A hostile device name is taken literally.
+  SetDisks({1});
+  const std::string app = root.Make("/app/diskaccess"), src = __FILE__;
+  ASSERT_EQ(
+      system_run(("cp '" + src.substr(0, src.rfind("/tests/")) + "/profile/app/diskaccess' " + app)
+                     .c_str()),
+      0);
+  shell.onCommand = [](const std::string& c) {
+    if (c.find("diskaccess") != std::string::npos) system_run(c.c_str());
+  };
+  char name[64];
+  const time_t now = clock.WallSeconds();
+  strftime(name, sizeof(name), "dbglog-%Y%m%d-%H%M%S.log", localtime(&now));
+  const std::string report = r + "/mnt/sd1/debug/" + name;
+  std::string ran =
+      handle(log("type=\"23\" scope=\"1~200\" datetime=\"20231101-000000~20231201-000000\"", exp));
+  EXPECT_EQ(ran.substr(ran.find('\n') + 1), "ftpput -u maint -p pw -P 21 10.1.1.1 150_" +
+                                                std::string(name) + " " + report + " @600\nrm " +
+                                                report + " @60\n");
+  EXPECT_EQ(ReadWholeFile(report).rfind("device: /dev/sda2\nparameter: 3\n", 0), 0u);
+  const std::string bad = "$(touch " + r + "/pwned)";
+  system_run(("'" + app + "' '" + bad + "' p 0 >'" + report + "'").c_str());
+  EXPECT_EQ(ReadWholeFile(report).rfind("device: " + bad + "\nparameter: 0\n", 0), 0u);
+  EXPECT_NE(access((r + "/pwned").c_str(), F_OK), 0);
   root.Write("/in/c.xml", "not xml at all");
   EXPECT_EQ(mng.HandleLogCmd(P("/in/c.xml").c_str()) +
                 mng.HandleUsrDefineCmd(P("/in/c.xml").c_str()) +
@@ -510,40 +536,6 @@ TEST_F(MaintainTest, WorkDirAndThreadWithTheConfiguredAccount) {
   EXPECT_EQ(f.get(),
             "ftpget -u u -p p -P 2100 h.example " + P("/mnt/sd2") + "/FileList.xml FileList.xml");
   EXPECT_EQ(mng.m_pData->pThread, nullptr);
-}
-
-// Type 23: the shipped disk-access tool (the real shell) writes a report that is sent, then
-// removed, and the account stays; a hostile device name is taken literally.
-TEST_F(MaintainTest, DiskReportIsWrittenByTheShippedToolThenSentAndRemoved) {
-  const std::string app = root.Make("/app/diskaccess"), src = __FILE__;
-  ASSERT_EQ(
-      system_run(("cp '" + src.substr(0, src.rfind("/tests/")) + "/profile/app/diskaccess' " + app)
-                     .c_str()),
-      0);
-  char name[64];
-  const time_t t = clock.WallSeconds();
-  strftime(name, sizeof(name), "dbglog-%Y%m%d-%H%M%S.log", localtime(&t));
-  const std::string report = root.Make(std::string("/mnt/sd1/debug/") + name);
-  shell.onCommand = [](const std::string& c) {
-    if (c.find("diskaccess") != std::string::npos) system_run(c.c_str());
-  };
-  mng.FtpConnectTo("maint", "pw", "10.1.1.1", 21, "/");
-  root.Write(
-      "/in/c.xml",
-      std::string("<LOGCMD><ExpiryDate>") + kFar + "</ExpiryDate><CMDITEM " +
-          "type=\"23\" scope=\"1~200\" datetime=\"20000101-000000~20991231-000000\"/></LOGCMD>");
-  EXPECT_EQ(mng.HandleRemoteCmd(P("/in/c.xml").c_str()), 0);
-  EXPECT_EQ(ReadWholeFile(report).rfind("device: /dev/sda2\nparameter: 3\n", 0), 0u);
-  Lines ran = shell.Lines();
-  ASSERT_EQ(ran.size(), 3u);
-  EXPECT_EQ(Lines({ran[1], ran[2]}), Lines({"ftpput -u maint -p pw -P 21 10.1.1.1 150_" +
-                                                std::string(name) + " " + report + " @600",
-                                            "rm " + report + " @60"}));
-  EXPECT_NE(mng.Account().user[0], '\0');
-  const std::string bad = "$(touch " + root.path() + "/pwned)";
-  system_run(("'" + app + "' '" + bad + "' p 0 >'" + report + "'").c_str());
-  EXPECT_EQ(ReadWholeFile(report).rfind("device: " + bad + "\nparameter: 0\n", 0), 0u);
-  EXPECT_NE(access((root.path() + "/pwned").c_str(), F_OK), 0);
 }
 
 // The one table of configuration file names, read both ways; unusable files.
