@@ -33,6 +33,7 @@
 
 namespace {
 
+using Bytes = std::vector<uint8_t>;
 // The values, each followed by "|".
 template <typename... T>
 std::string Join(const T&... values) {
@@ -58,7 +59,7 @@ TEST(RecordsTest, RowsRecordsAndWireRecordsConvertWithTextsInsideTheirFields) {
   EXPECT_EQ(0, memcmp(&back, &rec, sizeof(rec)));
   // The wire record is little-endian in the record's layout: on this host, its memory. Of n
   // bytes that arrive the decoded record is those bytes followed by zeros.
-  std::vector<uint8_t> wire(600, 0xEE);
+  Bytes wire(600, 0xEE);
   EncodeTaskRecord(rec, wire.data());
   EXPECT_EQ(0, memcmp(wire.data(), &rec, kTaskRecordSize));
   for (size_t n : {size_t{0}, size_t{100}, size_t{300}, kTaskRecordSize, size_t{600}}) {
@@ -76,11 +77,10 @@ TEST(RecordsTest, RowsRecordsAndWireRecordsConvertWithTextsInsideTheirFields) {
   memcpy(&row, x, sizeof(row));
   row.type = 0x1FE;
   RecordFromRow(row, &rec);
-  want[0] = 0xFE;
-  want[1] = want[2] = want[3] = 0;
+  memcpy(want, "\xFE\0\0", 4);
   EXPECT_EQ(0, memcmp(&rec, want, sizeof(want)));
   DecodeTaskRecord(x, sizeof(x), &rec);
-  want[0] = want[1] = want[2] = want[3] = 'x';
+  memcpy(want, "xxxx", 4);
   for (int at : {270 + 31, 270 + 63, 270 + 95, 493}) want[at] = 0;  // the server's texts
   EXPECT_EQ(0, memcmp(&rec, want, sizeof(want)));
   UserDefServerSet_t server;
@@ -108,8 +108,7 @@ struct Targets : IRequestTargets {
 };
 
 // message with its first size bytes kept (grown with 'A'), and the code and length set if given.
-std::vector<uint8_t> Edit(std::vector<uint8_t> message, size_t size, uint32_t length = 0,
-                          uint32_t code = 0) {
+Bytes Edit(Bytes message, size_t size, uint32_t length = 0, uint32_t code = 0) {
   message.resize(size, 'A');
   if (length != 0) StoreLE32(message.data() + 4, length);
   if (code != 0) StoreLE32(message.data(), code);
@@ -122,23 +121,23 @@ TEST(RequestInterfaceTest, EachRequestReachesItsTargetAndTheRestIsDropped) {
   const ftpFileInfo_t task{
       1,     0, 0, 0, 99, "/data/a.bin", "a.bin", "", 1, 0, 1, 0, {2121, "10.0.0.1", "", "", ""},
       {0, 0}};
-  std::vector<uint8_t> record(8 + kTaskRecordSize), transfer(12), update(kServerRequestSize);
+  Bytes record(8 + kTaskRecordSize), transfer(12), update(kServerRequestSize);
   StoreLE32(record.data(), kCodeNewTask);
   StoreLE32(record.data() + 4, kTaskRecordSize);
   EncodeTaskRecord(task, record.data() + 8);
   ASSERT_EQ(EncodeTransferRequest({3, 0xBEEF}, transfer.data()), 12u);
-  EXPECT_EQ(transfer, (std::vector<uint8_t>{1, 7, 0, 0, 4, 0, 0, 0, 3, 0, 0xEF, 0xBE}));
+  EXPECT_EQ(transfer, (Bytes{1, 7, 0, 0, 4, 0, 0, 0, 3, 0, 0xEF, 0xBE}));
   ASSERT_EQ(EncodeServerRequest({2100, "maint.example", "u", "p", "/m"}, update.data()), 234u);
-  EXPECT_EQ(std::vector<uint8_t>(update.begin(), update.begin() + 11),
-            (std::vector<uint8_t>{8, 7, 0, 0, 226, 0, 0, 0, 0x34, 0x08, 'm'}));
+  EXPECT_EQ(Bytes(update.begin(), update.begin() + 11),
+            (Bytes{8, 7, 0, 0, 226, 0, 0, 0, 0x34, 0x08, 'm'}));
   const std::string x(kEventPayloadMax - 4, 'x'), zero(4, '\0');
   const std::string all = "connect|u|p|maint.example|2100|/m|", part = "connect|||maint.ex|2100||";
-  auto bytes = [](const std::string& s) { return std::vector<uint8_t>(s.begin(), s.end()); };
-  const std::vector<uint8_t> cmd = bytes(zero + "/tmp/cmd.xml");
+  auto bytes = [](const std::string& s) { return Bytes(s.begin(), s.end()); };
+  const Bytes cmd = bytes(zero + "/tmp/cmd.xml");
   const EVENT_E up = EVENT_FILE_UPLOAD, remote = EVENT_REMOTE_CMD;
   // Recordings are the only file type transfer control concerns; a server update counts only
   // the bytes of the block; the last command has no terminator in its message.
-  const std::tuple<EVENT_E, std::vector<uint8_t>, std::string> cases[] = {
+  const std::tuple<EVENT_E, Bytes, std::string> cases[] = {
       {up, record, "task|/data/a.bin|a.bin|2|2121|10.0.0.1|"},
       {up, Edit(record, 148), "task|/data/a.bin|a.bi|0|0||"},
       {up, transfer, "transfer|1|3|48879|"},
@@ -233,7 +232,6 @@ TEST(MainLoopTest, StepsEveryFiveSecondsWithHeartbeatUnlessTheWatchdogExpired) {
   EXPECT_EQ(Join(records[1].type, records[1].code, records[1].data), "2|3|FtpUpLoad Dog TimeOut|");
 }
 
-using Bytes = std::vector<uint8_t>;
 using Words = std::vector<uint32_t>;
 
 TEST(SystemDumpTest, CommandsEndWithTheirStatusAllTheyStartedAndNoDescriptorOfOurs) {

@@ -180,10 +180,9 @@ class MaintainTest : public ::testing::Test {
   }
   std::string P(const std::string& rel) { return root.path() + rel; }
   void SetDisks(const std::vector<int>& disks) {  // the maintenance disks, /mnt/sd<n>
-    status.mounts[DISK_USAGE_MAINTAIN].clear();
-    for (int d : disks)
-      status.mounts[DISK_USAGE_MAINTAIN].push_back(
-          FakeStatus::Entry(1, P("/mnt/sd") + char('0' + d)));
+    auto& m = status.mounts[DISK_USAGE_MAINTAIN];
+    m.clear();
+    for (int d : disks) m.push_back(FakeStatus::Entry(1, P("/mnt/sd") + char('0' + d)));
   }
 
   TempRoot root;
