@@ -119,8 +119,7 @@ Bytes Edit(Bytes message, size_t size, uint32_t length = 0, uint32_t code = 0) {
 // the request or with another length field.
 TEST(RequestInterfaceTest, EachRequestReachesItsTargetAndTheRestIsDropped) {
   const ftpFileInfo_t task{
-      1,     0, 0, 0, 99, "/data/a.bin", "a.bin", "", 1, 0, 1, 0, {2121, "10.0.0.1", "", "", ""},
-      {0, 0}};
+      1, 0, 0, 0, 99, "/data/a.bin", "a.bin", "", 1, 0, 1, 0, {2121, "10.0.0.1", "", "", ""}, {}};
   Bytes record(8 + kTaskRecordSize), transfer(12), update(kServerRequestSize);
   StoreLE32(record.data(), kCodeNewTask);
   StoreLE32(record.data() + 4, kTaskRecordSize);
@@ -412,9 +411,8 @@ TEST(HostStatusTest, AnswersFollowTheProfileAndSetStatusIsPublished) {
       Words({Get(STATUS_RECORDER).at(32), Get(STATUS_DEVICE).at(0), Get(STATUS_NETWORK).at(0)}),
       Words({1, 3, 4}));
   EXPECT_EQ(Get(STATUS_DISK, 11), Words({3, 1, 0, 1, 9, 0, 1, 6, 0, 0, 0}));
-  char mcu[64];
-  ASSERT_EQ(GetStatus(STATUS_MCU_VERSION, mcu), 0);
-  EXPECT_STREQ(mcu, "MCU-2.1");
+  char mcu[64] = "";
+  EXPECT_EQ(Join(GetStatus(STATUS_MCU_VERSION, mcu), mcu), "0|MCU-2.1|");
   // Only present disks are mounted; a disk serves every usage it lists.
   EXPECT_EQ(Listed(DISK_USAGE_UPLOAD) + Listed(DISK_USAGE_MAINTAIN) + Listed(DISK_USAGE_TYPE9) +
                 Listed(STATUS_PART_LIST_A) + Listed(STATUS_PART_LIST_B) +
@@ -457,13 +455,10 @@ TEST(EventBusTest, EventsReachTheReceiversRegisteredForThemAsWireBytes) {
   };
   const char* name = "/tmp/bus watch.tmp.sock";  // a space and ".tmp" are ordinary
   root.Write(name, "stale");                     // a socket file of an earlier run
-  void* listener = StartUnixDomainListen(
-      name,
-      [](int, sockaddr_un*, unsigned*, char* msg, int len, void* in) {
-        static_cast<Recorder<Bytes>*>(in)->Add(Bytes(msg, msg + len));
-        return 0;
-      },
-      &inbox);
+  auto collect = [](int, sockaddr_un*, unsigned*, char* msg, int len, void* in) {
+    return static_cast<Recorder<Bytes>*>(in)->Add(Bytes(msg, msg + len)), 0;
+  };
+  void* listener = StartUnixDomainListen(name, collect, &inbox);
   ASSERT_NE(listener, nullptr);
   ASSERT_EQ(RegisterEventReciever(name, 1 << EVENT_HEARTBEAT), 0);
   const std::string entry = root.path() + "/run/evbus/_tmp_bus watch.tmp.sock";
