@@ -1,6 +1,5 @@
-// The service core (task records and their wire form, request dispatch, the main loop) and the
-// host platform (commands, whole files, the debug log, the SQLite task database, the status
-// service read from the recorder's profile, the event bus).
+// The service core (task records, request dispatch, the main loop) and the host platform
+// (commands, files, the debug log, the task database, the status service, the event bus).
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -204,11 +203,9 @@ TEST(MainLoopTest, StepsEveryFiveSecondsWithHeartbeatUnlessTheWatchdogExpired) {
     return [&trace, what](uint32_t s) { trace += what + std::to_string(s) + " "; };
   };
   CMainLoop loop(&env, CMainLoop::Targets{note("d"), note("s")});
-  // Each pass sleeps 200 ms on the fake clock. Columns: clock set to (0: left as the passes
-  // moved it), passes, watchdog answer, then the disk checks and heartbeats so far. No step
-  // before 5000 ms from time zero; a step 5000 ms after the last; a clock stepped back 6.5 s
-  // steps and sets a new base; an expired watchdog withholds the heartbeat but not the disk
-  // check; a watchdog service that cannot answer (-1) is no time-out.
+  // A pass sleeps 200 ms on the fake clock. Columns: clock set to (0: as the passes left it),
+  // passes, watchdog answer, then the disk checks and heartbeats so far. A clock stepped back
+  // steps; an expired watchdog withholds the heartbeat, one that cannot answer (-1) does not.
   const int64_t rows[][5] = {{1000, 1, 0, 0, 0}, {12345, 1, 0, 1, 1}, {0, 24, 0, 1, 1},
                              {0, 1, 0, 2, 2},    {11000, 1, 0, 3, 3}, {0, 24, 0, 3, 3},
                              {0, 1, 1, 4, 3},    {0, 25, 1, 5, 3},    {0, 25, -1, 6, 4},

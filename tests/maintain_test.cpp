@@ -1,7 +1,5 @@
-// Maintenance: device-number scopes, the server's dates and the ftpget/ftpput command lines; the
-// maintenance manager and the debug-log upload on in-memory fakes (file lists and their judging,
-// the loaders, command files, configuration archives, the cycle and its thread). A recorder of
-// device type 3, no. 150.
+// Maintenance: device-number scopes, dates and tool command lines; the maintenance manager and the
+// debug-log upload on in-memory fakes. A recorder of device type 3, no. 150.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -88,8 +86,7 @@ TEST(RulesTest, FtpCommandHandsEachValueOverAsOneArgumentAndNamesArePlain) {
                           "-rf", ".hidden", "a b.sw", "a`id`.sw", "..sw", "~root", "a=~", ""})
     EXPECT_FALSE(IsSafeFileName(bad)) << bad;
   EXPECT_TRUE(IsSafeFileName("VLM-1-2-3-4.sw") && IsSafeFileName("mcu_V1.2.crc+a@b=c,d"));
-  // The line runs in /bin/sh with a stand-in ftpget first on PATH that writes each of its
-  // arguments on a line of its own.
+  // The line runs in /bin/sh with a stand-in ftpget that writes each argument on a line.
   TempRoot root;
   root.Write("/a.log", "");  // what a "*" would expand to
   root.Write("/bin/ftpget", "#!/bin/sh\nprintf '%s\\n' \"$@\" >\"$0.args\"\n");
@@ -214,9 +211,8 @@ TEST_F(MaintainTest, ParsesEntriesBySubstringAndAppends) {
   free(list.pItems);
 }
 
-// Judging and loading one entry of the periodic list: downloaded, skipped or neither (an unknown
-// type). Skipped: another device type, expired (the second before now) or an unreadable date,
-// out of scope, a name a shell would act on, the running version (in its letter case) or MCU.
+// Entries of the periodic list are skipped for another device type, an expiry before now or
+// unreadable, out of scope, a name a shell would act on, the running version or MCU.
 TEST_F(MaintainTest, EntriesAreJudgedThenLoadedByType) {
   char now[32], ago[32];
   time_t t = clock.WallSeconds(), t1 = t - 1;
@@ -259,8 +255,7 @@ TEST_F(MaintainTest, LoaderCleansTheDisksThenFetchesAndMovesIntoPlace) {
                                   "mv /w/tmp_ftp_load.bin /w/config.tar @10"}));
 }
 
-// Command files by their marker: log commands (span, type, scope, expiry, disk reports), user
-// commands.
+// Command files by their marker: log commands (span, type, scope, expiry), user commands.
 TEST_F(MaintainTest, CommandFilesActByTheirMarker) {
   SetDisks({1, 2, 3});  // the third has no debug directory
   for (const char* log : {"1/dbglog-20240101-000000.log", "1/dbglog-20240101-235958.log",
@@ -418,19 +413,19 @@ class MaintainCycleTest : public MaintainTest {
       if (f != served.end()) root.Write("/mnt/sd1/" + f->first, f->second);
     };
   }
-  // Passes of the thread's loop, one second apart, until the state changes: how many it took.
-  int PassesUntilStateChanges() {
-    int before = mng.m_pData->state;
-    for (int n = 1; n <= 2000; ++n) {
-      mng.ProcPass(&interval);
-      clock.AdvanceMs(1000);
-      if (mng.m_pData->state != before) return n;
-    }
-    return -1;
-  }
-  std::vector<int> Steps(int n) {  // passes per step, then the state reached
+  // Passes of the thread's loop, one second apart, until the state changed n times: the passes
+  // each change took (-1: none within 2000), then the state reached.
+  std::vector<int> Steps(int n) {
     std::vector<int> out;
-    for (int i = 0; i < n; ++i) out.push_back(PassesUntilStateChanges());
+    while (n-- > 0) {
+      const int before = mng.m_pData->state;
+      int passes = 0;
+      while (mng.m_pData->state == before && passes++ < 2000) {
+        mng.ProcPass(&interval);
+        clock.AdvanceMs(1000);
+      }
+      out.push_back(mng.m_pData->state == before ? -1 : passes);
+    }
     out.push_back(mng.m_pData->state);
     return out;
   }
@@ -489,7 +484,7 @@ TEST_F(MaintainCycleTest, NewAccountRestartsTheCycleAndDropsAStaleFetch) {
   };
   EXPECT_EQ(Steps(2), std::vector<int>({6, 1, 1}));
   mng.m_pData->state = 8;  // an account is being replaced: the cycle stands still
-  EXPECT_EQ(PassesUntilStateChanges(), -1);
+  EXPECT_EQ(Steps(1), std::vector<int>({-1, 8}));
 }
 
 TEST_F(MaintainCycleTest, OnlineListSettlesEntriesAndStartsOverWhenFinished) {
