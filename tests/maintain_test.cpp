@@ -309,8 +309,7 @@ TEST_F(MaintainTest, CommandFilesActByTheirMarker) {
        "rm -rf *.db @-1\nrm -rf " + r + "/mnt/sd1/*.db;rm -rf " + r + "/mnt/sd2/*.db @5\n" +
            "rm -rf ./*.db @-1\nrm -rf REC-ALARM @-1\nrm -rf " + r + "/mnt/sd1/REC-ALARM/*;rm -rf " +
            r + "/mnt/sd2/REC-ALARM/* @100\n" + std::string(127, 'x') + " @-1\n"},
-      {"<Other><CMDITEM>true nothing</CMDITEM></Other>", ""},
-  };
+      {"<Other><CMDITEM>true nothing</CMDITEM></Other>", ""}};
   for (const auto& row : rows) {
     mng.FtpConnectTo("maint", "pw", "10.1.1.1", 21, "/");
     EXPECT_EQ(handle(row.first), row.second) << row.first;
@@ -357,7 +356,6 @@ TEST_F(MaintainTest, HostileConfigArchivesAreRefusedAndAGoodOneImported) {
   std::string damaged = Tar({{"config/a.xml", "0"}});
   damaged[0] = 'C';
   const std::vector<std::pair<std::string, std::string>> rows = {
-      // archive, why refused
       {Tar({{"/config/x.xml", "0"}}), "absolute path"},
       {Tar({{"config/../../pwned", "0"}}), "\"..\""},
       {Tar({{"config/jtbase.xml", "2", "/etc/passwd"}}), "link"},
@@ -369,18 +367,16 @@ TEST_F(MaintainTest, HostileConfigArchivesAreRefusedAndAGoodOneImported) {
       {damaged, "damaged"},
       {Tar({}), "no config"},
       {"", "no config"},
-      {Tar({{"./", "5"}, {"./config/ttx.xml", "0"}}), ""},  // safe
-  };
-  for (const auto& c : rows) {
+      {Tar({{"./", "5"}, {"./config/ttx.xml", "0"}}), ""}};  // the last is safe
+  for (const auto& [archive, reason] : rows) {
     std::string why;
-    EXPECT_EQ(
-        CheckConfigArchive(reinterpret_cast<const uint8_t*>(c.first.data()), c.first.size(), &why),
-        c.second.empty())
-        << c.second;
-    EXPECT_NE(why.find(c.second), std::string::npos) << why;
-    if (c.second.empty()) continue;
-    root.Write("/dl/evil.tar", c.first);
-    EXPECT_EQ(mng.HandleConfigCmd(P("/dl/evil.tar").c_str()), -1) << c.second;
+    const auto* bytes = reinterpret_cast<const uint8_t*>(archive.data());
+    EXPECT_TRUE(CheckConfigArchive(bytes, archive.size(), &why) == reason.empty() &&
+                why.find(reason) != std::string::npos)
+        << reason << ": " << why;
+    if (reason.empty()) continue;
+    root.Write("/dl/evil.tar", archive);
+    EXPECT_EQ(mng.HandleConfigCmd(P("/dl/evil.tar").c_str()), -1) << reason;
   }
   EXPECT_TRUE(shell.Lines().empty());  // nothing was unpacked
   // A good archive, through the real shell and tar: known names applied, exactly as spelt.
