@@ -94,9 +94,7 @@ struct Targets : IRequestTargets {
     calls +=
         Join("task", t->fullName, t->fileName, t->valid + t->trans, t->server.port, t->server.host);
   }
-  void SetTransfer(int type, unsigned ctr, int seq) override {
-    calls += Join("transfer", type, ctr, seq);
-  }
+  void SetTransfer(int t, unsigned c, int s) override { calls += Join("transfer", t, c, s); }
   void ConnectTo(const char* u, const char* p, const char* h, uint16_t port,
                  const char* path) override {
     calls += Join("connect", u, p, h, port, path);
@@ -429,7 +427,7 @@ TEST(HostStatusTest, AnswersFollowTheProfileAndSetStatusIsPublished) {
     EXPECT_EQ(Listed(DISK_USAGE_MAINTAIN) + Join(CCommDog::Instance()->CheckDog()), "fail0|");
   }
   WriteProfile(kProfile);
-  EXPECT_EQ(Get(STATUS_DEVICE).size() + Get(static_cast<STATUS_E>(99)).size(), 33u);
+  EXPECT_EQ(Join(Get(STATUS_DEVICE).size(), Get(static_cast<STATUS_E>(99)).size()), "33|0|");
   uint8_t net[48] = {7, 0, 0, 0, 2};
   StoreLE32(net + 44, 0xFFFFFFFF);
   UpgradeNotify_t note{201, 21, "/mnt/sd1/X-1-2-3-4.swEXTRA"};  // the path is the first 21
