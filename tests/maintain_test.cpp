@@ -28,21 +28,14 @@ const char kFar[] = "20991231-235959";
 
 TEST(RulesTest, ScopeWalksTheRangesUntilOneHoldsTheDevice) {
   const std::string big = "99999999999999999999", huge = big + "~" + big, tiny = "-" + big + "~-5";
-  const std::pair<const char*, long long> cases[] = {{"100~200", 200},
-                                                     {"100~200", 201},
-                                                     {"100~200", 99},
-                                                     {"100~200;", 201},
-                                                     {"1~2;140~160;9~9", 150},
-                                                     {"150", 150},
-                                                     {"abc", 0},
-                                                     {";5~6", 5},
-                                                     {"", 0},
-                                                     {nullptr, 0},
-                                                     {tiny.c_str(), LLONG_MIN},
-                                                     {huge.c_str(), LLONG_MAX}};
+  // Case i asks whether device devices[i] is in scopes[i].
+  const char* scopes[] = {"100~200",    "100~200",   "100~200", "100~200;", "1~2;140~160;9~9",
+                          "150",        "abc",       ";5~6",    "",         nullptr,
+                          tiny.c_str(), huge.c_str()};
+  const long long devices[] = {200, 201, 99, 201, 150, 150, 0, 5, 0, 0, LLONG_MIN, LLONG_MAX};
   std::string walked;  // of each case: "lo~hi " of each range examined, then in or out
-  for (const auto& [scope, deviceNo] : cases) {
-    bool in = InScope(scope, deviceNo, [&walked](const char*, long long lo, long long hi) {
+  for (size_t i = 0; i < 12; ++i) {
+    bool in = InScope(scopes[i], devices[i], [&walked](const char*, long long lo, long long hi) {
       walked += std::to_string(lo) + "~" + std::to_string(hi) + " ";
     });
     walked += in ? "in|" : "out|";
