@@ -316,11 +316,9 @@ TEST_F(MaintainTest, CommandFilesActByTheirMarker) {
   // Type 23: the shipped disk-access tool (the real shell) writes a report that is sent, then
   // removed; the account stays. A hostile device name is taken literally.
   SetDisks({1});
-  const std::string app = root.Make("/app/diskaccess"), src = __FILE__;
-  ASSERT_EQ(
-      system_run(("cp '" + src.substr(0, src.rfind("/tests/")) + "/profile/app/diskaccess' " + app)
-                     .c_str()),
-      0);
+  const std::string src = __FILE__, app = root.Make("/app/diskaccess");
+  const std::string cp = "cp '" + src.substr(0, src.rfind("/tests/")) + "/profile/app/diskaccess' ";
+  ASSERT_EQ(system_run((cp + app).c_str()), 0);
   shell.onCommand = [](const std::string& c) {
     if (c.find("diskaccess") != std::string::npos) system_run(c.c_str());
   };
