@@ -1,18 +1,24 @@
-// The maintenance manager on in-memory fakes: file lists and their judging, the loaders, command
-// files, configuration archives, the cycle and its thread. A recorder of device type 3, no. 150.
+// Maintenance: device-number scopes, dates and tool command lines; the maintenance manager and the
+// debug-log upload on in-memory fakes. A recorder of device type 3, no. 150.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <cstring>
 #include <future>
 #include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "maintain/command_files.h"
 #include "maintain/ftp_maintain_mng.h"
+#include "rules/date_text.h"
+#include "rules/scope.h"
+#include "rules/shell_words.h"
 #include "tests/fakes/fakes.h"
 
 namespace {
@@ -20,24 +26,119 @@ namespace {
 using Lines = std::vector<std::string>;
 const char kFar[] = "20991231-235959";
 
-// A tar archive built member by member, so that a test can write what no tar tool would.
-std::string Tar(const std::vector<std::vector<std::string>>& members) {  // name, type, link
+TEST(RulesTest, ScopeWalksTheRangesUntilOneHoldsTheDevice) {
+  const std::string big = "99999999999999999999", huge = big + "~" + big, tiny = "-" + big + "~-5";
+  // Case i asks whether device devices[i] is in scopes[i].
+  const char* scopes[] = {"100~200",    "100~200",   "100~200", "100~200;", "1~2;140~160;9~9",
+                          "150",        "abc",       ";5~6",    "",         nullptr,
+                          tiny.c_str(), huge.c_str()};
+  const long long devices[] = {200, 201, 99, 201, 150, 150, 0, 5, 0, 0, LLONG_MIN, LLONG_MAX};
+  std::string walked;  // of each case: "lo~hi " of each range examined, then in or out
+  for (size_t i = 0; i < 12; ++i) {
+    bool in = InScope(scopes[i], devices[i], [&walked](const char*, long long lo, long long hi) {
+      walked += std::to_string(lo) + "~" + std::to_string(hi) + " ";
+    });
+    walked += in ? "in|" : "out|";
+  }
+  EXPECT_EQ(walked,
+            "100~200 in|100~200 out|100~200 out|100~200 out|1~2 140~160 in|150~0 out|0~0 in|"
+            "0~0 5~6 in|out|out|-9223372036854775808~-5 in|"
+            "9223372036854775807~9223372036854775807 in|");
+}
+
+TEST(RulesTest, DatesAndSpansReadAsFarAsTheyGo) {
+  std::string got;  // of each text: how many fields were read, then all six or twelve (a span)
+  for (const char* text :
+       {"20240131-235958 and more", "20240131-2359", "19991231-235959", "",
+        static_cast<const char*>(nullptr), "20240101-000000~20241231-235959",
+        "20240101-000000~20241231", "20240101-000000 ~20241231", "20240101-0000~20241231-235959"}) {
+    std::vector<int32_t> f(12, -7);
+    const bool span = text != nullptr && strchr(text, '~') != nullptr;
+    got += std::to_string(span ? ReadDateSpan2000(text, f.data()) : ReadDate2000(text, f.data()));
+    for (int i = 0; i < (span ? 12 : 6); ++i) got += " " + std::to_string(f[i]);
+    got += "|";
+  }
+  EXPECT_EQ(got,
+            "6 24 1 31 23 59 58|5 24 1 31 23 59 0|0 0 0 0 0 0 0|0 0 0 0 0 0 0|0 0 0 0 0 0 0|"
+            "12 24 1 1 0 0 0 24 12 31 23 59 59|9 24 1 1 0 0 0 24 12 31 0 0 0|"
+            "6 24 1 1 0 0 0 0 0 0 0 0 0|5 24 1 1 0 0 0 0 0 0 0 0 0|");
+  auto at = [](int32_t y, int32_t mo, int32_t d, int32_t s) {
+    const int32_t f[6] = {y, mo, d, 3, 14, s};
+    return LocalTime2000(f);
+  };
+  // Past a 32-bit time_t; a day; fields carry over; the first year; out of range.
+  EXPECT_EQ(std::vector<int64_t>({at(38, 1, 19, 8) - at(38, 1, 19, 7),
+                                  at(99, 12, 31, 0) - at(99, 12, 30, 0),
+                                  at(24, 1, 32, 0) - at(24, 2, 1, 0), at(0, 1, 1, 0) > 0,
+                                  at(24, 1, 1, 100001), at(INT32_MIN, 1, 1, 0)}),
+            std::vector<int64_t>({1, 86400, 0, 1, -1, -1}));
+}
+
+TEST(RulesTest, FtpCommandHandsEachValueOverAsOneArgumentAndNamesArePlain) {
+  for (const char* bad : {"../etc/passwd", "/etc/passwd", "a/b.sw", "x;reboot.sw", "$(id).sw",
+                          "-rf", ".hidden", "a b.sw", "a`id`.sw", "..sw", "~root", "a=~", ""})
+    EXPECT_FALSE(IsSafeFileName(bad)) << bad;
+  EXPECT_TRUE(IsSafeFileName("VLM-1-2-3-4.sw") && IsSafeFileName("mcu_V1.2.crc+a@b=c,d"));
+  // The line runs in /bin/sh with a stand-in ftpget that writes each argument on a line.
+  TempRoot root;
+  root.Write("/a.log", "");  // what a "*" would expand to
+  root.Write("/bin/ftpget", "#!/bin/sh\nprintf '%s\\n' \"$@\" >\"$0.args\"\n");
+  chmod((root.path() + "/bin/ftpget").c_str(), 0755);
+  const std::string args = root.path() + "/bin/ftpget.args", a224(224, 'a'), a225(225, 'a');
+  // User, password, host, first and second name: each fits its field, some without a
+  // terminator; a224 makes 254 characters, a225 one too many. The first five are accepted.
+  std::vector<std::vector<std::string>> cases = {
+      {"maint", "pw", "10.1.1.1", "/d/FileList.xml", "FileList.xml"},
+      {"x; rm -rf /", "p w'\"$(touch pwned)`id`;|&*~\\", "h 'q' <>!#$HOME",
+       "/mnt/sd $(reboot)/a b.log", "*"},
+      {"~maint", "'", "h", "350_a'b.log", "a\\b"},
+      {std::string(32, 'u'), "pw", std::string(64, 'h'), "a", "b"},
+      {"u", "pw", "h", a224, "b"},
+      {"u", "pw", "h", a225, "b"}};
+  const std::vector<std::vector<std::string>> refused = {
+      {"-o", "pw", "h", "a", "b"},   {"", "pw", "h", "a", "b"},    {"u", "p\nw", "h", "a", "b"},
+      {"u", "pw", "", "a", "b"},     {"u", "pw", "h", "-rf", "b"}, {"u", "pw", "h", "a", "x\ny"},
+      {"u", "pw", "h", "a", "b\x7f"}};
+  cases.insert(cases.end(), refused.begin(), refused.end());
+  std::string results;  // and whether a command line was left
+  for (const auto& c : cases) {
+    UpgradeSet_t account{};
+    account.port = 2121;
+    memcpy(account.user, c[0].data(), c[0].size());
+    memcpy(account.password, c[1].data(), c[1].size());
+    memcpy(account.host, c[2].data(), c[2].size());
+    char command[255] = "unchanged";
+    const int result = FtpToolCommand("ftpget", account, c[3].c_str(), c[4].c_str(), command, 255);
+    results += std::to_string(result) + (command[0] == '\0' ? " " : "+ ");
+    if (result != FTP_COMMAND_OK) continue;
+    remove(args.c_str());
+    system_run(
+        ("cd '" + root.path() + "' && PATH='" + root.path() + "/bin':$PATH; " + command).c_str());
+    EXPECT_EQ(ReadWholeFile(args), "-u\n" + c[0] + "\n-p\n" + c[1] + "\n-P\n2121\n" + c[2] + "\n" +
+                                       c[3] + "\n" + c[4] + "\n")
+        << command;
+  }
+  // Too long, a bad account four times, a bad first name, a bad second name twice.
+  EXPECT_EQ(results, "0+ 0+ 0+ 0+ 0+ -4 -1 -1 -1 -1 -2 -3 -3 ");
+  EXPECT_NE(access((root.path() + "/pwned").c_str(), F_OK), 0);
+}
+
+// A tar archive built member by member (name, type, link), to write what no tar tool would.
+std::string Tar(const std::vector<std::vector<std::string>>& members) {
   std::string bytes;
   for (const auto& m : members) {
-    uint8_t h[512] = {};
+    char h[512] = {};
     memcpy(h, m[0].data(), std::min<size_t>(m[0].size(), 100));
-    snprintf(reinterpret_cast<char*>(h + 100), 8, "%07o", 0644);
-    snprintf(reinterpret_cast<char*>(h + 124), 12, "%011o", m[1] == "0" ? 512u : 0u);
-    h[156] = static_cast<uint8_t>(m[1][0]);
+    snprintf(h + 100, 8, "%07o", 0644);
+    snprintf(h + 124, 12, "%011o", m[1] == "0" ? 512u : 0u);
+    h[156] = m[1][0];
     if (m.size() > 2) memcpy(h + 157, m[2].data(), std::min<size_t>(m[2].size(), 100));
-    memcpy(h + 257, "ustar", 6);
-    memcpy(h + 263, "00", 2);
+    memcpy(h + 257, "ustar\00000", 8);  // "ustar", a zero byte, "00"
     memset(h + 148, ' ', 8);
     unsigned sum = 0;
-    for (uint8_t b : h) sum += b;
-    snprintf(reinterpret_cast<char*>(h + 148), 8, "%06o", sum);
-    bytes.append(reinterpret_cast<char*>(h), 512);
-    if (m[1] == "0") bytes.append(512, 'x');  // one block of data
+    for (char b : h) sum += static_cast<uint8_t>(b);
+    snprintf(h + 148, 8, "%06o", sum);
+    bytes.append(h, 512).append(m[1] == "0" ? 512 : 0, 'x');  // one block of data
   }
   return bytes + std::string(1024, '\0');
 }
@@ -52,30 +153,26 @@ class MaintainTest : public ::testing::Test {
     env.status = &status;
     env.shell = &shell;
     shell.mustBeFree = &mng.m_lock;
-    std::lock_guard<std::mutex> g(status.mutex);
     status.deviceType = 3;
     status.mcuVersion = "V1.2";
     status.mounts[DISK_USAGE_UPLOAD] = {FakeStatus::Entry(1, "/mnt/sd1"),
                                         FakeStatus::Entry(6, "/mnt/sd2")};
-    status.mounts[DISK_USAGE_MAINTAIN] = {FakeStatus::Entry(1, root.path() + "/mnt/sd1")};
+    SetDisks({1});
   }
   // No shell command may run while the manager's lock is held: the request thread would wait
   // for the whole download.
   void TearDown() override { EXPECT_EQ(shell.LockedRuns(), 0); }
-  static std::string Entry(const std::string& name, int type, size_t size, int devtype = 3) {
+  static std::string Entry(const std::string& name, int type, size_t size = 0, int devtype = 3,
+                           const std::string& expiry = kFar, const std::string& scope = "") {
     return "<FILE filetype=\"" + std::to_string(type) + "\" filesize=\"" + std::to_string(size) +
-           "\" devtype=\"" + std::to_string(devtype) + "\" expirydate=\"" + kFar + "\">" + name +
-           "</FILE>";
+           "\" devtype=\"" + std::to_string(devtype) + "\" expirydate=\"" + expiry + "\" scope=\"" +
+           scope + "\">" + name + "</FILE>";
   }
   std::string P(const std::string& rel) { return root.path() + rel; }
-  // The periodic list of one entry, in /d; LoadFtpFile(1) then judges and loads it.
-  void SetList(const FtpFileItem_t& item) {
-    CAutoLock guard(&mng.m_lock);
-    ClearFileList(&mng.m_pData->fileList);
-    mng.m_pData->fileList.pItems = static_cast<FtpFileItem_t*>(malloc(sizeof(item)));
-    mng.m_pData->fileList.pItems[0] = item;
-    mng.m_pData->fileList.count = 1;
-    strcpy(mng.m_pData->fileList.dir, "/d");
+  void SetDisks(const std::vector<int>& disks) {  // the maintenance disks, /mnt/sd<n>
+    auto& m = status.mounts[DISK_USAGE_MAINTAIN];
+    m.clear();
+    for (int d : disks) m.push_back(FakeStatus::Entry(1, P("/mnt/sd") + char('0' + d)));
   }
 
   TempRoot root;
@@ -107,46 +204,34 @@ TEST_F(MaintainTest, ParsesEntriesBySubstringAndAppends) {
   free(list.pItems);
 }
 
-// Judging and loading one entry of the periodic list: what is downloaded, what is skipped.
+// Entries of the periodic list are skipped for another device type, an expiry before now or
+// unreadable, out of scope, a name a shell would act on, the running version or MCU.
 TEST_F(MaintainTest, EntriesAreJudgedThenLoadedByType) {
-  char now[32], ago[32];  // the current second and the one before
+  char now[32], ago[32];
   time_t t = clock.WallSeconds(), t1 = t - 1;
   strftime(now, sizeof(now), "20%y%m%d-%H%M%S", localtime(&t));
   strftime(ago, sizeof(ago), "20%y%m%d-%H%M%S", localtime(&t1));
-  struct Row {
-    int type, devType;
-    const char *name, *expiry, *scope;
-    int want;  // 1 downloaded, 0 skipped, -1 neither
-  } rows[] = {
-      {3, 3, "u.xml", kFar, "", 1},
-      {3, 0, "u.xml", kFar, "", 0},  // another type
-      {3, 4, "u.xml", kFar, "", 0},
-      {3, 3, "u.xml", now, "", 1},  // still valid
-      {3, 3, "u.xml", ago, "", 0},
-      {3, 3, "u.xml", "tomorrow", "", 0},  // unreadable
-      {3, 3, "u.xml", kFar, "1~2;140~160;", 1},
-      {3, 3, "u.xml", kFar, "1~2;151~160", 0},
-      {3, 3, "x;reboot.xml", kFar, "", 0},  // a name a shell would act on
-      {2, 3, "LOGCMD.xml", kFar, "", 1},
-      {5, 3, "c.tar", kFar, "", 1},
-      {7, 3, "odd.bin", kFar, "", -1},        // unknown type: nothing loaded
-      {1, 3, "VLM-1-2-3-4.sw", kFar, "", 0},  // the running version
-      {1, 3, "vlm-1-2-3-4.sw", kFar, "", 1},  // differs in case: new
-      {4, 3, "mcu_V1.2.crc", kFar, "", 0},
-      {4, 3, "mcu_V1.3.crc", kFar, "", 1},
-  };
+  root.Write("/l.xml", "<L>" + Entry("u.xml", 3) + Entry("u.xml", 3, 0, 0) +
+                           Entry("u.xml", 3, 0, 4) + Entry("u.xml", 3, 0, 3, now) +
+                           Entry("u.xml", 3, 0, 3, ago) + Entry("u.xml", 3, 0, 3, "tomorrow") +
+                           Entry("u.xml", 3, 0, 3, kFar, "1~2;140~160;") +
+                           Entry("u.xml", 3, 0, 3, kFar, "1~2;151~160") + Entry("x;reboot.xml", 3) +
+                           Entry("LOGCMD.xml", 2) + Entry("c.tar", 5) + Entry("odd.bin", 7) +
+                           Entry("VLM-1-2-3-4.sw", 1) + Entry("vlm-1-2-3-4.sw", 1) +
+                           Entry("mcu_V1.2.crc", 4) + Entry("mcu_V1.3.crc", 4) + "</L>");
   mng.FtpConnectTo("maint", "pw", "10.1.1.1", 21, "/");
-  for (const Row& r : rows) {
-    FtpFileItem_t item{r.type, 0, r.devType, "", "", "", "", 0, 0};
-    strcpy(item.ExpiryDate, r.expiry);
-    strcpy(item.Scope, r.scope);
-    strcpy(item.FileName, r.name);
-    SetList(item);
-    int before = shell.Count("ftpget");
+  FtpFileList_t& list = mng.m_pData->fileList;
+  ASSERT_EQ(mng.ParseFileList(P("/l.xml").c_str(), &list), 0);
+  strcpy(list.dir, "/d");
+  std::string got;
+  for (list.index = 0; list.index < list.count; ++list.index) {
+    const int before = shell.Count("ftpget");
     EXPECT_EQ(mng.LoadFtpFile(1), 0);
-    EXPECT_EQ(mng.m_pData->fileList.pItems[0].Status, r.want == 0 ? FILE_STATUS_SKIP : 0) << r.name;
-    EXPECT_EQ(shell.Count("ftpget") - before, r.want == 1 ? 1 : 0) << r.name << " " << r.expiry;
+    got += list.pItems[list.index].Status == FILE_STATUS_SKIP ? "skip "
+           : shell.Count("ftpget") > before                   ? "get "
+                                                              : "none ";
   }
+  EXPECT_EQ(got, "get skip skip get skip skip get skip skip get get none skip get skip get ");
   EXPECT_EQ(status.upgrades, Lines({"201 /d/vlm-1-2-3-4.sw"}));  // the new package announced
 }
 
@@ -163,28 +248,53 @@ TEST_F(MaintainTest, LoaderCleansTheDisksThenFetchesAndMovesIntoPlace) {
                                   "mv /w/tmp_ftp_load.bin /w/config.tar @10"}));
 }
 
-// Command files by their marker: log commands (spans, types, scope, expiry), user commands.
+// Command files by their marker: log commands (span, type, scope, expiry), user commands.
 TEST_F(MaintainTest, CommandFilesActByTheirMarker) {
-  root.Write("/mnt/sd1/debug/dbglog-20240101-120000.log", "log");
-  root.Write("/mnt/sd1/debug/dbglog-20240102-120000.log", "log");
+  SetDisks({1, 2, 3});  // the third has no debug directory
+  for (const char* log : {"1/dbglog-20240101-000000.log", "1/dbglog-20240101-235958.log",
+                          "1/dbglog-20240101-000001.log", "1/dbglog-20240101-235959.log",
+                          "1/dbglog-20240102-120000.log", "1/dbglog-20240101-120000.log.bak",
+                          "1/dbglog.log", "2/dbglog-20240101-120000.log"})
+    root.Write(std::string("/mnt/sd") + log[0] + "/debug/" + (log + 2), "log");
   const std::string r = root.path(), span = " datetime=\"20240101-000000~20240101-235959\"",
                     exp = std::string("<ExpiryDate>") + kFar + "</ExpiryDate>",
-                    sent = "ftpput -u maint -p pw -P 21 10.1.1.1 150_dbglog-20240101-120000.log " +
-                           r + "/mnt/sd1/debug/dbglog-20240101-120000.log @600\n";
+                    put = "ftpput -u maint -p pw -P 21 10.1.1.1 150_dbglog-20240101-";
+  // Logs strictly inside the span, disk by disk in name order; then, after a rest, the account
+  // lent for them is withdrawn (also when none was in the span).
+  const std::string sent =
+      put + "000001.log " + r + "/mnt/sd1/debug/dbglog-20240101-000001.log @600\n" + put +
+      "235958.log " + r + "/mnt/sd1/debug/dbglog-20240101-235958.log @600\n" + put + "120000.log " +
+      r + "/mnt/sd2/debug/dbglog-20240101-120000.log @600\n" + "withdrawn after 2000000\n";
   auto log = [&](const std::string& attrs, const std::string& expiry) {
     return "<LOGCMD>" + expiry + "<CMDITEM " + attrs + "/></LOGCMD>";
   };
+  // What handling a command file runs, and whether it withdrew the account and after what rest.
+  auto handle = [&](const std::string& text) {
+    size_t before = shell.Lines().size();
+    uint64_t slept = clock.sleptUs();
+    root.Write("/in/c.xml", text);
+    EXPECT_EQ(mng.HandleRemoteCmd(P("/in/c.xml").c_str()), 0);
+    std::string ran;
+    for (size_t i = before; i < shell.Lines().size(); ++i) ran += shell.Lines()[i] + "\n";
+    UpgradeSet_t a = mng.Account();
+    if (a.user[0] == '\0' && a.password[0] == '\0')
+      ran += "withdrawn after " + std::to_string(clock.sleptUs() - slept) + "\n";
+    return ran;
+  };
+  // file, commands run. Items in any order; no expiry date: expired; type 1 does nothing; the
+  // scope of a user command restricts nothing.
   const std::vector<std::pair<std::string, std::string>> rows = {
-      // file, commands run
       {log("type=\"5\" scope=\"100~200\"" + span, exp), sent},
-      {"<LOGCMD><CMDITEM" + span + " scope=\"100~200\" type=\"5\"/>" + exp + "</LOGCMD>",
-       sent},  // any order
+      {"<LOGCMD><CMDITEM" + span + " scope=\"100~200\" type=\"5\"/>" + exp + "</LOGCMD>", sent},
       {log("type=\"5\" scope=\"151~200\"" + span, exp), ""},
-      {log("type=\"5\" scope=\"100~200\"" + span, ""), ""},  // no expiry date: expired
+      {log("type=\"5\" scope=\"100~200\"" + span, ""), ""},
+      {log("type=\"1\" scope=\"100~200\"" + span, exp), ""},
+      {log("type=\"5\" scope=\"100~200\" datetime=\"20230101-000000~20230101-235959\"", exp),
+       "withdrawn after 2000000\n"},
       {"<LOGCMD><UsrDefineCmd><CMDITEM>true no</CMDITEM></UsrDefineCmd></LOGCMD>", ""},
       {"<UsrDefineCmd><CMDITEM scope=\"all\">true a</CMDITEM><CMDITEM scope=\"140~160\">true b"
        "</CMDITEM><CMDITEM scope=\"1~5\">true c</CMDITEM></UsrDefineCmd>",
-       "true a @-1\ntrue b @-1\ntrue c @-1\n"},  // the scope restricts nothing
+       "true a @-1\ntrue b @-1\ntrue c @-1\n"},
       {"<UsrDefineCmd><ExpiryDate>20000101-000000</ExpiryDate><CMDITEM>rm -rf *.db</CMDITEM>"
        "<CMDITEM>rm -rf ./*.db</CMDITEM><CMDITEM></CMDITEM><CMDITEM>rm -rf REC-ALARM</CMDITEM>"
        "<CMDITEM>" +
@@ -192,20 +302,40 @@ TEST_F(MaintainTest, CommandFilesActByTheirMarker) {
        "rm -rf *.db @-1\nrm -rf " + r + "/mnt/sd1/*.db;rm -rf " + r + "/mnt/sd2/*.db @5\n" +
            "rm -rf ./*.db @-1\nrm -rf REC-ALARM @-1\nrm -rf " + r + "/mnt/sd1/REC-ALARM/*;rm -rf " +
            r + "/mnt/sd2/REC-ALARM/* @100\n" + std::string(127, 'x') + " @-1\n"},
-      {"<Other><CMDITEM>true nothing</CMDITEM></Other>", ""},
-  };
+      {"<Other><CMDITEM>true nothing</CMDITEM></Other>", ""}};
   for (const auto& row : rows) {
     mng.FtpConnectTo("maint", "pw", "10.1.1.1", 21, "/");
-    size_t before = shell.Lines().size();
-    root.Write("/in/c.xml", row.first);
-    EXPECT_EQ(mng.HandleRemoteCmd(P("/in/c.xml").c_str()), 0);
-    std::string ran;
-    for (size_t i = before; i < shell.Lines().size(); ++i) ran += shell.Lines()[i] + "\n";
-    EXPECT_EQ(ran, row.second) << row.first;
-    // The account the logs went to is withdrawn after an upload.
-    UpgradeSet_t a = mng.Account();
-    EXPECT_EQ(a.user[0] == '\0' && a.password[0] == '\0', row.second == sent) << row.first;
+    EXPECT_EQ(handle(row.first), row.second) << row.first;
   }
+  // Without a user nothing can be sent; without debug logs on any disk the account stays.
+  std::string twice = handle(rows[0].first);
+  EXPECT_EQ(twice + handle(rows[0].first), sent + "withdrawn after 2000000\n");
+  SetDisks({3});
+  mng.FtpConnectTo("maint", "pw", "10.1.1.1", 21, "/");
+  EXPECT_EQ(handle(rows[0].first), "");
+  // Type 23: the shipped disk-access tool (the real shell) writes a report that is sent, then
+  // removed; the account stays. A hostile device name is taken literally.
+  SetDisks({1});
+  const std::string src = __FILE__, app = root.Make("/app/diskaccess");
+  const std::string cp = "cp '" + src.substr(0, src.rfind("/tests/")) + "/profile/app/diskaccess' ";
+  ASSERT_EQ(system_run((cp + app).c_str()), 0);
+  shell.onCommand = [](const std::string& c) {
+    if (c.find("diskaccess") != std::string::npos) system_run(c.c_str());
+  };
+  char name[64];
+  const time_t now = clock.WallSeconds();
+  strftime(name, sizeof(name), "dbglog-%Y%m%d-%H%M%S.log", localtime(&now));
+  const std::string report = r + "/mnt/sd1/debug/" + name;
+  std::string ran =
+      handle(log("type=\"23\" scope=\"1~200\" datetime=\"20231101-000000~20231201-000000\"", exp));
+  EXPECT_EQ(ran.substr(ran.find('\n') + 1), "ftpput -u maint -p pw -P 21 10.1.1.1 150_" +
+                                                std::string(name) + " " + report + " @600\nrm " +
+                                                report + " @60\n");
+  EXPECT_EQ(ReadWholeFile(report).rfind("device: /dev/sda2\nparameter: 3\n", 0), 0u);
+  const std::string bad = "$(touch " + r + "/pwned)";
+  system_run(("'" + app + "' '" + bad + "' p 0 >'" + report + "'").c_str());
+  EXPECT_EQ(ReadWholeFile(report).rfind("device: " + bad + "\nparameter: 0\n", 0), 0u);
+  EXPECT_NE(access((r + "/pwned").c_str(), F_OK), 0);
   root.Write("/in/c.xml", "not xml at all");
   EXPECT_EQ(mng.HandleLogCmd(P("/in/c.xml").c_str()) +
                 mng.HandleUsrDefineCmd(P("/in/c.xml").c_str()) +
@@ -217,7 +347,6 @@ TEST_F(MaintainTest, HostileConfigArchivesAreRefusedAndAGoodOneImported) {
   std::string damaged = Tar({{"config/a.xml", "0"}});
   damaged[0] = 'C';
   const std::vector<std::pair<std::string, std::string>> rows = {
-      // archive, why refused
       {Tar({{"/config/x.xml", "0"}}), "absolute path"},
       {Tar({{"config/../../pwned", "0"}}), "\"..\""},
       {Tar({{"config/jtbase.xml", "2", "/etc/passwd"}}), "link"},
@@ -229,39 +358,36 @@ TEST_F(MaintainTest, HostileConfigArchivesAreRefusedAndAGoodOneImported) {
       {damaged, "damaged"},
       {Tar({}), "no config"},
       {"", "no config"},
-      {Tar({{"./", "5"}, {"./config/ttx.xml", "0"}}), ""},  // safe
-  };
-  for (const auto& c : rows) {
+      {Tar({{"./", "5"}, {"./config/ttx.xml", "0"}}), ""}};  // the last is safe
+  for (const auto& [archive, reason] : rows) {
     std::string why;
-    EXPECT_EQ(
-        CheckConfigArchive(reinterpret_cast<const uint8_t*>(c.first.data()), c.first.size(), &why),
-        c.second.empty())
-        << c.second;
-    EXPECT_NE(why.find(c.second), std::string::npos) << why;
-    if (c.second.empty()) continue;
-    root.Write("/dl/evil.tar", c.first);
-    EXPECT_EQ(mng.HandleConfigCmd(P("/dl/evil.tar").c_str()), -1) << c.second;
+    const auto* bytes = reinterpret_cast<const uint8_t*>(archive.data());
+    EXPECT_TRUE(CheckConfigArchive(bytes, archive.size(), &why) == reason.empty() &&
+                why.find(reason) != std::string::npos)
+        << reason << ": " << why;
+    if (reason.empty()) continue;
+    root.Write("/dl/evil.tar", archive);
+    EXPECT_EQ(mng.HandleConfigCmd(P("/dl/evil.tar").c_str()), -1) << reason;
   }
   EXPECT_TRUE(shell.Lines().empty());  // nothing was unpacked
-
   // A good archive, through the real shell and tar: known names applied, exactly as spelt.
   env.shell = nullptr;
-  root.Write("/src/config/wifi.xml", "<wifi ssid=\"fleet\"/>");
-  root.Write("/src/config/JTBASE.xml", "<jtbase deviceNo=\"666\"/>");
   const std::string archive = P("/dl/config.tar");
-  ASSERT_EQ(system(("cd '" + P("/src") + "' && tar cf '" + archive + "' config").c_str()), 0);
+  root.Write("/dl/config.tar", Tar({{"config/wifi.xml", "0"}, {"config/JTBASE.xml", "0"}}));
   EXPECT_EQ(mng.HandleFtpCmdFile(FTP_FILE_CONFIG, archive.c_str()), 0);
-  EXPECT_EQ(ReadWholeFile(P("/etc/velmar/config/wifi.xml")), "<wifi ssid=\"fleet\"/>");
-  EXPECT_EQ(ReadWholeFile(P("/etc/velmar/config/jtbase.xml")), "<jtbase deviceNo=\"150\"/>");
-  EXPECT_NE(access(P("/tmp/config").c_str(), F_OK), 0);  // removed after the import
-  EXPECT_EQ(access(archive.c_str(), F_OK), 0);           // the archive stays
+  EXPECT_EQ(ReadWholeFile(P("/etc/velmar/config/wifi.xml")) +
+                ReadWholeFile(P("/etc/velmar/config/jtbase.xml")),
+            std::string(512, 'x') + "<jtbase deviceNo=\"150\"/>");
+  // The unpacked files are removed after the import, the archive stays.
+  EXPECT_EQ(std::to_string(access(P("/tmp/config").c_str(), F_OK)) + " " +
+                std::to_string(access(archive.c_str(), F_OK)),
+            "-1 0");
 }
 
 class MaintainCycleTest : public MaintainTest {
  protected:
   MaintainCycleTest() {
     mng.FtpConnectTo("maint", "pw", "10.1.1.1", 21, "/");
-    CAutoLock guard(&mng.m_lock);
     strcpy(mng.m_pData->fileList.dir, P("/mnt/sd1").c_str());
     mng.m_lastStepTime = clock.WallSeconds();
     // A download lands its file when the loader moves it into place, if the test says so.
@@ -272,19 +398,19 @@ class MaintainCycleTest : public MaintainTest {
       if (f != served.end()) root.Write("/mnt/sd1/" + f->first, f->second);
     };
   }
-  // Passes of the thread's loop, one second apart, until the state changes: how many it took.
-  int PassesUntilStateChanges() {
-    int before = mng.m_pData->state;
-    for (int n = 1; n <= 2000; ++n) {
-      mng.ProcPass(&interval);
-      clock.AdvanceMs(1000);
-      if (mng.m_pData->state != before) return n;
-    }
-    return -1;
-  }
-  std::vector<int> Steps(int n) {  // passes per step, then the state reached
+  // Passes of the thread's loop, one second apart, until the state changed n times: the passes
+  // each change took (-1: none within 2000), then the state reached.
+  std::vector<int> Steps(int n) {
     std::vector<int> out;
-    for (int i = 0; i < n; ++i) out.push_back(PassesUntilStateChanges());
+    while (n-- > 0) {
+      const int before = mng.m_pData->state;
+      int passes = 0;
+      while (mng.m_pData->state == before && passes++ < 2000) {
+        mng.ProcPass(&interval);
+        clock.AdvanceMs(1000);
+      }
+      out.push_back(mng.m_pData->state == before ? -1 : passes);
+    }
     out.push_back(mng.m_pData->state);
     return out;
   }
@@ -328,11 +454,8 @@ TEST_F(MaintainCycleTest, NewAccountRestartsTheCycleAndDropsAStaleFetch) {
   root.Write("/mnt/sd1/FileList.xml", "<old/>");
   EXPECT_EQ(mng.HandleRemoteCmd(P("/in/dl.xml").c_str()), 0);
   EXPECT_EQ(std::string(mng.m_pData->onlineList.dir), P("/tmp"));
-  {
-    CAutoLock guard(&mng.m_lock);
-    mng.ParseFileList(P("/in/dl.xml").c_str(), &mng.m_pData->fileList);
-    strcpy(mng.m_pData->upgradeSet.name, "old name");
-  }
+  mng.ParseFileList(P("/in/dl.xml").c_str(), &mng.m_pData->fileList);
+  strcpy(mng.m_pData->upgradeSet.name, "old name");
   EXPECT_EQ(mng.FtpConnectTo("u", "p", "127.0.0.2", 2121, "/ignored"), 0);
   UpgradeSet_t a = mng.Account();
   EXPECT_EQ(Lines({a.host, a.user, a.password, a.name, std::to_string(a.port)}),
@@ -345,11 +468,8 @@ TEST_F(MaintainCycleTest, NewAccountRestartsTheCycleAndDropsAStaleFetch) {
     if (c.find("127.0.0.2") != std::string::npos) mng.FtpConnectTo("u3", "p", "h3", 21, "/");
   };
   EXPECT_EQ(Steps(2), std::vector<int>({6, 1, 1}));
-  {
-    CAutoLock guard(&mng.m_lock);
-    mng.m_pData->state = 8;  // an account is being replaced: the cycle stands still
-  }
-  EXPECT_EQ(PassesUntilStateChanges(), -1);
+  mng.m_pData->state = 8;  // an account is being replaced: the cycle stands still
+  EXPECT_EQ(Steps(1), std::vector<int>({-1, 8}));
 }
 
 TEST_F(MaintainCycleTest, OnlineListSettlesEntriesAndStartsOverWhenFinished) {
@@ -358,37 +478,29 @@ TEST_F(MaintainCycleTest, OnlineListSettlesEntriesAndStartsOverWhenFinished) {
                                Entry("missing.xml", 3, 5) + Entry("short.xml", 3, 500) +
                                Entry("other.xml", 3, 5, 9) + "</FileDownloadCmd>");
   served = {{"u1.xml", usrCmd}, {"short.xml", "too short"}};
-  EXPECT_EQ(mng.HandleRemoteCmd(P("/in/dl.xml").c_str()), 0);
   FtpFileList_t& online = mng.m_pData->onlineList;
-  strcpy(online.dir, P("/mnt/sd1").c_str());
-  for (int i = 0; i < 8; ++i) mng.OnlineFtpProc();  // missing and short: three tries each
-  std::vector<int> got;
-  for (int i = 0; i < 4; ++i)
-    got.push_back(online.pItems[i].Status * 10 + online.pItems[i].ErrTimes);
-  EXPECT_EQ(got, std::vector<int>({20, 33, 33, 10}));  // done, failed, failed, skipped
-  EXPECT_EQ(shell.Count("true online"), 1);
-  EXPECT_EQ(online.index, 4);
-  mng.OnlineFtpProc();  // finished: freed, and the next command starts at entry 0
-  EXPECT_EQ(online.pItems, nullptr);
-  EXPECT_EQ(mng.HandleRemoteCmd(P("/in/dl.xml").c_str()), 0);
-  strcpy(online.dir, P("/mnt/sd1").c_str());
-  mng.OnlineFtpProc();
-  EXPECT_EQ(shell.Count("true online"), 2);
+  for (int round = 1; round <= 2; ++round) {  // the second starts at entry 0 again
+    EXPECT_EQ(mng.HandleRemoteCmd(P("/in/dl.xml").c_str()), 0);
+    strcpy(online.dir, P("/mnt/sd1").c_str());
+    for (int i = 0; i < 8; ++i) mng.OnlineFtpProc();  // missing and short: three tries each
+    std::vector<int> got{online.index};
+    for (int i = 0; i < 4; ++i)
+      got.push_back(online.pItems[i].Status * 10 + online.pItems[i].ErrTimes);
+    EXPECT_EQ(got, std::vector<int>({4, 20, 33, 33, 10}));  // done, failed, failed, skipped
+    EXPECT_EQ(shell.Count("true online"), round);
+    mng.OnlineFtpProc();  // finished: freed
+    EXPECT_EQ(online.pItems, nullptr);
+  }
 }
 
-TEST_F(MaintainTest, WorkDirIsTmpWithoutAMaintenanceDiskAfterTwoMinutes) {
-  status.mounts[DISK_USAGE_MAINTAIN].clear();
+// Without a maintenance disk the work directory is /tmp, after two minutes. The thread reads the
+// account from the configuration, works on the first maintenance disk, steps on the fake clock.
+TEST_F(MaintainTest, WorkDirAndThreadWithTheConfiguredAccount) {
+  SetDisks({});
   mng.SelectWorkDir();
   EXPECT_STREQ(mng.m_pData->fileList.dir, P("/tmp").c_str());
-  EXPECT_GT(clock.sleptUs(), 120u * 1000000);  // more than two minutes, but not much more
-  EXPECT_LT(clock.sleptUs(), 123u * 1000000);
-}
-
-// The thread reads the account from the configuration, works on the first maintenance disk
-// and steps on the fake clock.
-TEST_F(MaintainTest, ThreadStartsWithTheConfiguredAccountAndStops) {
-  status.mounts[DISK_USAGE_MAINTAIN].insert(status.mounts[DISK_USAGE_MAINTAIN].begin(),
-                                            FakeStatus::Entry(2, P("/mnt/sd2")));
+  EXPECT_TRUE(clock.sleptUs() > 120000000u && clock.sleptUs() < 123000000u) << clock.sleptUs();
+  SetDisks({2, 1});
   root.Write("/etc/velmar/config/upgrade.xml",
              "<upgrade host=\"h.example\" port=\"2100\" user=\"u\" password=\"p\"/>");
   std::promise<std::string> fetched;
@@ -412,8 +524,7 @@ TEST(HostConfigTest, FileNamesAndRecords) {
   std::string names;
   for (int t = 0; t < 32; ++t) {  // 22, 25, 26 and 29 on are no configuration types
     const char* name = ConfigFileName(static_cast<PARAM_TYPE_E>(t));
-    names += name == nullptr ? "-" : ConfigFileType(name) == t ? name : "?";
-    names += ' ';
+    names += std::string(name == nullptr ? "-" : ConfigFileType(name) == t ? name : "?") + " ";
   }
   EXPECT_EQ(names,
             "jtbase.xml osd.xml store.xml server.xml dialup.xml local.xml clock.xml rsbase.xml "
