@@ -1,7 +1,5 @@
-// The AVI stream over fake recordings: the header against a field table, a structural walk of
-// whole files made from a table of recordings, info records, read blocks, seeking, and open.
-// Then the host frame-store reader it reads through: the span, seeking, payloads across its
-// read-ahead window, and damaged files, which end the frames where the damage starts.
+// The AVI stream over fake recordings (header, structure, info records, blocks, seeking, open),
+// and the host frame-store reader under it (span, seeking, read-ahead, damaged files).
 #include <gtest/gtest.h>
 
 #include <sstream>
@@ -34,9 +32,8 @@ uint32_t PayloadLen(const FakeFrame& f) {
   return subtype == 1 ? 24 : (subtype == 0 || subtype == 2 ? 68 : 0);
 }
 
-// Adds the frames a list describes: "type:length" ("*n": n such frames) or "i<subtype>" (an
-// info frame); "!n" makes the reader fail after n frames. Frame k is 1 ms after frame k - 1, its
-// seed k.
+// Adds frames "type:length[*n]", info frames "i<subtype>"; "!n": the reader fails after n frames.
+// Frame k is at k ms, its seed k.
 void AddFrames(FakeRecording& r, const char* list) {
   std::istringstream in(list);
   for (std::string item; in >> item;) {
@@ -124,10 +121,8 @@ class AviTest : public ::testing::Test {
   int m_type = 0, m_size = 0;
 };
 
-// Walks a whole file made from rec and returns the offsets of its frame chunks. Checks the
-// length fixed at open (estimated from the record size for type 0, measured otherwise), the RIFF
-// and LIST sizes, each chunk against its recorded frame with its "00tm" chunk, the padding of
-// every section, each index entry against the chunk it names, and the end of the file.
+// Walks a whole file made from rec, checking its announced length, sizes, chunks, padding and
+// index entries; returns the offsets of its frame chunks.
 std::vector<uint32_t> AviTest::Walk(const AviFile& f) {
   const Bytes& b = f.bytes;
   const uint64_t index = 1600ull * m_seconds;  // 100 entries of 16 bytes a second
@@ -396,7 +391,6 @@ TEST_F(AviTest, PartitionIsLookedUpInLists15Then17Then16) {
   EXPECT_STREQ("/mnt/c", rec.inits.back().path);
 }
 
-// (ms after kT0, length) of each frame
 using Frames = std::vector<std::pair<uint32_t, uint32_t>>;  // (ms after kT0, length)
 
 class HostReaderTest : public ::testing::Test {
@@ -416,8 +410,7 @@ class HostReaderTest : public ::testing::Test {
     file[8 + 12] = 1, file[8 + 13] = 10, file[8 + 15] = 2;  // H.265, 10 fps, audio codec 2
     root.Write("/mnt/rec/0002_000000ff.vfs", file.substr(0, keep));
   }
-  // The frames the host reader gives for [start, end), after a seek to seekTo when given;
-  // checks every payload.
+  // The frames (payloads checked) the host reader gives for [start, end), after a seek to seekTo.
   Frames Read(uint32_t start, uint32_t end, long seekTo = -1) {
     CReadDisk* r = NewReadDisk();
     PartAccess_t access{};

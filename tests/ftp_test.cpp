@@ -1,8 +1,5 @@
-// The FTP client over a scripted server on a fake clock: unusual but legal replies, and replies
-// meant to break or stall the client. Nothing waits for real: where the server keeps silent,
-// the transport moves the clock by the whole wait the client allowed. Then the parsers of
-// passive-mode replies, FEAT and single listing lines in their less common forms, and the host
-// client over real sockets against pyftpdlib.
+// The FTP client over scripted servers on a fake clock (a silent server moves the clock by the
+// wait allowed), its reply and listing parsers, and the host client against pyftpdlib.
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -21,10 +18,7 @@
 
 namespace {
 
-// How the server misbehaves beyond its replies: it closes the control connection once its
-// replies are read, never answers the control connect or a data connect, sends the listing and
-// then nothing with the data connection open, or takes kCap bytes of a transfer and then reads
-// no more or closes the data connection.
+// How the server misbehaves beyond its replies; the last two after taking kCap bytes of a transfer.
 enum Trouble { kNone, kHangsUp, kConnectHangs, kDataConnectHangs, kStalls, kStopsReading, kCloses };
 constexpr size_t kCap = 100000;
 
@@ -307,9 +301,8 @@ struct PyFtpd {
   int pid = 0, port = 0;
 };
 
-// Starts a session in the server's root, lists it, and uploads bytes to name in 16384-byte
-// blocks as the upload engine does (mode 0 stores anew, 1 appends). Returns the listing as
-// "name:size|..." in name order, or "failed" at the first call that fails.
+// Lists the server's root and uploads bytes to name in 16384-byte blocks (mode 0 store, 1 append):
+// the listing as "name:size|..." in name order, or "failed" at the first call that fails.
 std::string Session(const PyFtpd& server, const char* host, const char* password, const char* name,
                     int mode, const std::string& bytes) {
   std::unique_ptr<CFtpClient> c(NewFtpClient());

@@ -1,8 +1,6 @@
 // Upload control, the upload engine and the scheduler on one bench: a control manager and its
 // engine on a fake clock, status service, bus, database and FTP client, under a root of their own.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <functional>
@@ -112,7 +110,7 @@ struct UploadBench {
   FakeStatus status;
   FakeBus bus;
   FaultyDb db;
-  FakeFtpClient::Installer ftp;
+  FakeFtpClient::Script ftp;
   TestEnv env;
   CFtpUploadFileMng engine{&env};
   CFtpCtrlMng mng{&env, &engine};
@@ -159,8 +157,7 @@ TEST_F(UploadControlTest, DiskSlotsAndTheCurrentDisk) {
   }
 }
 
-// A disk is loaded when it comes or its mount directory changes (tasks already queued are not
-// added twice), and the current disk again while the queue is empty, at most every 30 s.
+// A disk loads when it comes or moves (queued tasks not twice); an empty queue reloads every 30 s.
 TEST_F(UploadControlTest, WhenDisksAreLoaded) {
   std::string sd1 = AddDisk(1, "/mnt/sd1"), moved = root.path() + "/mnt/sd1b";
   mng.CheckDiskState(100);  // loads (nothing) and counts as the reload
@@ -211,8 +208,7 @@ TEST_F(UploadControlTest, IntakeStoresQueuesAndLimits) {
   EXPECT_EQ(Rows(sd1).size(), 1u);  // nor stored
 }
 
-// Transfer control of (seq, type) over the current disk's rows (by name), the list (in order)
-// and the engine, which holds o and is sending. State: "rows | list | engine".
+// Transfer control over rows, list and engine (holding o, sending): "rows | list | engine".
 TEST(UploadControlTableTest, TransferControl) {
   const std::string none = "o=1 p=1 r0=1 r1=1 | r0=1 r1=1 p=1 o=1 l=1 | v1t1s1";
   auto dropListed = [](UploadBench& b) {
@@ -261,8 +257,7 @@ TEST(UploadControlTableTest, TransferControl) {
   }
 }
 
-// A database that refuses writes still loads; one that is broken loads nothing. Either way an
-// admitted task is queued for this run and the stored rows stay as they were.
+// A full database still loads, a corrupt one loads nothing; admission queues, rows unchanged.
 TEST(UploadControlTableTest, DatabaseFaults) {
   for (bool corrupt : {false, true}) {
     SCOPED_TRACE(corrupt ? "corrupt" : "full");
@@ -276,52 +271,6 @@ TEST(UploadControlTableTest, DatabaseFaults) {
     EXPECT_EQ(b.Names().back(), "/data/new");
     EXPECT_EQ(b.Seqs(sd1), (Ints{2, 2}));
   }
-}
-
-// Admitted tasks survive kill -9 right after the last admission returned: a fresh load finds
-// them all, in order, none twice.
-TEST_F(UploadControlTest, AdmittedTasksSurviveSigkill) {
-  std::string sd1 = AddDisk(1, "/mnt/sd1");
-  int ready[2];
-  ASSERT_EQ(pipe(ready), 0);
-  pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    mng.CheckDiskState(100);
-    for (int i = 0; i < 200; ++i) Admit(1, std::to_string(i));
-    (void)!write(ready[1], "k", 1);
-    pause();
-  }
-  close(ready[1]);
-  char c = 0;
-  ASSERT_EQ(read(ready[0], &c, 1), 1);
-  kill(child, SIGKILL);
-  waitpid(child, nullptr, 0);
-  FaultyDb fresh;
-  std::list<ftpFileInfo_t> list;
-  CLock lock;
-  dataSync(&fresh, &sd1[0], list, &lock);
-  Strings names, expected;
-  for (const ftpFileInfo_t& t : list) names.push_back(t.fullName);
-  for (int i = 0; i < 200; ++i) expected.push_back(std::to_string(i));
-  EXPECT_EQ(names, expected);
-}
-
-// Intake, transfer control and engine steering race the disk check. The case exists for
-// ThreadSanitizer, which sees every unguarded access of the shared list, database and task.
-TEST_F(UploadControlTest, IntakeTransferControlAndEngineFromThreeThreads) {
-  AddDisk(1, "/mnt/sd1");
-  mng.CheckDiskState(100);
-  std::thread intake([&] {
-    for (int i = 0; i < 60; ++i) Admit(50 + i % 3, std::to_string(i), 1);
-  });
-  std::thread control([&] {
-    for (int i = 0; i < 30; ++i) mng.SetFtpTrans(1, static_cast<unsigned>(i % 3), 50 + i % 3);
-  });
-  for (int i = 0; i < 500; ++i) engine.SetTaskTrans(static_cast<uint8_t>(i % 2), 1);
-  for (uint32_t i = 0; i < 20; ++i) mng.CheckDiskState(101 + i);
-  intake.join();
-  control.join();
 }
 
 const char kAviName[] = "/0001_0000000a_1_100_101_1_0.avi";
@@ -373,9 +322,8 @@ TEST_F(UploadEngineTest, SourcesOfEveryKind) {
   ASSERT_EQ(plain.Xopen(path, "r+b"), 0);
   EXPECT_EQ(plain.Xsize(), 10);
   ASSERT_EQ(unlink(path), 0);
-  // The size goes through the path, the reads through the stream.
   EXPECT_EQ((Ints{plain.Xsize(), plain.Xseek(4, SEEK_SET), plain.Xread(buf, 1, 16)}),
-            (Ints{-1, 0, 6}));
+            (Ints{-1, 0, 6}));  // size by path, reads by stream
   EXPECT_EQ(std::string(buf, 6), "456789");
   EXPECT_EQ(plain.Xclose(), 0);
   {
@@ -400,10 +348,8 @@ TEST_F(UploadEngineTest, SourcesOfEveryKind) {
   EXPECT_EQ(recording.destroyed, recording.created);  // destruction releases the stream
 }
 
-// One pass per case: a file the server does not list is sent whole (mode 0); a listed one is
-// resumed from the server's size (mode 1) unless complete: a plain file when the server holds all
-// of it, a recording already sent once also when at most 100 bytes are missing (its stream is
-// regenerated and may differ slightly). Completeness is judged by a listing, never by bytes sent.
+// Unlisted: sent whole (mode 0); listed: resumed at the server's size (mode 1) unless complete
+// (all of a plain file; a recording sent before may miss up to 100 bytes).
 TEST_F(UploadEngineTest, SendOrResumeFromTheServersSize) {
   CXFile probe(1, &env);
   ASSERT_EQ(probe.Xopen(kAviName, "r+b"), 0);
@@ -418,31 +364,29 @@ TEST_F(UploadEngineTest, SendOrResumeFromTheServersSize) {
   // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(::testing::Message() << c.local << " " << c.sentBefore << " " << c.missing);
-    ftp.s().modes.clear();
-    ftp.s().written.clear();
+    ftp.modes.clear();
+    ftp.written.clear();
     std::string source = c.local == kAvi ? avi : Bytes(static_cast<size_t>(c.local));
     int32_t onServer =
         c.missing == kNotListed ? 0 : static_cast<int32_t>(source.size()) - c.missing;
     Hold(SampleTask(5, c.local == kAvi ? kAviName : File("local.bin", source), c.local == kAvi),
          static_cast<uint8_t>(c.sentBefore));
-    ftp.s().listing = {FakeFtpClient::Entry("other.bin", 9)};
+    ftp.listing = {FakeFtpClient::Entry("other.bin", 9)};
     if (c.missing != kNotListed)
-      ftp.s().listing.push_back(FakeFtpClient::Entry("remote.bin", onServer));
+      ftp.listing.push_back(FakeFtpClient::Entry("remote.bin", onServer));
     Pass();
     const ftpFileInfo_t held = engine.SnapshotTask();
-    EXPECT_EQ(ftp.s().dir + "/" + ftp.s().name, "in/remote.bin");
-    EXPECT_EQ(ftp.s().written, c.complete ? "" : source.substr(static_cast<size_t>(onServer)));
-    EXPECT_EQ(ftp.s().modes, c.complete ? Ints{} : Ints{c.missing == kNotListed ? 0 : 1});
+    EXPECT_EQ(ftp.dir + "/" + ftp.name, "in/remote.bin");
+    EXPECT_EQ(ftp.written, c.complete ? "" : source.substr(static_cast<size_t>(onServer)));
+    EXPECT_EQ(ftp.modes, c.complete ? Ints{} : Ints{c.missing == kNotListed ? 0 : 1});
     // Result, tries, transfer state, busy flag.
     EXPECT_EQ((Ints{held.result, held.sendTimes, engine.m_nTransState, engine.m_nBusy}),
               (Ints{c.complete, c.sentBefore + !c.complete, c.complete ? 0 : 2, 0}));
   }
 }
 
-// Passes that end early. A failed listing leaves the task open, or (-2) done; a local file that
-// is gone is done when the server lists it, result 2 when not; a failed write leaves it open.
-// Valid and trans cleared during a send stop it after that block: a cleared valid marks the task
-// stopped (3), a cleared trans alone leaves it open.
+// Failed listings, gone files, failed writes, and valid/trans cleared during a send (after that
+// block: stopped (3) when valid is cleared, open when only trans is).
 TEST_F(UploadEngineTest, PassesThatEndEarly) {
   // clang-format off
   struct Case { int listResult; bool listed, localExists; int writeFailAfter; size_t clearAt;
@@ -455,7 +399,7 @@ TEST_F(UploadEngineTest, PassesThatEndEarly) {
   std::string content = Bytes(100000);
   for (const Case& c : cases) {
     SCOPED_TRACE(&c - cases);
-    FakeFtpClient::Script& s = ftp.s();
+    FakeFtpClient::Script& s = ftp;
     s.listResult = c.listResult, s.writeFailAfter = c.writeFailAfter;
     s.listing.clear(), s.written.clear();
     if (c.listed) s.listing = {FakeFtpClient::Entry("remote.bin", 10)};
@@ -469,46 +413,43 @@ TEST_F(UploadEngineTest, PassesThatEndEarly) {
     EXPECT_EQ(s.written, content.substr(0, c.written));
     EXPECT_EQ(s.closes, closes + 1);
   }
-  ftp.s().onWrite = nullptr;
+  ftp.onWrite = nullptr;
 }
 
-// Failed logins and failed data connections count, and a pass that sent part of the file does
-// not reset the count. The pass after the fourth failure gives the task up: the task status
-// event (1), and transfer control deletes it from the queue and the database.
+// Failed logins and data connections count (a partial send resets nothing); after four the task
+// is given up: status event 1, deleted from queue and database.
 TEST_F(UploadEngineTest, FourFailedConnectionsGiveTheTaskUp) {
   std::string sd1 = AddDisk(1, "/mnt/sd1");
   mng.CheckDiskState(100);
   ftpFileInfo_t t = SampleTask(70000, File("local.bin", Bytes(70000)));
   ASSERT_EQ(mng.InsertFileInfo(&t), 0);
   Hold(t);
-  ftp.s().startFailures = 2;
+  ftp.startFailures = 2;
   Pass();
   Pass();
   EXPECT_GE(clock.sleptUs(), 20000000u);  // 10 s after each failed login
-  ftp.s().writeFailAfter = 16384;
+  ftp.writeFailAfter = 16384;
   Pass();
-  EXPECT_EQ(ftp.s().written.size(), 16384u);
+  EXPECT_EQ(ftp.written.size(), 16384u);
   EXPECT_EQ(engine.SnapshotTask().connFailTimes, 2);
-  ftp.s().startFailures = 1;
+  ftp.startFailures = 1;
   Pass();
-  ftp.s().dataFails = true;
+  ftp.dataFails = true;
   Pass();
   EXPECT_EQ(engine.SnapshotTask().connFailTimes, 4);
   EXPECT_TRUE(StatusEvents().empty());
   EXPECT_EQ(Seqs(sd1), Ints{70000});
-  ftp.s().dataFails = false;
+  ftp.dataFails = false;
   Pass();
   EXPECT_EQ(StatusEvents(), (Events{{1, 70000 & 0xFFFF}}));
   ftpFileInfo_t held = engine.SnapshotTask();
-  // Stopped (3): the pass went on and found the task given up.
   EXPECT_EQ((Ints{held.valid, held.connFailTimes, held.result}), (Ints{0, 0, 3}));
-  EXPECT_EQ(ftp.s().written.size(), 16384u);
+  EXPECT_EQ(ftp.written.size(), 16384u);
   EXPECT_TRUE(List().empty());
   EXPECT_TRUE(Seqs(sd1).empty());
 }
 
-// The scheduler with two disks, against an engine whose outcome each test sets by hand, and
-// once against the real upload thread.
+// The scheduler with two disks, against an engine whose outcome a test sets by hand.
 class SchedulerTest : public UploadControlTest {
  protected:
   SchedulerTest() : sd1(AddDisk(1, "/mnt/sd1")), sd2(AddDisk(6, "/mnt/sd2")) {}
@@ -522,9 +463,8 @@ class SchedulerTest : public UploadControlTest {
   std::string sd1, sd2;
 };
 
-// Nothing moves before a disk is known. Then the head task goes to the idle engine, the network
-// state is published once a second (status 11), a head whose link is not allowed goes to the
-// back, and the engine's task is stopped, still queued, when its link goes.
+// No disk, no move; then hand-over by link mask, status 11 once a second, a stop when the link
+// goes.
 TEST_F(SchedulerTest, HandOverFollowsTheNetworkLink) {
   std::string a = File("a"), b = File("b");
   EXPECT_EQ((Ints{Admit(5, a, 0, 4), Admit(6, b, 0, 1)}), (Ints{0, 0}));
@@ -553,9 +493,7 @@ TEST_F(SchedulerTest, HandOverFollowsTheNetworkLink) {
   }
 }
 
-// The engine's outcome ends the task: out of the list and every disk's database; done (1) and
-// unopenable (2) complete the sequence number and remove a flagged file, stopped (3) keeps it.
-// Transfer control's trans of the queued task reaches the engine meanwhile.
+// An outcome ends the task everywhere; 1 and 2 complete the seq and remove a flagged file, 3 not.
 TEST_F(SchedulerTest, OutcomesOfTheEnginesTask) {
   struct Case {
     uint8_t result, del;
@@ -603,9 +541,8 @@ TEST_F(SchedulerTest, SequenceNumberCompletesOverAllDisks) {
   EXPECT_EQ(Stored(5), 0);
 }
 
-// Heads that are not valid or whose file is gone are dropped unsent with their rows (and a
-// flagged file); an engine task no longer queued is left alone; a task tried too often leaves
-// the list but keeps its row; an unreadable network status ends the pass.
+// Invalid or gone heads dropped with their rows; a stranger left alone; too many tries leave the
+// list, not the database; an unreadable network status ends the pass.
 TEST_F(SchedulerTest, TasksThatAreNotSent) {
   mng.CheckDiskState(100);
   std::string b = File("b");
@@ -646,10 +583,8 @@ TEST_F(SchedulerTest, TasksThatAreNotSent) {
   EXPECT_EQ(engine.SnapshotTask().valid, 1);
 }
 
-// The real upload thread sends a task while the scheduler follows it from this thread. Besides
-// its checks, the case exists for ThreadSanitizer: the held task's control bytes, counters and
-// the transfer state are shared by the two threads as in the service. The waits count the
-// thread's polls on the fake clock and its logins, never wall-clock time.
+// The real upload thread sends while the scheduler follows (also for ThreadSanitizer); waits
+// count polls on the fake clock and logins, never wall-clock time.
 TEST_F(SchedulerTest, RealUploadThreadSendsWhileTheSchedulerFollows) {
   ASSERT_EQ(engine.StartSyncThread(), 0);
   EXPECT_EQ(engine.StartSyncThread(), 0);  // a second call starts nothing
@@ -657,19 +592,19 @@ TEST_F(SchedulerTest, RealUploadThreadSendsWhileTheSchedulerFollows) {
   for (uint64_t end = clock.sleptUs() + 300000; clock.sleptUs() < end;) std::this_thread::yield();
   EXPECT_EQ(engine.SnapshotTask().trans, 0);  // three 100 ms polls later
   std::string content(100000, 'v');
-  ftp.s().onWrite = [this](size_t total) {
-    std::lock_guard<std::mutex> g(ftp.s().mutex);  // the server lists what it received
-    ftp.s().listing = {FakeFtpClient::Entry("remote.bin", static_cast<int32_t>(total))};
+  ftp.onWrite = [this](size_t total) {
+    std::lock_guard<std::mutex> g(ftp.mutex);  // the server lists what it received
+    ftp.listing = {FakeFtpClient::Entry("remote.bin", static_cast<int32_t>(total))};
   };
   mng.CheckDiskState(100);
   EXPECT_EQ(Admit(5, File("big", content)), 0);
   auto logins = [this] {
-    std::lock_guard<std::mutex> g(ftp.s().mutex);
-    return ftp.s().starts;
+    std::lock_guard<std::mutex> g(ftp.mutex);
+    return ftp.starts;
   };
   for (uint32_t second = 100; StatusEvents().empty() && logins() < 10;) mng.ScheduleTask(++second);
   engine.m_thread.Join();
-  EXPECT_EQ(ftp.s().written, content);
+  EXPECT_EQ(ftp.written, content);
   EXPECT_EQ(StatusEvents(), (Events{{0, 5}}));
   EXPECT_EQ(Stored(5), 0);
   EXPECT_EQ(engine.m_pFtpClient, nullptr);  // deleted by the stopping thread

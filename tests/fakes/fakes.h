@@ -76,7 +76,7 @@ class FakeClock {
   std::atomic<uint64_t> m_sleptUs{0};
 };
 
-// The debug-log and user-log lines the current sandbox root received since construction.
+// The user-log records the current sandbox root received since construction.
 class LogCapture {
  public:
   struct UserRecord {
@@ -86,12 +86,10 @@ class LogCapture {
   };
   LogCapture();
   std::vector<UserRecord> UserRecords() const;
-  // Number of debug lines whose text after the time stamp contains part.
-  int Count(const std::string& part) const;
 
  private:
-  std::string m_dbg, m_user;
-  size_t m_dbgStart, m_userStart;
+  std::string m_user;
+  size_t m_userStart;
 };
 
 // A status service whose answers the test sets. Fault switch: failing[which].
@@ -138,15 +136,13 @@ class FakeBus {
   Recorder<Event> m_events;
 };
 
-// Records command lines ("command @limit", -1: none) instead of running them; answers with
-// `result`.
+// Records command lines ("command @limit", -1: none) instead of running them; answers 0.
 class FakeShell {
  public:
   int Run(const char* command, int seconds);
   std::vector<std::string> Lines() const;
   // Number of command lines that contain part.
   int Count(const std::string& part) const;
-  int result = 0;
   // Called with every command line after it is recorded, to play a command's effect (a
   // download that lands a file). Set before the code under test runs.
   std::function<void(const std::string&)> onCommand;
@@ -167,25 +163,21 @@ class FaultyDb : public CFile2FtpDbMng {
   using Rows = std::list<__ftp_log>;
 
  public:
-  bool full = false;
-  bool corrupt = false;
+  bool full = false, corrupt = false;
   int OpenTable(const char* dir) override { return corrupt ? -1 : Base::OpenTable(dir); }
-  int Insert(__ftp_log* row) override { return Bad() ? -1 : Base::Insert(row); }
-  int InsertMore(Rows& rows) override { return Bad() ? -1 : Base::InsertMore(rows); }
+  int Insert(__ftp_log* row) override { return full || corrupt ? -1 : Base::Insert(row); }
+  int InsertMore(Rows& rows) override { return full || corrupt ? -1 : Base::InsertMore(rows); }
   int SearchAll(Rows& rows) override { return corrupt ? -1 : Base::SearchAll(rows); }
   int ReplaceBySeqAndType(int seq, unsigned char type, Rows& rows) override {
-    return Bad() ? -1 : Base::ReplaceBySeqAndType(seq, type, rows);
+    return full || corrupt ? -1 : Base::ReplaceBySeqAndType(seq, type, rows);
   }
   int DeleteBySeqAndType(int seq, unsigned char type) override {
-    return Bad() ? -1 : Base::DeleteBySeqAndType(seq, type);
+    return full || corrupt ? -1 : Base::DeleteBySeqAndType(seq, type);
   }
-
- private:
-  bool Bad() const { return full || corrupt; }
 };
 
 // The Env of a test: each role whose fake is plugged in answers from it, the others are the
-// host's. The FTP client and frame-store reader are the fakes while a FakeFtpClient::Installer
+// host's. The FTP client and frame-store reader are the fakes while a FakeFtpClient::Script
 // or a FakeRecording lives (tests/fakes/fake_ftp_client.h, fake_readdisk.h).
 class TestEnv : public EnvWrapper {
  public:
