@@ -17,6 +17,7 @@
 
 namespace {
 
+using namespace std::string_literals;
 using Strings = std::vector<std::string>;
 using Events = std::vector<std::pair<int, int>>;  // (status, seq)
 using Ints = std::vector<int>;
@@ -444,9 +445,8 @@ TEST_F(UploadEngineTest, FourFailedConnectionsGiveTheTaskUp) {
   EXPECT_EQ(StatusEvents(), (Events{{1, 70000 & 0xFFFF}}));
   ftpFileInfo_t held = engine.SnapshotTask();
   EXPECT_EQ((Ints{held.valid, held.connFailTimes, held.result}), (Ints{0, 0, 3}));
-  EXPECT_EQ(ftp.written.size(), 16384u);
-  EXPECT_TRUE(List().empty());
-  EXPECT_TRUE(Seqs(sd1).empty());
+  EXPECT_EQ((Ints{int(ftp.written.size()), int(List().size()), int(Seqs(sd1).size())}),
+            (Ints{16384, 0, 0}));
 }
 
 // The scheduler with two disks, against an engine whose outcome a test sets by hand.
@@ -469,8 +469,7 @@ TEST_F(SchedulerTest, HandOverFollowsTheNetworkLink) {
   std::string a = File("a"), b = File("b");
   EXPECT_EQ((Ints{Admit(5, a, 0, 4), Admit(6, b, 0, 1)}), (Ints{0, 0}));
   for (uint32_t s = 90; s < 95; ++s) mng.ScheduleTask(s);
-  EXPECT_EQ(engine.SnapshotTask().valid, 0);
-  EXPECT_TRUE(status.networkSets.empty());
+  EXPECT_EQ((Ints{engine.SnapshotTask().valid, int(status.networkSets.size())}), (Ints{0, 0}));
   mng.CheckDiskState(100);
   status.networkLink = 4;  // mask 1: a may not go, b may
   engine.m_nTransState = 1;
@@ -551,18 +550,15 @@ TEST_F(SchedulerTest, TasksThatAreNotSent) {
   ASSERT_EQ(mng.InsertFileInfo(&invalid), 0);
   EXPECT_EQ(Admit(6, root.path() + "/missing"), 0);
   mng.ScheduleTask(100);
-  EXPECT_NE(access(b.c_str(), F_OK), 0);
-  EXPECT_EQ(Stored(6), 1);
+  EXPECT_EQ((Ints{access(b.c_str(), F_OK) == 0, Stored(6)}), (Ints{0, 1}));  // flagged file gone
   mng.ScheduleTask(100);
-  EXPECT_EQ(Stored(6), 0);
-  EXPECT_TRUE(Names().empty());
+  EXPECT_EQ((Ints{Stored(6), int(Names().size())}), (Ints{0, 0}));
 
   EXPECT_EQ(Admit(5, File("a")), 0);
   ftpFileInfo_t stranger = SampleTask(9, File("stranger"));
   engine.SetTask(&stranger);
   mng.ScheduleTask(100);
-  EXPECT_EQ(Held(), stranger.fullName);
-  EXPECT_EQ(engine.SnapshotTask().valid, 1);
+  EXPECT_EQ(Held() + std::to_string(engine.SnapshotTask().valid), stranger.fullName + "1"s);
   engine.SetTaskTrans(0, 0);
   mng.ScheduleTask(100);  // a is handed over
   {
@@ -571,8 +567,7 @@ TEST_F(SchedulerTest, TasksThatAreNotSent) {
   }
   engine.m_nTransState = 2;
   mng.ScheduleTask(100);
-  EXPECT_TRUE(Names().empty());
-  EXPECT_EQ((Ints{Stored(5), engine.SnapshotTask().valid}), (Ints{1, 0}));
+  EXPECT_EQ((Ints{int(Names().size()), Stored(5), engine.SnapshotTask().valid}), (Ints{0, 1, 0}));
   EXPECT_TRUE(StatusEvents().empty());
 
   status.failing[STATUS_NETWORK] = true;
@@ -606,8 +601,8 @@ TEST_F(SchedulerTest, RealUploadThreadSendsWhileTheSchedulerFollows) {
   engine.m_thread.Join();
   EXPECT_EQ(ftp.written, content);
   EXPECT_EQ(StatusEvents(), (Events{{0, 5}}));
-  EXPECT_EQ(Stored(5), 0);
-  EXPECT_EQ(engine.m_pFtpClient, nullptr);  // deleted by the stopping thread
+  // Rows gone; the client deleted by the stopping thread.
+  EXPECT_EQ((Ints{Stored(5), engine.m_pFtpClient != nullptr}), (Ints{0, 0}));
 }
 
 }  // namespace

@@ -53,9 +53,10 @@ class FakeFtpClient : public CFtpClient {
   }
   int FtpGetServerDirFile() override {
     std::lock_guard<std::mutex> g(script->mutex);
+    if (script->listResult < 0) return script->listResult;
     m_data.entryCount = int32_t(std::min<size_t>(script->listing.size(), kFtpListCapacity));
     std::copy_n(script->listing.begin(), m_data.entryCount, m_data.entries);
-    return std::min(script->listResult, 0);
+    return 0;
   }
   FtpClientData_t* FtpGetClientData() override { return &m_data; }
   int FtpCreateDateSockFd(int mode) override {

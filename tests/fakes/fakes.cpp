@@ -135,14 +135,17 @@ int FakeStatus::GetDiskForCommUsage(LOG_STATUS_E usage, PartStatus_t* list) {
 }
 
 std::vector<FakeBus::Event> FakeBus::Events(EVENT_E event) const {
-  std::vector<Event> all = m_events.All(), out;
-  std::copy_if(all.begin(), all.end(), std::back_inserter(out),
+  std::lock_guard<std::mutex> g(m_mutex);
+  std::vector<Event> out;
+  std::copy_if(m_events.begin(), m_events.end(), std::back_inserter(out),
                [event](const Event& e) { return e.event == event; });
   return out;
 }
 
 int FakeShell::Run(const char* command, int seconds) {
-  m_commands.Add({command, seconds});
+  std::unique_lock<std::mutex> g(m_mutex);
+  m_commands.emplace_back(command, seconds);
+  g.unlock();
   if (mustBeFree != nullptr) {
     auto got = std::make_shared<std::atomic<bool>>(false);
     std::thread([lock = mustBeFree, got] {  // ends once the holder lets go
@@ -159,14 +162,16 @@ int FakeShell::Run(const char* command, int seconds) {
 }
 
 std::vector<std::string> FakeShell::Lines() const {
+  std::lock_guard<std::mutex> g(m_mutex);
   std::vector<std::string> out;
-  for (auto& c : m_commands.All()) out.push_back(c.first + " @" + std::to_string(c.second));
+  for (auto& c : m_commands) out.push_back(c.first + " @" + std::to_string(c.second));
   return out;
 }
 
 int FakeShell::Count(const std::string& part) const {
+  std::lock_guard<std::mutex> g(m_mutex);
   int n = 0;
-  for (auto& c : m_commands.All()) n += c.first.find(part) != std::string::npos;
+  for (auto& c : m_commands) n += c.first.find(part) != std::string::npos;
   return n;
 }
 

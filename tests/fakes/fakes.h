@@ -40,24 +40,6 @@ void DiscardLogFiles();
 // The whole content of a file; empty when it cannot be read.
 std::string ReadWholeFile(const std::string& path);
 
-// A list that any thread may append to while the test reads it.
-template <typename T>
-class Recorder {
- public:
-  void Add(T item) {
-    std::lock_guard<std::mutex> g(m_mutex);
-    m_items.push_back(std::move(item));
-  }
-  std::vector<T> All() const {
-    std::lock_guard<std::mutex> g(m_mutex);
-    return m_items;
-  }
-
- private:
-  mutable std::mutex m_mutex;
-  std::vector<T> m_items;
-};
-
 // A clock that moves only when told to or when something sleeps on it.
 class FakeClock {
  public:
@@ -127,13 +109,15 @@ class FakeBus {
   };
   int Distribute(EVENT_E event, int len, const void* data) {
     const uint8_t* b = static_cast<const uint8_t*>(data);
-    m_events.Add({event, std::vector<uint8_t>(b, b + len)});
+    std::lock_guard<std::mutex> g(m_mutex);
+    m_events.push_back({event, std::vector<uint8_t>(b, b + len)});
     return 1;
   }
   std::vector<Event> Events(EVENT_E event) const;
 
  private:
-  Recorder<Event> m_events;
+  mutable std::mutex m_mutex;  // any thread may post while the test reads
+  std::vector<Event> m_events;
 };
 
 // Records command lines ("command @limit", -1: none) instead of running them; answers 0.
@@ -153,7 +137,8 @@ class FakeShell {
 
  private:
   std::atomic<int> m_lockedRuns{0};
-  Recorder<std::pair<std::string, int>> m_commands;
+  mutable std::mutex m_mutex;                           // any thread may run commands
+  std::vector<std::pair<std::string, int>> m_commands;  // (command, seconds)
 };
 
 // A task database of its own (SQLite under the test's root, like the host's) with fault
