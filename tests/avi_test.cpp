@@ -1,17 +1,13 @@
-// The AVI stream over fake recordings: the header against a field table, a structural walk of
-// whole files made from a table of recordings, info records, read blocks, seeking, and open.
+// The AVI stream over fake recordings (header, structure, info records, blocks, seeking, open),
+// and the host frame-store reader under it (span, seeking, read-ahead, damaged files).
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstdio>
-#include <cstring>
-#include <ctime>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "avi/read_avi.h"
 #include "platform/byteorder.h"
+#include "platform/framestore.h"
+#include "platform/text.h"
 #include "tests/fakes/fake_readdisk.h"
 #include "tests/fakes/fakes.h"
 
@@ -36,9 +32,8 @@ uint32_t PayloadLen(const FakeFrame& f) {
   return subtype == 1 ? 24 : (subtype == 0 || subtype == 2 ? 68 : 0);
 }
 
-// Adds the frames a list describes: "type:length" ("*n": n such frames) or "i<subtype>" (an
-// info frame); "!n" makes the reader fail after n frames. Frame k is 1 ms after frame k - 1, its
-// seed k.
+// Adds frames "type:length[*n]", info frames "i<subtype>"; "!n": the reader fails after n frames.
+// Frame k is at k ms, its seed k.
 void AddFrames(FakeRecording& r, const char* list) {
   std::istringstream in(list);
   for (std::string item; in >> item;) {
@@ -126,10 +121,8 @@ class AviTest : public ::testing::Test {
   int m_type = 0, m_size = 0;
 };
 
-// Walks a whole file made from rec and returns the offsets of its frame chunks. Checks the
-// length fixed at open (estimated from the record size for type 0, measured otherwise), the RIFF
-// and LIST sizes, each chunk against its recorded frame with its "00tm" chunk, the padding of
-// every section, each index entry against the chunk it names, and the end of the file.
+// Walks a whole file made from rec, checking its announced length, sizes, chunks, padding and
+// index entries; returns the offsets of its frame chunks.
 std::vector<uint32_t> AviTest::Walk(const AviFile& f) {
   const Bytes& b = f.bytes;
   const uint64_t index = 1600ull * m_seconds;  // 100 entries of 16 bytes a second
@@ -369,24 +362,20 @@ TEST_F(AviTest, OpenRefusesWhatItCannotServe) {
   const std::string names[] = {Name(kT0, kT0 + 10, 1, 0, /*part=*/7), Name(kT0 + 10, kT0, 1, 0),
                                Name(kT0, kT0 + 86401, 0, 0), Name(kT0, kT0 + 10, 0, -1), "", "x"};
   // clang-format on
-  testing::internal::CaptureStdout();
   for (const std::string& name : names) EXPECT_EQ(nullptr, avi.ReadAviOpen(name.c_str())) << name;
   EXPECT_EQ(nullptr, avi.ReadAviOpen(nullptr));
-  EXPECT_NE(std::string::npos, testing::internal::GetCapturedStdout().find("no partition 7"));
   EXPECT_EQ(rec.created, rec.destroyed);
   // A reader that cannot describe the span is quit, then stopped, quit and destroyed.
   rec.failGetInfo = true;
   const int quits = rec.quits, stops = rec.stops;
   EXPECT_EQ(nullptr, Open(10));
-  EXPECT_EQ(rec.created, rec.destroyed);
-  EXPECT_EQ(quits + 2, rec.quits);
-  EXPECT_EQ(stops + 1, rec.stops);
+  EXPECT_EQ((Reads{rec.created - rec.destroyed, rec.quits - quits, rec.stops - stops}),
+            (Reads{0, 2, 1}));
   uint8_t* data = nullptr;
   int32_t n = 0;
-  EXPECT_EQ(-1, avi.ReadAviClose(nullptr));
-  EXPECT_EQ(0u, avi.ReadAviGetSize(nullptr));
-  EXPECT_EQ(-1, avi.ReadAviRead(nullptr, &data, &n, 100));
-  EXPECT_EQ(-1, avi.ReadAviSeek(nullptr, 0));
+  EXPECT_EQ((Reads{avi.ReadAviClose(nullptr), static_cast<int32_t>(avi.ReadAviGetSize(nullptr)),
+                   avi.ReadAviRead(nullptr, &data, &n, 100), avi.ReadAviSeek(nullptr, 0)}),
+            (Reads{-1, 0, -1, -1}));
 }
 
 TEST_F(AviTest, PartitionIsLookedUpInLists15Then17Then16) {
@@ -395,11 +384,99 @@ TEST_F(AviTest, PartitionIsLookedUpInLists15Then17Then16) {
   status.partLists[16] = {FakeStatus::Entry(1, "/mnt/c")};
   status.deviceType = 0x1234;
   ASSERT_NE(nullptr, Open(1));
-  EXPECT_STREQ("/mnt/b1", rec.inits.back().path);
-  EXPECT_EQ(0x1234u, rec.inits.back().devWord);
+  EXPECT_EQ("/mnt/b1 4660",
+            std::string(rec.inits.back().path) + " " + std::to_string(rec.inits.back().devWord));
   status.failing[STATUS_PART_LIST_B] = true;
   ASSERT_NE(nullptr, Open(1));
   EXPECT_STREQ("/mnt/c", rec.inits.back().path);
+}
+
+using Frames = std::vector<std::pair<uint32_t, uint32_t>>;  // (ms after kT0, length)
+
+class HostReaderTest : public ::testing::Test {
+ protected:
+  // Appends a frame of len bytes at kT0 + ms whose byte i is (ms + i) & 0xff.
+  void Frame(uint32_t ms, uint32_t type, uint32_t len, uint32_t claimed = 0) {
+    uint8_t head[16];
+    StoreLE64(head, kT0 * 1000000ull + ms * 1000ull);
+    StoreLE32(head + 8, type);
+    StoreLE32(head + 12, claimed != 0 ? claimed : len);
+    bytes.append(reinterpret_cast<char*>(head), 16);
+    for (uint32_t i = 0; i < len; ++i) bytes.push_back(static_cast<char>(ms + i));
+  }
+  // Writes the frame store (magic, encode parameters, frames), cut after keep bytes.
+  void Save(size_t keep = SIZE_MAX, const char* magic = kFrameStoreMagic) {
+    std::string file = std::string(magic, 8) + std::string(kFrameStoreHeadLen - 8, 0) + bytes;
+    file[8 + 12] = 1, file[8 + 13] = 10, file[8 + 15] = 2;  // H.265, 10 fps, audio codec 2
+    root.Write("/mnt/rec/0002_000000ff.vfs", file.substr(0, keep));
+  }
+  // The frames (payloads checked) the host reader gives for [start, end), after a seek to seekTo.
+  Frames Read(uint32_t start, uint32_t end, long seekTo = -1) {
+    CReadDisk* r = NewReadDisk();
+    PartAccess_t access{};
+    CopyText(access.path, sizeof(access.path), dir.c_str());
+    r->Init(&access);
+    RecordItem_t item{};
+    item.channel = 2, item.fileNo = 0xff, item.start_time = start, item.end_time = end;
+    infoResult = r->GetInfo(&param, &item, 0);
+    void* h = r->StartRead(0, &item);
+    if (h != nullptr && seekTo >= 0) r->SeekTime(h, &seekTo);
+    Frames got;
+    FrameInfo_t info;
+    void* data = nullptr;
+    while (h != nullptr && r->ReadFrame(h, &info, &data) == 0) {
+      uint32_t ms = static_cast<uint32_t>(info.time_us / 1000 - kT0 * 1000ull);
+      got.emplace_back(ms, info.length);
+      const uint8_t* p = static_cast<const uint8_t*>(data);
+      uint32_t i = 0;
+      while (i < info.length && p[i] == static_cast<uint8_t>(ms + i)) ++i;
+      EXPECT_EQ(info.length, i) << "first wrong byte of the frame at " << ms << " ms";
+      free(data);
+    }
+    r->StopRead(h);
+    delete r;
+    return got;
+  }
+
+  TempRoot root;
+  std::string dir = root.path() + "/mnt/rec", bytes;
+  EncodeParam_t param{};
+  int infoResult = 0;  // of GetInfo in the last Read
+};
+
+// Frames of about 40 kB every 500 ms, one (1500 ms) over half the read-ahead window.
+TEST_F(HostReaderTest, DeliversTheSpanAndSeeks) {
+  auto f = [](uint32_t ms) { return std::make_pair(ms, ms == 1500 ? 200000u : 40000 + ms); };
+  for (uint32_t ms = 0; ms < 4000; ms += 500) Frame(ms, ms == 0 ? 1 : 0, f(ms).second);
+  Save();
+  EXPECT_EQ((Frames{f(1000), f(1500), f(2000), f(2500)}), Read(kT0 + 1, kT0 + 3));
+  EXPECT_EQ((Frames{f(3000), f(3500)}), Read(kT0 + 3, kT0 + 9));
+  EXPECT_EQ((Frames{f(2000), f(2500), f(3000), f(3500)}), Read(kT0, kT0 + 4, kT0 + 2l));
+  EXPECT_EQ((Frames{f(1000), f(1500)}), Read(kT0 + 1, kT0 + 2, kT0 + 1l));
+  EXPECT_TRUE(Read(kT0 + 5, kT0 + 9).empty());
+  // The encode parameters come from the file head.
+  EXPECT_EQ((std::vector<int>{0, 10, 1, 2}),
+            (std::vector<int>{infoResult, param.fps, param.codecFlags, param.audioCodec}));
+}
+
+TEST_F(HostReaderTest, DamagedFilesEndTheFramesThere) {
+  Frame(0, 1, 300);
+  Frame(100, 0, 200);
+  Frame(200, 0, 50, /*claimed=*/kFrameStoreMaxFrame + 1);  // absurd length
+  Frame(300, 0, 10);
+  Save();
+  EXPECT_EQ((Frames{{0, 300}, {100, 200}}), Read(kT0, kT0 + 2));
+  // Cut inside the second frame's payload or head, inside the file head; not a frame store.
+  Save(kFrameStoreHeadLen + 316 + 16 + 50);
+  EXPECT_EQ((Frames{{0, 300}}), Read(kT0, kT0 + 2));
+  Save(kFrameStoreHeadLen + 316 + 7);
+  EXPECT_EQ((Frames{{0, 300}}), Read(kT0, kT0 + 2));
+  Save(50);
+  EXPECT_TRUE(Read(kT0, kT0 + 2).empty());
+  EXPECT_EQ(-1, infoResult);
+  Save(SIZE_MAX, "VLMFS002");
+  EXPECT_TRUE(Read(kT0, kT0 + 2).empty());
+  EXPECT_EQ(-1, infoResult);
 }
 
 }  // namespace

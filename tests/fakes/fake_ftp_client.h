@@ -12,8 +12,11 @@
 
 class FakeFtpClient : public CFtpClient {
  public:
-  // The scripted state, shared by every client the factory makes.
+  // The scripted state, shared by every client the factory makes. While a Script lives, a
+  // TestEnv hands out fake clients that follow it.
   struct Script {
+    Script() { script = this; }
+    ~Script() { script = nullptr; }
     std::mutex mutex;
     std::vector<FtpDirEntry_t> listing;
     int startFailures = 0;    // FtpStart (the login) fails this many times
@@ -27,15 +30,7 @@ class FakeFtpClient : public CFtpClient {
     std::string written;     // bytes written, all sends together
     std::string dir, name;
   };
-  static inline Script* script = nullptr;  // while an Installer lives
-
-  // Makes a TestEnv hand out fake clients (with a fresh script) for the life of the object.
-  struct Installer {
-    Installer() { script = &m_script; }
-    ~Installer() { script = nullptr; }
-    Script& s() { return m_script; }
-    Script m_script;
-  };
+  static inline Script* script = nullptr;
 
   static FtpDirEntry_t Entry(const std::string& name, int32_t size) {
     FtpDirEntry_t e{};
@@ -48,8 +43,7 @@ class FakeFtpClient : public CFtpClient {
   int FtpSetServerInfo(UserDefServerSet_t*) override { return 0; }
   int FtpSetLocalInfo(const char* dir, const char* name) override {
     std::lock_guard<std::mutex> g(script->mutex);
-    script->dir = dir;
-    script->name = name;
+    script->dir = dir, script->name = name;
     return 0;
   }
   int FtpStart() override {
@@ -60,8 +54,7 @@ class FakeFtpClient : public CFtpClient {
   int FtpGetServerDirFile() override {
     std::lock_guard<std::mutex> g(script->mutex);
     if (script->listResult < 0) return script->listResult;
-    m_data.entryCount =
-        static_cast<int32_t>(std::min<size_t>(script->listing.size(), kFtpListCapacity));
+    m_data.entryCount = int32_t(std::min<size_t>(script->listing.size(), kFtpListCapacity));
     std::copy_n(script->listing.begin(), m_data.entryCount, m_data.entries);
     return 0;
   }
@@ -86,8 +79,7 @@ class FakeFtpClient : public CFtpClient {
   int FtpClose() override {
     std::lock_guard<std::mutex> g(script->mutex);
     ++script->closes;
-    m_data.dataFd = -1;
-    return 0;
+    return m_data.dataFd = -1, 0;
   }
 
  private:

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
-#include <numeric>
 #include <sstream>
 #include <thread>
 
@@ -57,9 +56,7 @@ std::string ReadWholeFile(const std::string& path) {
 }
 
 LogCapture::LogCapture()
-    : m_dbg(SandboxRoot() + "/var/log/velmar/velmar.log"),
-      m_user(SandboxRoot() + "/var/log/velmar/user.log"),
-      m_dbgStart(ReadWholeFile(m_dbg).size()),
+    : m_user(SandboxRoot() + "/var/log/velmar/user.log"),
       m_userStart(ReadWholeFile(m_user).size()) {}
 
 std::vector<LogCapture::UserRecord> LogCapture::UserRecords() const {
@@ -74,16 +71,6 @@ std::vector<LogCapture::UserRecord> LogCapture::UserRecords() const {
     at += 12 + len;
   }
   return out;
-}
-
-int LogCapture::Count(const std::string& part) const {
-  std::istringstream text(ReadWholeFile(m_dbg).substr(m_dbgStart));
-  int n = 0;
-  for (std::string line; std::getline(text, line);) {
-    size_t stamp = line.find(" [");  // "YYYY-MM-DD hh:mm:ss.mmm [level] text"
-    n += line.find(part, stamp == std::string::npos ? 0 : stamp) != std::string::npos;
-  }
-  return n;
 }
 
 PartEntry_t FakeStatus::Entry(int type, const std::string& path) {
@@ -148,14 +135,17 @@ int FakeStatus::GetDiskForCommUsage(LOG_STATUS_E usage, PartStatus_t* list) {
 }
 
 std::vector<FakeBus::Event> FakeBus::Events(EVENT_E event) const {
-  std::vector<Event> all = m_events.All(), out;
-  std::copy_if(all.begin(), all.end(), std::back_inserter(out),
+  std::lock_guard<std::mutex> g(m_mutex);
+  std::vector<Event> out;
+  std::copy_if(m_events.begin(), m_events.end(), std::back_inserter(out),
                [event](const Event& e) { return e.event == event; });
   return out;
 }
 
 int FakeShell::Run(const char* command, int seconds) {
-  m_commands.Add({command, seconds});
+  std::unique_lock<std::mutex> g(m_mutex);
+  m_commands.emplace_back(command, seconds);
+  g.unlock();
   if (mustBeFree != nullptr) {
     auto got = std::make_shared<std::atomic<bool>>(false);
     std::thread([lock = mustBeFree, got] {  // ends once the holder lets go
@@ -168,36 +158,21 @@ int FakeShell::Run(const char* command, int seconds) {
     m_lockedRuns += *got ? 0 : 1;
   }
   if (onCommand) onCommand(command);
-  return result;
+  return 0;
 }
 
 std::vector<std::string> FakeShell::Lines() const {
+  std::lock_guard<std::mutex> g(m_mutex);
   std::vector<std::string> out;
-  for (auto& c : m_commands.All()) out.push_back(c.first + " @" + std::to_string(c.second));
+  for (auto& c : m_commands) out.push_back(c.first + " @" + std::to_string(c.second));
   return out;
 }
 
 int FakeShell::Count(const std::string& part) const {
+  std::lock_guard<std::mutex> g(m_mutex);
   int n = 0;
-  for (auto& c : m_commands.All()) n += c.first.find(part) != std::string::npos;
+  for (auto& c : m_commands) n += c.first.find(part) != std::string::npos;
   return n;
-}
-
-void FakeRecording::SetParam(int fps, int resolution, bool h265, int audioCodec, int standard) {
-  auto u8 = [](int v) { return static_cast<uint8_t>(v); };
-  param = {
-      {}, u8(h265), u8(fps), u8(resolution), u8(audioCodec), {}, static_cast<uint32_t>(standard),
-      {}};
-}
-
-void FakeRecording::Add(uint64_t time_us, uint32_t type, uint32_t len, uint8_t seed) {
-  frames.push_back({time_us, type, std::vector<uint8_t>(len)});
-  std::iota(frames.back().data.begin(), frames.back().data.end(), seed);
-}
-
-void FakeRecording::AddInfo(uint64_t time_us, uint32_t subtype, uint8_t seed) {
-  Add(time_us, 5, 44, seed);
-  for (int i = 0; i < 4; ++i) frames.back().data[i] = static_cast<uint8_t>(subtype >> (8 * i));
 }
 
 namespace {
@@ -221,12 +196,9 @@ class FakeReadDisk : public CReadDisk {
   int ReadFrame(void* handle, FrameInfo_t* info, void** data) override {
     Handle* h = static_cast<Handle*>(handle);
     if (h == nullptr || h->first >= Rec()->frames.size()) return -1;
-    if (Rec()->failAfter >= 0 && h->second >= Rec()->failAfter) return -1;
+    if (Rec()->failAfter >= 0 && h->second++ >= Rec()->failAfter) return -1;
     const FakeFrame& f = Rec()->frames[h->first++];
-    ++h->second;
-    info->time_us = f.time_us;
-    info->type = f.type;
-    info->length = static_cast<uint32_t>(f.data.size());
+    *info = {f.time_us, f.type, 0, static_cast<uint32_t>(f.data.size()), 0, {}};
     *data = malloc(f.data.size() + 1);
     if (!f.data.empty()) memcpy(*data, f.data.data(), f.data.size());
     return 0;

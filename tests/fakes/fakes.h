@@ -40,24 +40,6 @@ void DiscardLogFiles();
 // The whole content of a file; empty when it cannot be read.
 std::string ReadWholeFile(const std::string& path);
 
-// A list that any thread may append to while the test reads it.
-template <typename T>
-class Recorder {
- public:
-  void Add(T item) {
-    std::lock_guard<std::mutex> g(m_mutex);
-    m_items.push_back(std::move(item));
-  }
-  std::vector<T> All() const {
-    std::lock_guard<std::mutex> g(m_mutex);
-    return m_items;
-  }
-
- private:
-  mutable std::mutex m_mutex;
-  std::vector<T> m_items;
-};
-
 // A clock that moves only when told to or when something sleeps on it.
 class FakeClock {
  public:
@@ -76,7 +58,7 @@ class FakeClock {
   std::atomic<uint64_t> m_sleptUs{0};
 };
 
-// The debug-log and user-log lines the current sandbox root received since construction.
+// The user-log records the current sandbox root received since construction.
 class LogCapture {
  public:
   struct UserRecord {
@@ -86,12 +68,10 @@ class LogCapture {
   };
   LogCapture();
   std::vector<UserRecord> UserRecords() const;
-  // Number of debug lines whose text after the time stamp contains part.
-  int Count(const std::string& part) const;
 
  private:
-  std::string m_dbg, m_user;
-  size_t m_dbgStart, m_userStart;
+  std::string m_user;
+  size_t m_userStart;
 };
 
 // A status service whose answers the test sets. Fault switch: failing[which].
@@ -129,24 +109,24 @@ class FakeBus {
   };
   int Distribute(EVENT_E event, int len, const void* data) {
     const uint8_t* b = static_cast<const uint8_t*>(data);
-    m_events.Add({event, std::vector<uint8_t>(b, b + len)});
+    std::lock_guard<std::mutex> g(m_mutex);
+    m_events.push_back({event, std::vector<uint8_t>(b, b + len)});
     return 1;
   }
   std::vector<Event> Events(EVENT_E event) const;
 
  private:
-  Recorder<Event> m_events;
+  mutable std::mutex m_mutex;  // any thread may post while the test reads
+  std::vector<Event> m_events;
 };
 
-// Records command lines ("command @limit", -1: none) instead of running them; answers with
-// `result`.
+// Records command lines ("command @limit", -1: none) instead of running them; answers 0.
 class FakeShell {
  public:
   int Run(const char* command, int seconds);
   std::vector<std::string> Lines() const;
   // Number of command lines that contain part.
   int Count(const std::string& part) const;
-  int result = 0;
   // Called with every command line after it is recorded, to play a command's effect (a
   // download that lands a file). Set before the code under test runs.
   std::function<void(const std::string&)> onCommand;
@@ -157,7 +137,8 @@ class FakeShell {
 
  private:
   std::atomic<int> m_lockedRuns{0};
-  Recorder<std::pair<std::string, int>> m_commands;
+  mutable std::mutex m_mutex;                           // any thread may run commands
+  std::vector<std::pair<std::string, int>> m_commands;  // (command, seconds)
 };
 
 // A task database of its own (SQLite under the test's root, like the host's) with fault
@@ -167,25 +148,21 @@ class FaultyDb : public CFile2FtpDbMng {
   using Rows = std::list<__ftp_log>;
 
  public:
-  bool full = false;
-  bool corrupt = false;
+  bool full = false, corrupt = false;
   int OpenTable(const char* dir) override { return corrupt ? -1 : Base::OpenTable(dir); }
-  int Insert(__ftp_log* row) override { return Bad() ? -1 : Base::Insert(row); }
-  int InsertMore(Rows& rows) override { return Bad() ? -1 : Base::InsertMore(rows); }
+  int Insert(__ftp_log* row) override { return full || corrupt ? -1 : Base::Insert(row); }
+  int InsertMore(Rows& rows) override { return full || corrupt ? -1 : Base::InsertMore(rows); }
   int SearchAll(Rows& rows) override { return corrupt ? -1 : Base::SearchAll(rows); }
   int ReplaceBySeqAndType(int seq, unsigned char type, Rows& rows) override {
-    return Bad() ? -1 : Base::ReplaceBySeqAndType(seq, type, rows);
+    return full || corrupt ? -1 : Base::ReplaceBySeqAndType(seq, type, rows);
   }
   int DeleteBySeqAndType(int seq, unsigned char type) override {
-    return Bad() ? -1 : Base::DeleteBySeqAndType(seq, type);
+    return full || corrupt ? -1 : Base::DeleteBySeqAndType(seq, type);
   }
-
- private:
-  bool Bad() const { return full || corrupt; }
 };
 
 // The Env of a test: each role whose fake is plugged in answers from it, the others are the
-// host's. The FTP client and frame-store reader are the fakes while a FakeFtpClient::Installer
+// host's. The FTP client and frame-store reader are the fakes while a FakeFtpClient::Script
 // or a FakeRecording lives (tests/fakes/fake_ftp_client.h, fake_readdisk.h).
 class TestEnv : public EnvWrapper {
  public:

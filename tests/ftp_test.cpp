@@ -1,24 +1,24 @@
-// The FTP client over a scripted server on a fake clock: unusual but legal replies, and replies
-// meant to break or stall the client. Nothing waits for real: where the server keeps silent,
-// the transport moves the clock by the whole wait the client allowed.
+// The FTP client over scripted servers on a fake clock (a silent server moves the clock by the
+// wait allowed), its reply and listing parsers, and the host client against pyftpdlib.
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <cstring>
 #include <memory>
+#include <numeric>
+#include <set>
 #include <sstream>
-#include <string>
-#include <vector>
+#include <tuple>
 
 #include "platform/host/ftp/client.h"
+#include "platform/host/ftp/listing.h"
 #include "platform/host/ftp/reply.h"
 #include "platform/text.h"
+#include "tests/fakes/fakes.h"
 
 namespace {
 
-// How the server misbehaves beyond its replies: it closes the control connection once its
-// replies are read, never answers the control connect or a data connect, sends the listing and
-// then nothing with the data connection open, or takes kCap bytes of a transfer and then reads
-// no more or closes the data connection.
+// How the server misbehaves beyond its replies; the last two after taking kCap bytes of a transfer.
 enum Trouble { kNone, kHangsUp, kConnectHangs, kDataConnectHangs, kStalls, kStopsReading, kCloses };
 constexpr size_t kCap = 100000;
 
@@ -181,6 +181,20 @@ std::vector<Case> Cases() {
   return cases;
 }
 
+// Points c at user "u" on host:port (0: the default) with the server path, and at the local file.
+void PointAt(CFtpClient* c, const char* host, int port, const char* password, const char* path,
+             const char* dir, const char* file) {
+  UserDefServerSet_t srv{};
+  srv.port = static_cast<uint16_t>(port);
+  CopyText(srv.host, sizeof(srv.host), host);
+  CopyText(srv.user, sizeof(srv.user), "u");
+  CopyText(srv.password, sizeof(srv.password), password);
+  CopyText(srv.path, sizeof(srv.path), path);
+  c->Init(nullptr);
+  c->FtpSetServerInfo(&srv);
+  c->FtpSetLocalInfo(dir, file);
+}
+
 std::string Call(CFtpClient* c, char op, const Server& s, const std::string& payload, int* fd) {
   const FtpClientData_t& d = *c->FtpGetClientData();
   std::string r;
@@ -214,14 +228,7 @@ TEST(FtpSessionTest, ScriptedServers) {
     SCOPED_TRACE(k.name + (": " + k.script.substr(0, 20)));
     Server* s = new Server(k.script, k.trouble, k.listing);  // owned by the client
     std::unique_ptr<CFtpClient> c(NewFtpClientOver(std::unique_ptr<FtpTransport>(s), s));
-    c->Init(nullptr);
-    UserDefServerSet_t srv{};
-    CopyText(srv.host, sizeof(srv.host), "ftp.example");
-    CopyText(srv.user, sizeof(srv.user), "u");
-    CopyText(srv.password, sizeof(srv.password), "p");
-    CopyText(srv.path, sizeof(srv.path), k.path);
-    c->FtpSetServerInfo(&srv);
-    c->FtpSetLocalInfo(k.dir, k.file);
+    PointAt(c.get(), "ftp.example", 0, "p", k.path, k.dir, k.file);
     std::string results;
     int fd = -1;
     for (char op : std::string(k.calls)) results += " " + Call(c.get(), op, *s, payload, &fd);
@@ -230,6 +237,110 @@ TEST(FtpSessionTest, ScriptedServers) {
     EXPECT_EQ(s->now, k.elapsedMs);
     EXPECT_EQ(s->stored, payload.substr(0, s->stored.size()));
   }
+}
+
+TEST(FtpParsersTest, PassivePortsAndFeatures) {
+  // A reply, and the port that ParseEpsvPort and ParsePasvPort read in it (or -1).
+  // clang-format off
+  for (auto [text, epsv, pasv] : std::vector<std::tuple<const char*, int, int>>{
+      {"229 ok (!!!1!)", 1, -1}, {"229 ok (|||65535|)", 65535, -1}, {"229 ok (|||0|)", -1, -1},
+      {"229 ok (|||65536|)", -1, -1}, {"229 ok (||1|)", -1, -1}, {"229 ok (|||12", -1, -1},
+      {"229 ok (|||12|", -1, -1}, {"227 (1,2,3,4,256,1)", -1, -1}, {"227 (1,2,3,4,5)", -1, -1},
+      {"227 (1,2,3,4,0,0)", -1, -1}, {"227 (1,2,3,4,0,1)", -1, 1},
+      {"227 1,2,3,4,255,255.", -1, 65535}, {"227 (1,2,3,1000,1,2)", -1, -1}}) {
+    // clang-format on
+    EXPECT_EQ(ParseEpsvPort(text), epsv) << text;
+    EXPECT_EQ(ParsePasvPort(text), pasv) << text;
+  }
+  EXPECT_TRUE(FeatOffersMlsd("211-Features:\n MDTM\n mlsd\n211 End"));
+  EXPECT_FALSE(FeatOffersMlsd("211-Features:\n MLSTX\n211 MLST"));
+}
+
+TEST(FtpParsersTest, ListingLines) {
+  // A line, the file it describes as "name:size" ("" when none), and whether it is MLSD.
+  for (auto [line, want, mlsd] : std::vector<std::tuple<const char*, const char*, bool>>{
+           {"-rw-r--r--   1 owner   99 Dec  1  2023 no group", "no group:99", false},
+           {"-rwxr-xr-x 1 1000 1000 0 feb 29 23:59  leading space", " leading space:0", false},
+           {"-rw-r--r-- 1 o 99999999999999999999999 Jan 1 10:15 h", "h:4611686018427387904", false},
+           {"drwxr-xr-x   2 owner group   4096 Jan 31 10:15 dir", "", false},
+           {"lrwxrwxrwx   1 owner group      7 Jan 31 10:15 ln -> a.avi", "", false},
+           {"total 12", "", false},
+           {"-rw-r--r-- 1 owner group 12x Jan 31 10:15 badsize", "", false},
+           {"-rw-r--r-- 1 owner group 12 Jan 31 10:15", "", false},
+           {"-rw-r-- 1 owner group 12 Jan 31 10:15 short mode", "", false},
+           {"01-31-24  10:15PM              5678 win file.avi", "win file.avi:5678", false},
+           {"01-31-2024  22:15       <DIR>          folder", "", false},
+           {"2024/01/31  22:15  42 iso.bin", "iso.bin:42", false},
+           {"1-1-1  10:15PM  42 short date", "", false},
+           {"Type=FILE;Size=7;Modify=1; m.bin", "m.bin:7", true},
+           {"type=file;size=7", "", true},
+           {"type=file;size=3; ", "", true}}) {
+    FtpListItem item;
+    FtpListFormat format = mlsd ? FtpListFormat::kMlsd : FtpListFormat::kList;
+    bool file = ParseFtpListLine(line, strlen(line), format, &item);
+    EXPECT_EQ(file ? item.name + ":" + std::to_string(item.size) : "", want) << line;
+  }
+}
+
+// pyftpdlib (tests/servers/ftpd.py) on 127.0.0.1 over root, on the free port it prints after the
+// shell's pid; killed and reaped when the object goes.
+struct PyFtpd {
+  explicit PyFtpd(const std::string& root, const std::string& extra = "") {
+    std::string here = __FILE__;  // absolute in our builds
+    out = popen(("echo $$; exec /usr/bin/python3 " + here.substr(0, here.rfind('/')) +
+                 "/servers/ftpd.py --user u --lifetime 120 --root '" + root + "' " + extra)
+                    .c_str(),
+                "r");
+    if (out == nullptr || fscanf(out, "%d %d", &pid, &port) != 2) port = 0;
+  }
+  ~PyFtpd() {
+    if (pid > 0) kill(pid, SIGKILL);
+    if (out != nullptr) pclose(out);
+  }
+  FILE* out;
+  int pid = 0, port = 0;
+};
+
+// Lists the server's root and uploads bytes to name in 16384-byte blocks (mode 0 store, 1 append):
+// the listing as "name:size|..." in name order, or "failed" at the first call that fails.
+std::string Session(const PyFtpd& server, const char* host, const char* password, const char* name,
+                    int mode, const std::string& bytes) {
+  std::unique_ptr<CFtpClient> c(NewFtpClient());
+  PointAt(c.get(), host, server.port, password, "/", "", name);
+  if (c->FtpStart() != 0 || c->FtpGetServerDirFile() != 0) return "failed";
+  const FtpClientData_t* d = c->FtpGetClientData();
+  std::set<std::string> entries;  // in name order
+  for (int i = 0; i < d->entryCount; ++i)
+    entries.insert(std::string(d->entries[i].name) + ":" + std::to_string(d->entries[i].size) +
+                   "|");
+  int fd = c->FtpCreateDateSockFd(mode);
+  for (size_t off = 0; fd >= 0 && off < bytes.size(); off += 16384) {
+    int n = static_cast<int>(std::min<size_t>(16384, bytes.size() - off));
+    if (c->FtpWriteDate(fd, bytes.data() + off, n, 10) != n) fd = -1;
+  }
+  std::string listed = std::accumulate(entries.begin(), entries.end(), std::string());
+  return fd >= 0 && c->FtpClose() == 0 ? listed : "failed";
+}
+
+TEST(FtpClientServerTest, ListsAppendsStoresAndRefusesAWrongPassword) {
+  TempRoot root;
+  const std::string store = root.path() + "/store";
+  std::string local(3 * 16384 + 999, '\0');
+  for (size_t i = 0; i < local.size(); ++i) local[i] = static_cast<char>(i * 13 % 251);
+  root.Write("/store/part.bin", local.substr(0, 1000));
+  root.Write("/store/empty.txt", "");
+  root.Write("/store/with space.bin", std::string(5000, 'y'));
+  root.Write("/store/subdir/in.bin", "not listed");
+  PyFtpd mlsd(store), list(store, "--no-mlsd");
+  ASSERT_TRUE(mlsd.port > 0 && list.port > 0) << "pyftpdlib did not start";
+  // "localhost" may resolve to ::1 first, where nothing listens: the next address is tried.
+  EXPECT_EQ(Session(mlsd, "localhost", "secret", "part.bin", 1, local.substr(1000)),
+            "empty.txt:0|part.bin:1000|with space.bin:5000|");
+  EXPECT_EQ(ReadWholeFile(store + "/part.bin"), local);
+  EXPECT_EQ(Session(list, "127.0.0.1", "secret", "new.bin", 0, local),
+            "empty.txt:0|part.bin:" + std::to_string(local.size()) + "|with space.bin:5000|");
+  EXPECT_EQ(ReadWholeFile(store + "/new.bin"), local);
+  EXPECT_EQ(Session(mlsd, "127.0.0.1", "wrong", "a", 0, ""), "failed");
 }
 
 }  // namespace

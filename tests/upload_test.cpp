@@ -1,0 +1,608 @@
+// Upload control, the upload engine and the scheduler on one bench: a control manager and its
+// engine on a fake clock, status service, bus, database and FTP client, under a root of their own.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <functional>
+#include <map>
+#include <thread>
+
+#include "control/ftp_ctrl_mng.h"
+#include "platform/byteorder.h"
+#include "tests/fakes/fake_ftp_client.h"
+#include "tests/fakes/fake_readdisk.h"
+#include "tests/fakes/fakes.h"
+#include "upload/ftp_upload_file_mng.h"
+#include "upload/xfile.h"
+
+namespace {
+
+using namespace std::string_literals;
+using Strings = std::vector<std::string>;
+using Events = std::vector<std::pair<int, int>>;  // (status, seq)
+using Ints = std::vector<int>;
+
+// A valid, runnable task: transfer on, any link, server 127.0.0.1:21 "/up", remote "in/remote.bin".
+ftpFileInfo_t SampleTask(uint32_t seq, const std::string& fullName, uint8_t type = 0) {
+  ftpFileInfo_t t{};
+  t.type = type, t.seq = seq, t.valid = 1, t.net = 7, t.trans = 1, t.server.port = 21;
+  strncpy(t.fullName, fullName.c_str(), sizeof(t.fullName) - 1);
+  strcpy(t.fileName, "remote.bin"), strcpy(t.fileDir, "in");
+  strcpy(t.server.host, "127.0.0.1"), strcpy(t.server.path, "/up");
+  return t;
+}
+
+struct UploadBench {
+  UploadBench() { env.clock = &clock, env.status = &status, env.bus = &bus, env.db = &db; }
+  // Declares a present disk of status id at root + rel; returns its mount directory.
+  std::string AddDisk(int id, const std::string& rel) {
+    std::string dir = root.path() + rel;
+    MakeDirs(dir.c_str());
+    status.disks.push_back({id, 1});
+    status.mounts[DISK_USAGE_UPLOAD].push_back(FakeStatus::Entry(id, dir));
+    return dir;
+  }
+  void SetPresent(int id, int present) {
+    for (auto& d : status.disks) d.present = d.id == id ? present : d.present;
+  }
+  std::string File(const std::string& name, const std::string& content = "x") {
+    root.Write("/" + name, content);
+    return root.path() + "/" + name;
+  }
+  // Stores tasks of seq named names in dir's database, as an earlier run left them.
+  void StoreRows(const std::string& dir, uint32_t seq, const Strings& names) {
+    FaultyDb writer;
+    ASSERT_EQ(writer.OpenTable(dir.c_str()), 0);
+    for (const std::string& name : names) {
+      __ftp_log row;
+      RowFromRecord(SampleTask(seq, name), &row);
+      ASSERT_EQ(writer.Insert(&row), 0);
+    }
+  }
+  // The rows of dir's database, read through a connection of the test's own.
+  std::vector<__ftp_log> Rows(const std::string& dir) {
+    FaultyDb probe;
+    std::list<__ftp_log> rows;
+    if (probe.OpenTable(dir.c_str()) == 0) probe.SearchAll(rows);
+    return {rows.begin(), rows.end()};
+  }
+  Ints Seqs(const std::string& dir) {
+    Ints out;
+    for (const __ftp_log& r : Rows(dir)) out.push_back(static_cast<int>(r.seq));
+    return out;
+  }
+  std::list<ftpFileInfo_t> List() {
+    CAutoLock guard(&mng.m_lock);
+    return mng.m_taskList;
+  }
+  Strings Names() {
+    Strings out;
+    for (const ftpFileInfo_t& t : List()) out.push_back(t.fullName);
+    return out;
+  }
+  int Admit(uint32_t seq, const std::string& name, uint8_t type = 0, uint8_t net = 7,
+            uint8_t del = 0) {
+    ftpFileInfo_t t = SampleTask(seq, name, type);
+    t.net = net, t.delAfterUpload = del;
+    return mng.InsertFileInfo(&t);
+  }
+  // Task status events, after checking the rest of their layout.
+  Events StatusEvents() {
+    Events out;
+    for (const auto& e : bus.Events(EVENT_FILE_UPLOAD)) {
+      const std::vector<uint8_t>& p = e.payload;
+      EXPECT_EQ(p.size(), 1032u);
+      EXPECT_EQ((Ints{int(LoadLE32(p.data())), int(LoadLE32(p.data() + 4))}), (Ints{0x702, 4}));
+      EXPECT_EQ(std::vector<uint8_t>(p.begin() + 12, p.end()), std::vector<uint8_t>(1020, 0));
+      out.emplace_back(p[8] * 256 + p[9], LoadLE16(p.data() + 10));
+    }
+    return out;
+  }
+  // The engine holds t (with a stale result, which the hand-over clears), tried sendTimes times.
+  void Hold(ftpFileInfo_t t, uint8_t sendTimes = 0) {
+    t.result = 2;
+    engine.SetTask(&t);
+    CAutoLock guard(&engine.m_taskLock);
+    engine.m_stTask.sendTimes = sendTimes;
+  }
+
+  TempRoot root;
+  FakeClock clock;
+  FakeStatus status;
+  FakeBus bus;
+  FaultyDb db;
+  FakeFtpClient::Script ftp;
+  TestEnv env;
+  CFtpUploadFileMng engine{&env};
+  CFtpCtrlMng mng{&env, &engine};
+};
+
+class UploadControlTest : public ::testing::Test, public UploadBench {};
+
+// One disk check per step; a task admitted after it lands in the current disk's database.
+TEST_F(UploadControlTest, DiskSlotsAndTheCurrentDisk) {
+  std::map<std::string, std::string> dir = {
+      {"sd3", AddDisk(7, "/mnt/sd3")}, {"sd2", AddDisk(6, "/mnt/sd2")}, {"", ""}};
+  AddDisk(2, "/mnt/other");      // no slot
+  AddDisk(8, "/media/nomount");  // not under /mnt/
+  auto blankCard = [&] {
+    SetPresent(6, 0);
+    mng.CheckDiskState(1);
+    ASSERT_EQ(system(("rm -rf '" + dir["sd2"] + "'").c_str()), 0);
+    MakeDirs(dir["sd2"].c_str());
+    SetPresent(6, 1);
+  };
+  auto& mounts = status.mounts[DISK_USAGE_UPLOAD];
+  // clang-format off
+  struct Step { const char* what; std::function<void()> change; size_t slots; int curId;
+                std::string cur; Ints sd2Seqs, sd3Seqs; } steps[] = {
+      {"ids 6 and 7 only", [] {}, 2, 6, "sd2", {1}, {}},
+      {"disk 6 gone", [&] { SetPresent(6, 0); }, 1, 7, "sd3", {1}, {2}},
+      {"recorder status 0", [&] { status.recorderStatus = 0; SetPresent(6, 1); }, 2, 7, "sd3", {1}, {2, 3}},
+      {"back to the smaller slot", [&] { status.recorderStatus = 1; }, 2, 6, "sd2", {1, 4}, {2, 3}},
+      {"disk 7 gone", [&] { SetPresent(7, 0); }, 1, 6, "sd2", {1, 4, 5}, {2, 3}},
+      {"card put back blank at the same mount", blankCard, 1, 6, "sd2", {6}, {2, 3}},
+      {"gone from the mount lists", [&] { mounts.erase(mounts.begin() + 1); }, 1, 6, "", {6}, {2, 3}}};
+  // clang-format on
+  for (const Step& s : steps) {
+    SCOPED_TRACE(s.what);
+    int n = static_cast<int>(&s - steps) + 1;
+    s.change();
+    mng.CheckDiskState(static_cast<uint32_t>(10 * n));
+    EXPECT_EQ(mng.m_diskMap.size(), s.slots);
+    EXPECT_EQ(mng.CurDisk().id, s.curId);
+    EXPECT_EQ(mng.CurDisk().path, dir[s.cur]);
+    EXPECT_EQ(s.cur.empty() ? 0 : Admit(static_cast<uint32_t>(n), std::to_string(n)), 0);
+    EXPECT_EQ(Seqs(dir["sd2"]), s.sd2Seqs);
+    EXPECT_EQ(Seqs(dir["sd3"]), s.sd3Seqs);
+  }
+}
+
+// A disk loads when it comes or moves (queued tasks not twice); an empty queue reloads every 30 s.
+TEST_F(UploadControlTest, WhenDisksAreLoaded) {
+  std::string sd1 = AddDisk(1, "/mnt/sd1"), moved = root.path() + "/mnt/sd1b";
+  mng.CheckDiskState(100);  // loads (nothing) and counts as the reload
+  StoreRows(sd1, 1, {"a", "b"});
+  status.disks.clear();  // a count of 0: nothing happens at all
+  mng.CheckDiskState(200);
+  EXPECT_EQ(mng.m_diskMap.size(), 1u);
+  status.disks = {{1, 1}};
+  mng.CheckDiskState(129);
+  EXPECT_TRUE(Names().empty());
+  status.failing[STATUS_DISK] = true;  // unreadable: the table stays, the reload step runs
+  mng.CheckDiskState(130);
+  EXPECT_EQ(Names(), (Strings{"a", "b"}));
+  StoreRows(sd1, 1, {"later"});
+  mng.CheckDiskState(300);  // tasks queued: no reload
+  status.failing[STATUS_DISK] = false;
+  MakeDirs(moved.c_str());
+  StoreRows(moved, 1, {"b", "b", "c"});
+  // The same disk mounted elsewhere; its database holds b (queued) twice and c.
+  status.mounts[DISK_USAGE_UPLOAD][0] = FakeStatus::Entry(1, moved);
+  mng.CheckDiskState(305);
+  EXPECT_EQ(Names(), (Strings{"a", "b", "b", "c"}));
+  StoreRows(moved, 1, {"d"});
+  mng.CheckDiskState(310);  // same directory: no reload
+  EXPECT_EQ(Names().size(), 4u);
+  EXPECT_EQ(mng.CurDisk().path, moved);
+  EXPECT_STREQ(List().front().server.path, "/up");
+}
+
+TEST_F(UploadControlTest, IntakeStoresQueuesAndLimits) {
+  EXPECT_EQ(Admit(9, "/0001_00000001_1_0_60_0_0.avi", 1), -1);  // a recording needs a disk
+  EXPECT_EQ(Admit(9, "/data/nodisk"), 0);                       // a plain file does not
+  std::string sd1 = AddDisk(1, "/mnt/sd1");
+  mng.CheckDiskState(100);
+  ftpFileInfo_t slashes = SampleTask(10, "/data/x");
+  strcpy(slashes.server.path, "//srv/in");
+  slashes.result = 2;
+  ASSERT_EQ(mng.InsertFileInfo(&slashes), 0);
+  EXPECT_EQ(slashes.result, 0);
+  EXPECT_STREQ(List().back().server.path, "/srv/in");  // one "/" less in the list
+  ASSERT_EQ(Rows(sd1).size(), 1u);
+  EXPECT_STREQ(Rows(sd1)[0].server.path, "//srv/in");  // as given in the database
+  db.full = true;  // the limit is the list's; unstored tasks fill it faster
+  for (int i = 2; i < 1000; ++i) ASSERT_EQ(Admit(11, "/data/n" + std::to_string(i)), 0) << i;
+  db.full = false;
+  EXPECT_EQ(Admit(11, "/data/extra"), -1);  // the 1000th was admitted, the 1001st is not
+  EXPECT_EQ(Names().size(), 1000u);
+  EXPECT_EQ(Rows(sd1).size(), 1u);  // nor stored
+}
+
+// Transfer control over rows, list and engine (holding o, sending): "rows | list | engine".
+TEST(UploadControlTableTest, TransferControl) {
+  const std::string none = "o=1 p=1 r0=1 r1=1 | r0=1 r1=1 p=1 o=1 l=1 | v1t1s1";
+  auto dropListed = [](UploadBench& b) {
+    b.mng.SetFtpTrans(1, 0, 40);
+    CAutoLock guard(&b.mng.m_lock);
+    b.mng.m_taskList.remove_if([](const ftpFileInfo_t& t) { return t.type == 1 && t.seq == 40; });
+  };
+  auto full = [](UploadBench& b) { b.db.full = true; };
+  // clang-format off
+  struct Case { const char* what; std::function<void(UploadBench&)> before; int type; unsigned ctr;
+                int seq; std::string after; } cases[] = {
+      {"off", nullptr, 1, 0, 40, "o=1 p=1 r0=0 r1=0 | r0=0 r1=0 p=1 o=1 l=1 | v1t0s0"},
+      {"off, other type", nullptr, 0, 0, 40, "o=1 p=0 r0=1 r1=1 | r0=1 r1=1 p=0 o=1 l=1 | v1t0s0"},
+      {"no rows", nullptr, 1, 0, 77, none},
+      {"unknown control", nullptr, 1, 3, 41, none},
+      {"rows, no list record", dropListed, 1, 1, 40, "o=1 p=1 r0=1 r1=1 | p=1 o=1 l=1 | v1t1s0"},
+      {"delete", nullptr, 1, 2, 40, "o=1 p=1 | p=1 o=1 l=1 | v0t0s0"},
+      {"off, database full", full, 1, 0, 41, "o=1 p=1 r0=1 r1=1 | r0=1 r1=1 p=1 o=0 l=1 | v1t0s0"},
+      {"delete, database full", full, 1, 2, 40, "o=1 p=1 r0=1 r1=1 | p=1 o=1 l=1 | v0t0s0"}};
+  // clang-format on
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    UploadBench b;
+    std::string sd1 = b.AddDisk(1, "/mnt/sd1"), state;
+    b.mng.CheckDiskState(100);
+    b.Admit(40, "r0", 1), b.Admit(40, "r1", 1), b.Admit(40, "p", 0), b.Admit(41, "o", 1);
+    {
+      CAutoLock guard(&b.mng.m_lock);
+      b.engine.SetTask(&b.mng.m_taskList.back());
+      b.mng.m_taskList.push_back(SampleTask(77, "l", 1));  // in the list only
+    }
+    b.engine.m_nTransState = 1;
+    if (c.before) c.before(b);
+    b.mng.SetFtpTrans(c.type, c.ctr, c.seq);
+    std::map<std::string, int> rows;
+    for (const __ftp_log& r : b.Rows(sd1)) rows[r.fullpath] = r.trans;
+    for (const auto& r : rows) state += r.first + "=" + std::to_string(r.second) + " ";
+    state += "|";
+    for (const ftpFileInfo_t& t : b.List())
+      state += " " + std::string(t.fullName) + "=" + std::to_string(t.trans);
+    ftpFileInfo_t held = b.engine.SnapshotTask();
+    state += " | v" + std::to_string(held.valid) + "t" + std::to_string(held.trans) + "s" +
+             std::to_string(b.engine.m_nTransState.load());
+    EXPECT_STREQ(held.fullName, "o");
+    EXPECT_EQ(state, c.after);
+  }
+}
+
+// A full database still loads, a corrupt one loads nothing; admission queues, rows unchanged.
+TEST(UploadControlTableTest, DatabaseFaults) {
+  for (bool corrupt : {false, true}) {
+    SCOPED_TRACE(corrupt ? "corrupt" : "full");
+    UploadBench b;
+    std::string sd1 = b.AddDisk(1, "/mnt/sd1");
+    b.StoreRows(sd1, 2, {"/data/a", "/data/b"});
+    (corrupt ? b.db.corrupt : b.db.full) = true;
+    b.mng.CheckDiskState(100);
+    EXPECT_EQ(b.Names().size(), corrupt ? 0u : 2u);
+    EXPECT_EQ(b.Admit(3, "/data/new"), 0);
+    EXPECT_EQ(b.Names().back(), "/data/new");
+    EXPECT_EQ(b.Seqs(sd1), (Ints{2, 2}));
+  }
+}
+
+const char kAviName[] = "/0001_0000000a_1_100_101_1_0.avi";
+const char kBadAvi[] = "/0001_0000000a_1_300_200_1_0.avi";  // ends before it starts
+
+std::string Bytes(size_t n) {
+  std::string s(n, '\0');
+  for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>((i * 31 + 7) & 0xFF);
+  return s;
+}
+
+// Everything the source yields from where it stands; a stream may answer a read with nothing.
+std::string ReadRest(CXFile* src) {
+  std::string out;
+  std::vector<char> buf(5000);
+  for (int empty = 0; empty < 3;) {
+    int32_t n = src->Xread(buf.data(), 1, 5000);
+    EXPECT_LE(n, 5000);
+    empty = n > 0 ? 0 : empty + 1;
+    if (n > 0) out.append(buf.data(), static_cast<size_t>(n));
+  }
+  return out;
+}
+
+// Single passes of the engine over a ten-frame recording or a plain file.
+class UploadEngineTest : public UploadControlTest {
+ protected:
+  UploadEngineTest() {
+    status.partLists[15] = {FakeStatus::Entry(1, "/mnt/part1")};
+    for (int i = 0; i < 10; ++i) recording.Add(100000000ULL + i * 40000, i == 0, 1000, i);
+    engine.m_pFtpClient = env.NewFtpClient();  // the engine deletes it
+  }
+  void Pass() { engine.RunPass(&previous); }
+
+  FakeRecording recording;
+  ftpFileInfo_t previous{};
+};
+
+TEST_F(UploadEngineTest, SourcesOfEveryKind) {
+  std::string local = File("local.bin", "0123456789"), none = root.path() + "/none";
+  const char* path = local.c_str();
+  char buf[32] = {};
+  CXFile other(2, &env), plain(0, &env);  // 2: neither plain file nor recording, nothing works
+  EXPECT_EQ((Ints{other.Xexist(path), other.XsizeByPath(path), other.Xopen(path, "rb"),
+                  other.Xread(buf, 1, 4), other.Xseek(0, SEEK_SET), other.Xwrite(buf, 1, 4),
+                  other.Xclose(), plain.Xopen(none.c_str(), "rb"), plain.Xsize(),
+                  plain.XsizeByPath(none.c_str())}),
+            (Ints{0, 0, -1, -1, -1, -1, -1, -1, -1, 0}));
+  ASSERT_EQ(plain.Xopen(path, "r+b"), 0);
+  EXPECT_EQ(plain.Xsize(), 10);
+  ASSERT_EQ(unlink(path), 0);
+  EXPECT_EQ((Ints{plain.Xsize(), plain.Xseek(4, SEEK_SET), plain.Xread(buf, 1, 16)}),
+            (Ints{-1, 0, 6}));  // size by path, reads by stream
+  EXPECT_EQ(std::string(buf, 6), "456789");
+  EXPECT_EQ(plain.Xclose(), 0);
+  {
+    CXFile avi(1, &env);
+    EXPECT_EQ((Ints{avi.Xsize(), avi.XsizeByPath(kBadAvi), avi.Xexist(kBadAvi)}), (Ints{-1, 0, 0}));
+    ASSERT_EQ(avi.Xopen(kAviName, "r+b"), 0);
+    int readers = recording.created, size = avi.Xsize();
+    ASSERT_GT(size, 4096);
+    // Existence answered from the open stream, without a reader of its own.
+    EXPECT_EQ((Ints{avi.Xexist(kAviName), recording.created, avi.XsizeByPath(kAviName)}),
+              (Ints{1, readers, size}));
+    std::string whole = ReadRest(&avi);
+    EXPECT_EQ(whole.size(), static_cast<size_t>(size));
+    EXPECT_EQ(avi.Xseek(size - 40, SEEK_END), 0);  // always absolute
+    EXPECT_EQ(ReadRest(&avi), whole.substr(size - 40));
+    EXPECT_EQ((Ints{avi.Xwrite(buf, 1, 4), avi.Xclose(), recording.destroyed - recording.created,
+                    avi.Xclose(), avi.Xread(buf, 1, 16), avi.Xopen(kBadAvi, "r+b"), avi.Xclose()}),
+              (Ints{-1, 0, 0, -1, 0, -1, -1}));
+    ASSERT_EQ(avi.Xopen(kAviName, "r+b"), 0);
+    EXPECT_LT(recording.destroyed, recording.created);
+  }
+  EXPECT_EQ(recording.destroyed, recording.created);  // destruction releases the stream
+}
+
+// Unlisted: sent whole (mode 0); listed: resumed at the server's size (mode 1) unless complete
+// (all of a plain file; a recording sent before may miss up to 100 bytes).
+TEST_F(UploadEngineTest, SendOrResumeFromTheServersSize) {
+  CXFile probe(1, &env);
+  ASSERT_EQ(probe.Xopen(kAviName, "r+b"), 0);
+  const std::string avi = ReadRest(&probe);
+  const int kAvi = -1, kNotListed = 1 << 30;
+  // clang-format off
+  struct Case { int local, sentBefore, missing; bool complete; } cases[] = {  // local: size or kAvi
+      {0, 0, kNotListed, false}, {16383, 0, kNotListed, false}, {16384, 0, kNotListed, false},
+      {16385, 0, kNotListed, false}, {49153, 0, kNotListed, false}, {5000, 0, 4000, false},
+      {5000, 1, 1, false}, {5000, 1, 0, true}, {5000, 0, -7, true}, {kAvi, 0, 100, false},
+      {kAvi, 1, 100, true}, {kAvi, 1, 101, false}, {kAvi, 0, 0, true}};
+  // clang-format on
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::Message() << c.local << " " << c.sentBefore << " " << c.missing);
+    ftp.modes.clear();
+    ftp.written.clear();
+    std::string source = c.local == kAvi ? avi : Bytes(static_cast<size_t>(c.local));
+    int32_t onServer =
+        c.missing == kNotListed ? 0 : static_cast<int32_t>(source.size()) - c.missing;
+    Hold(SampleTask(5, c.local == kAvi ? kAviName : File("local.bin", source), c.local == kAvi),
+         static_cast<uint8_t>(c.sentBefore));
+    ftp.listing = {FakeFtpClient::Entry("other.bin", 9)};
+    if (c.missing != kNotListed)
+      ftp.listing.push_back(FakeFtpClient::Entry("remote.bin", onServer));
+    Pass();
+    const ftpFileInfo_t held = engine.SnapshotTask();
+    EXPECT_EQ(ftp.dir + "/" + ftp.name, "in/remote.bin");
+    EXPECT_EQ(ftp.written, c.complete ? "" : source.substr(static_cast<size_t>(onServer)));
+    EXPECT_EQ(ftp.modes, c.complete ? Ints{} : Ints{c.missing == kNotListed ? 0 : 1});
+    // Result, tries, transfer state, busy flag.
+    EXPECT_EQ((Ints{held.result, held.sendTimes, engine.m_nTransState, engine.m_nBusy}),
+              (Ints{c.complete, c.sentBefore + !c.complete, c.complete ? 0 : 2, 0}));
+  }
+}
+
+// Failed listings, gone files, failed writes, and valid/trans cleared during a send (after that
+// block: stopped (3) when valid is cleared, open when only trans is).
+TEST_F(UploadEngineTest, PassesThatEndEarly) {
+  // clang-format off
+  struct Case { int listResult; bool listed, localExists; int writeFailAfter; size_t clearAt;
+                uint8_t valid, trans, result; size_t written; } cases[] = {
+      {-1, false, true, -1, 0, 1, 1, 0, 0}, {-2, false, true, -1, 0, 1, 1, 1, 0},
+      {0, false, false, -1, 0, 1, 1, 2, 0}, {0, true, false, -1, 0, 1, 1, 1, 0},
+      {0, false, true, 32768, 0, 1, 1, 0, 32768}, {0, false, true, -1, 32768, 1, 0, 0, 32768},
+      {0, false, true, -1, 16384, 0, 1, 3, 16384}, {0, false, true, -1, 49152, 0, 0, 3, 49152}};
+  // clang-format on
+  std::string content = Bytes(100000);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(&c - cases);
+    FakeFtpClient::Script& s = ftp;
+    s.listResult = c.listResult, s.writeFailAfter = c.writeFailAfter;
+    s.listing.clear(), s.written.clear();
+    if (c.listed) s.listing = {FakeFtpClient::Entry("remote.bin", 10)};
+    s.onWrite = [&](size_t total) {
+      if (total >= c.clearAt) engine.SetTaskTrans(c.valid, c.trans);
+    };
+    int closes = s.closes;
+    Hold(SampleTask(5, c.localExists ? File("local.bin", content) : root.path() + "/gone.bin"));
+    Pass();
+    EXPECT_EQ(engine.SnapshotTask().result, c.result);
+    EXPECT_EQ(s.written, content.substr(0, c.written));
+    EXPECT_EQ(s.closes, closes + 1);
+  }
+  ftp.onWrite = nullptr;
+}
+
+// Failed logins and data connections count (a partial send resets nothing); after four the task
+// is given up: status event 1, deleted from queue and database.
+TEST_F(UploadEngineTest, FourFailedConnectionsGiveTheTaskUp) {
+  std::string sd1 = AddDisk(1, "/mnt/sd1");
+  mng.CheckDiskState(100);
+  ftpFileInfo_t t = SampleTask(70000, File("local.bin", Bytes(70000)));
+  ASSERT_EQ(mng.InsertFileInfo(&t), 0);
+  Hold(t);
+  ftp.startFailures = 2;
+  Pass();
+  Pass();
+  EXPECT_GE(clock.sleptUs(), 20000000u);  // 10 s after each failed login
+  ftp.writeFailAfter = 16384;
+  Pass();
+  EXPECT_EQ(ftp.written.size(), 16384u);
+  EXPECT_EQ(engine.SnapshotTask().connFailTimes, 2);
+  ftp.startFailures = 1;
+  Pass();
+  ftp.dataFails = true;
+  Pass();
+  EXPECT_EQ(engine.SnapshotTask().connFailTimes, 4);
+  EXPECT_TRUE(StatusEvents().empty());
+  EXPECT_EQ(Seqs(sd1), Ints{70000});
+  ftp.dataFails = false;
+  Pass();
+  EXPECT_EQ(StatusEvents(), (Events{{1, 70000 & 0xFFFF}}));
+  ftpFileInfo_t held = engine.SnapshotTask();
+  EXPECT_EQ((Ints{held.valid, held.connFailTimes, held.result}), (Ints{0, 0, 3}));
+  EXPECT_EQ((Ints{int(ftp.written.size()), int(List().size()), int(Seqs(sd1).size())}),
+            (Ints{16384, 0, 0}));
+}
+
+// The scheduler with two disks, against an engine whose outcome a test sets by hand.
+class SchedulerTest : public UploadControlTest {
+ protected:
+  SchedulerTest() : sd1(AddDisk(1, "/mnt/sd1")), sd2(AddDisk(6, "/mnt/sd2")) {}
+  int Stored(int seq) {
+    return db.SearchBySeqAndType(sd1.c_str(), seq, 0) + db.SearchBySeqAndType(sd2.c_str(), seq, 0);
+  }
+  std::string Held() { return engine.SnapshotTask().fullName; }
+  // The engine reports an outcome for the task it holds.
+  void Finish(uint8_t result) { StoreControlByte(&engine.m_stTask.result, result); }
+
+  std::string sd1, sd2;
+};
+
+// No disk, no move; then hand-over by link mask, status 11 once a second, a stop when the link
+// goes.
+TEST_F(SchedulerTest, HandOverFollowsTheNetworkLink) {
+  std::string a = File("a"), b = File("b");
+  EXPECT_EQ((Ints{Admit(5, a, 0, 4), Admit(6, b, 0, 1)}), (Ints{0, 0}));
+  for (uint32_t s = 90; s < 95; ++s) mng.ScheduleTask(s);
+  EXPECT_EQ((Ints{engine.SnapshotTask().valid, int(status.networkSets.size())}), (Ints{0, 0}));
+  mng.CheckDiskState(100);
+  status.networkLink = 4;  // mask 1: a may not go, b may
+  engine.m_nTransState = 1;
+  mng.ScheduleTask(100);
+  EXPECT_EQ(Names(), (Strings{b, a}));
+  ASSERT_EQ(status.networkSets.size(), 1u);
+  EXPECT_EQ(LoadLE32(status.networkSets[0].data() + 4), 1u);
+  mng.ScheduleTask(100);
+  EXPECT_EQ(status.networkSets.size(), 1u);
+  EXPECT_EQ(Held(), b);
+  status.networkLink = 1;  // mask 4: b's link is gone
+  mng.ScheduleTask(101);
+  EXPECT_EQ(engine.SnapshotTask().valid, 0);
+  EXPECT_EQ(Names(), (Strings{b, a}));
+  const int masks[][2] = {{1, 4}, {2, 4}, {3, 1}, {4, 1}, {5, 2}, {6, 0}};
+  for (const auto& m : masks) {
+    status.networkLink = m[0];
+    mng.ScheduleTask(200 + static_cast<uint32_t>(m[0]));
+    EXPECT_EQ(mng.m_netMask, static_cast<uint32_t>(m[1])) << "link " << m[0];
+  }
+}
+
+// An outcome ends the task everywhere; 1 and 2 complete the seq and remove a flagged file, 3 not.
+TEST_F(SchedulerTest, OutcomesOfTheEnginesTask) {
+  struct Case {
+    uint8_t result, del;
+    bool event, fileKept;
+  } cases[] = {{1, 1, true, false}, {1, 0, true, true}, {2, 1, true, false}, {3, 1, false, true}};
+  mng.CheckDiskState(100);
+  for (const Case& c : cases) {
+    int seq = static_cast<int>(10 + (&c - cases));
+    SCOPED_TRACE(seq);
+    Events events = StatusEvents();
+    std::string path = File("f" + std::to_string(seq));
+    EXPECT_EQ(Admit(static_cast<uint32_t>(seq), path, 0, 7, c.del), 0);
+    mng.ScheduleTask(100);
+    {
+      CAutoLock guard(&mng.m_lock);
+      mng.m_taskList.front().trans = 0;
+    }
+    mng.ScheduleTask(100);
+    EXPECT_EQ((Ints{engine.SnapshotTask().trans, engine.SnapshotTask().valid}), (Ints{0, 1}));
+    Finish(c.result);
+    mng.ScheduleTask(100);
+    if (c.event) events.emplace_back(0, seq);
+    EXPECT_EQ(StatusEvents(), events);
+    EXPECT_EQ(access(path.c_str(), F_OK) == 0, c.fileKept);
+    EXPECT_TRUE(Names().empty());
+    EXPECT_EQ((Ints{Stored(seq), engine.SnapshotTask().valid}), (Ints{0, 0}));
+  }
+}
+
+// Two tasks of one sequence number stored on two disks: one status event, after the second.
+TEST_F(SchedulerTest, SequenceNumberCompletesOverAllDisks) {
+  std::string a = File("a"), b = File("b");
+  StoreRows(sd2, 5, {b});
+  mng.CheckDiskState(100);  // loads b from the second disk
+  EXPECT_EQ(Admit(5, a), 0);
+  for (const std::string& next : {b, a}) {
+    EXPECT_TRUE(StatusEvents().empty());
+    EXPECT_EQ(Stored(5), next == b ? 2 : 1);
+    mng.ScheduleTask(100);
+    EXPECT_EQ(Held(), next);
+    Finish(1);
+    mng.ScheduleTask(100);
+  }
+  EXPECT_EQ(StatusEvents(), (Events{{0, 5}}));
+  EXPECT_EQ(Stored(5), 0);
+}
+
+// Invalid or gone heads dropped with their rows; a stranger left alone; too many tries leave the
+// list, not the database; an unreadable network status ends the pass.
+TEST_F(SchedulerTest, TasksThatAreNotSent) {
+  mng.CheckDiskState(100);
+  std::string b = File("b");
+  ftpFileInfo_t invalid = SampleTask(6, b);
+  invalid.valid = 0, invalid.delAfterUpload = 1;
+  ASSERT_EQ(mng.InsertFileInfo(&invalid), 0);
+  EXPECT_EQ(Admit(6, root.path() + "/missing"), 0);
+  mng.ScheduleTask(100);
+  EXPECT_EQ((Ints{access(b.c_str(), F_OK) == 0, Stored(6)}), (Ints{0, 1}));  // flagged file gone
+  mng.ScheduleTask(100);
+  EXPECT_EQ((Ints{Stored(6), int(Names().size())}), (Ints{0, 0}));
+
+  EXPECT_EQ(Admit(5, File("a")), 0);
+  ftpFileInfo_t stranger = SampleTask(9, File("stranger"));
+  engine.SetTask(&stranger);
+  mng.ScheduleTask(100);
+  EXPECT_EQ(Held() + std::to_string(engine.SnapshotTask().valid), stranger.fullName + "1"s);
+  engine.SetTaskTrans(0, 0);
+  mng.ScheduleTask(100);  // a is handed over
+  {
+    CAutoLock guard(&engine.m_taskLock);
+    engine.m_stTask.sendTimes = 4;
+  }
+  engine.m_nTransState = 2;
+  mng.ScheduleTask(100);
+  EXPECT_EQ((Ints{int(Names().size()), Stored(5), engine.SnapshotTask().valid}), (Ints{0, 1, 0}));
+  EXPECT_TRUE(StatusEvents().empty());
+
+  status.failing[STATUS_NETWORK] = true;
+  EXPECT_EQ(Admit(7, File("c")), 0);
+  mng.ScheduleTask(200);
+  EXPECT_EQ(engine.SnapshotTask().valid, 0);
+  mng.ScheduleTask(200);  // same second: no network step
+  EXPECT_EQ(engine.SnapshotTask().valid, 1);
+}
+
+// The real upload thread sends while the scheduler follows (also for ThreadSanitizer); waits
+// count polls on the fake clock and logins, never wall-clock time.
+TEST_F(SchedulerTest, RealUploadThreadSendsWhileTheSchedulerFollows) {
+  ASSERT_EQ(engine.StartSyncThread(), 0);
+  EXPECT_EQ(engine.StartSyncThread(), 0);  // a second call starts nothing
+  engine.SetTaskTrans(0, 1);               // no runnable task: the thread puts trans back to 0
+  for (uint64_t end = clock.sleptUs() + 300000; clock.sleptUs() < end;) std::this_thread::yield();
+  EXPECT_EQ(engine.SnapshotTask().trans, 0);  // three 100 ms polls later
+  std::string content(100000, 'v');
+  ftp.onWrite = [this](size_t total) {
+    std::lock_guard<std::mutex> g(ftp.mutex);  // the server lists what it received
+    ftp.listing = {FakeFtpClient::Entry("remote.bin", static_cast<int32_t>(total))};
+  };
+  mng.CheckDiskState(100);
+  EXPECT_EQ(Admit(5, File("big", content)), 0);
+  auto logins = [this] {
+    std::lock_guard<std::mutex> g(ftp.mutex);
+    return ftp.starts;
+  };
+  for (uint32_t second = 100; StatusEvents().empty() && logins() < 10;) mng.ScheduleTask(++second);
+  engine.m_thread.Join();
+  EXPECT_EQ(ftp.written, content);
+  EXPECT_EQ(StatusEvents(), (Events{{0, 5}}));
+  // Rows gone; the client deleted by the stopping thread.
+  EXPECT_EQ((Ints{Stored(5), engine.m_pFtpClient != nullptr}), (Ints{0, 0}));
+}
+
+}  // namespace
