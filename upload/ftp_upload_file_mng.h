@@ -64,6 +64,11 @@ class CFtpUploadFileMng {
   void RunPass(ftpFileInfo_t* previous);
   // Sends path from offset (mode 0 anew, 1 append) while the task stays runnable.
   void SendFile2FtpServer(const char* path, int mode, int offset);
+  // The server holds serverSize bytes of the task's file: counts it complete, appends to it
+  // once its size holds still, or stores the file anew when the copy is larger.
+  void ResumeFrom(const ftpFileInfo_t& task, int32_t serverSize);
+  // Lists the directory again after a pause: true when the file is still size bytes.
+  bool SizeHoldsStill(const ftpFileInfo_t& task, int32_t size);
 
   // Constant after construction (and SetTaskControl).
   Env* const m_env;
