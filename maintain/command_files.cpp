@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "maintain/ftp_maintain_mng.h"
 #include "platform/config.h"
@@ -17,6 +18,7 @@
 #include "platform/log.h"
 #include "platform/paths.h"
 #include "platform/text.h"
+#include "platform/xml_file.h"
 #include "rules/date_text.h"
 #include "rules/shell_words.h"
 
@@ -26,10 +28,10 @@ const char* ScopeText(const char* scope) { return scope != nullptr ? scope : "(n
 
 // The root element of the XML file at path, or null (logged) when it has none.
 const TiXmlElement* LoadRoot(TiXmlDocument* doc, const char* path) {
-  doc->LoadFile(path, TIXML_ENCODING_UNKNOWN);
-  const TiXmlElement* root = doc->RootElement();
-  if (root == nullptr) WriteDbgLog(0, "LoadFile %s Failed\n", path);
-  return root;
+  std::string why;
+  if (LoadXmlFile(path, doc, &why)) return doc->RootElement();
+  WriteDbgLog(0, "LoadFile %s Failed: %s\n", path, why.c_str());
+  return nullptr;
 }
 
 char* HeapCopy(const char* text) {

@@ -220,9 +220,10 @@ bool CFtpUploadFileMng::SizeHoldsStill(const ftpFileInfo_t& task, int32_t size) 
   if (m_pFtpClient->FtpGetServerDirFile() < 0) return false;
   const FtpDirEntry_t* again = FindListed(m_pFtpClient, task.fileName);
   if (again != nullptr && again->size == size) return true;
-  WriteDbgLog(2, "seq:%d file:%s: the server's copy changed from %d to %d bytes while idle; "
-              "not appended\n", static_cast<int>(task.seq), task.fileName, size,
-              again != nullptr ? again->size : -1);
+  WriteDbgLog(2,
+              "seq:%d file:%s: the server's copy changed from %d to %d bytes while idle; "
+              "not appended\n",
+              static_cast<int>(task.seq), task.fileName, size, again != nullptr ? again->size : -1);
   return false;
 }
 
