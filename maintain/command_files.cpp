@@ -301,20 +301,21 @@ bool CheckConfigArchive(const uint8_t* data, size_t len, std::string* why) {
 }
 
 int CFtpMaintainMng::HandleRemoteCmd(const char* path) {
-  int len = 0;
-  char* text = filetobufwithoutbuf(path, &len);
-  if (text == nullptr) return 0;
-  if (strstr(text, "<LOGCMD>") != nullptr) {
+  std::string text, why;
+  if (!ReadRegularFile(path, kXmlMaxBytes, &text, &why)) {
+    WriteDbgLog(2, "remote command file %s refused: %s\n", path, why.c_str());
+    return 0;
+  }
+  if (text.find("<LOGCMD>") != std::string::npos) {
     WriteDbgLog(0, "%s, %d\n", "HandleRemoteCmd", __LINE__);
     HandleLogCmd(path);
-  } else if (strstr(text, "<UsrDefineCmd>") != nullptr) {
+  } else if (text.find("<UsrDefineCmd>") != std::string::npos) {
     WriteDbgLog(0, "%s, %d\n", "HandleRemoteCmd", __LINE__);
     HandleUsrDefineCmd(path);
-  } else if (strstr(text, "<FileDownloadCmd>") != nullptr) {
+  } else if (text.find("<FileDownloadCmd>") != std::string::npos) {
     WriteDbgLog(0, "%s, %d\n", "HandleRemoteCmd", __LINE__);
     HandleFileDownloadCmd(path);
   }
-  free(text);
   return 0;
 }
 
