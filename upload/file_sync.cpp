@@ -25,8 +25,10 @@ constexpr uint64_t kRepeatPauseUs = 200000;
 constexpr uint64_t kLoginFailPauseUs = 10000000;
 constexpr uint64_t kFailPauseUs = 1000000;
 constexpr uint64_t kPassPauseUs = 3000000;
-// How long the size of a partial server copy must hold still before it is appended to.
+// How long the size of a partial server copy must hold still before it is appended to, and
+// how long a pass waits at most for that.
 constexpr uint64_t kHoldStillUs = 2000000;
+constexpr int kMaxHoldStillChecks = 60;
 
 std::atomic<bool> g_niceRefusalLogged{false};
 
@@ -193,8 +195,15 @@ void CFtpUploadFileMng::ResumeFrom(const ftpFileInfo_t& task, int32_t serverSize
     return;
   }
   int32_t localSize = source.XsizeByPath(task.fullName);
-  ServerCopy copy =
-      JudgeServerCopy(task.type, serverSize, localSize, SnapshotTask().sendTimes != 0);
+  bool sentBefore = SnapshotTask().sendTimes != 0;
+  ServerCopy copy = JudgeServerCopy(task.type, serverSize, localSize, sentBefore);
+  if (copy == ServerCopy::kAppend) {
+    if (!SizeHoldsStill(task, &serverSize)) {
+      CountConnFail();
+      return;
+    }
+    copy = JudgeServerCopy(task.type, serverSize, localSize, sentBefore);
+  }
   WriteDbgLog(0, "seq:%d file:%s size[%d,%d] %s\n", static_cast<int>(task.seq), task.fullName,
               serverSize, localSize,
               copy == ServerCopy::kComplete    ? "finish!"
@@ -204,26 +213,34 @@ void CFtpUploadFileMng::ResumeFrom(const ftpFileInfo_t& task, int32_t serverSize
     StoreControlByte(&m_stTask.result, 1);
     return;
   }
-  if (copy == ServerCopy::kAppend && !SizeHoldsStill(task, serverSize)) {
-    CountConnFail();
-    return;
-  }
-  SendFile2FtpServer(task.fullName, copy == ServerCopy::kAppend ? 1 : 0,
-                     copy == ServerCopy::kAppend ? serverSize : 0);
+  bool append = copy == ServerCopy::kAppend;
+  SendFile2FtpServer(task.fullName, append ? 1 : 0, append ? serverSize : 0);
   CountSend();
 }
 
-// A connection that has not ended yet (of an earlier pass, or of a process that died) may
-// still be feeding the server's copy; appending behind it would put two writers in one file.
-bool CFtpUploadFileMng::SizeHoldsStill(const ftpFileInfo_t& task, int32_t size) {
-  m_env->SleepUs(kHoldStillUs);
-  if (m_pFtpClient->FtpGetServerDirFile() < 0) return false;
-  const FtpDirEntry_t* again = FindListed(m_pFtpClient, task.fileName);
-  if (again != nullptr && again->size == size) return true;
-  WriteDbgLog(2,
-              "seq:%d file:%s: the server's copy changed from %d to %d bytes while idle; "
-              "not appended\n",
-              static_cast<int>(task.seq), task.fileName, size, again != nullptr ? again->size : -1);
+// A connection that has not ended yet (of an earlier pass, or of a process that died and
+// whose data is still queued on the way or at the server) may still be feeding the server's
+// copy; appending behind it would put two writers in one file. The directory is listed again
+// every kHoldStillUs until the size stops changing; *size is then the size to append to.
+bool CFtpUploadFileMng::SizeHoldsStill(const ftpFileInfo_t& task, int32_t* size) {
+  for (int check = 0; check < kMaxHoldStillChecks; ++check) {
+    m_env->SleepUs(kHoldStillUs);
+    if (!Sending(LoadTaskControl(&m_stTask))) return false;
+    if (m_pFtpClient->FtpGetServerDirFile() < 0) return false;
+    const FtpDirEntry_t* again = FindListed(m_pFtpClient, task.fileName);
+    int32_t now = again != nullptr ? again->size : -1;
+    if (now == *size) return true;
+    if (check == 0) {
+      WriteDbgLog(2,
+                  "seq:%d file:%s: the server's copy is still growing (%d, then %d bytes); "
+                  "waiting for it to end\n",
+                  static_cast<int>(task.seq), task.fileName, *size, now);
+    }
+    if (now < 0) return false;
+    *size = now;
+  }
+  WriteDbgLog(2, "seq:%d file:%s: the server's copy did not stop growing\n",
+              static_cast<int>(task.seq), task.fileName);
   return false;
 }
 
