@@ -108,6 +108,7 @@ void CFtpCtrlMng::CheckDiskState(uint32_t seconds) {
     return;
   }
   FollowSmallestSlot();
+  SaveUnsaved(CurDisk().path);
   bool idle;
   {
     CAutoLock guard(&m_lock);

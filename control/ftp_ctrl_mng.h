@@ -1,10 +1,12 @@
 // The upload control manager: the task queue, the table of storage disks and the current disk.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <list>
 #include <map>
 
+#include "platform/file2ftpdb.h"
 #include "platform/thread.h"
 #include "upload/ftp_records.h"
 #include "upload/task_control.h"
@@ -68,6 +70,13 @@ class CFtpCtrlMng : public ITaskControl {
   std::list<ftpFileInfo_t> m_taskList GUARDED_BY(m_lock);
   // Used only on the main thread.
   std::map<int32_t, ftpDiskInfo_t> m_diskMap;
+  // Rows of queued tasks that the database refused; written again at each disk check.
+  std::list<__ftp_log> m_unsaved GUARDED_BY(m_lock);
+  // Refused tasks since the last refusal log line, and when that line was written (seconds
+  // of the Env's monotonic clock; 0: never). Request thread.
+  std::atomic<uint32_t> m_nRefused{0};
+  int64_t m_lastRefusalLog = 0;
+  static constexpr int64_t kRefusalLogSeconds = 10;
 
   CFtpCtrlMng(const CFtpCtrlMng&) = delete;
   CFtpCtrlMng& operator=(const CFtpCtrlMng&) = delete;
@@ -88,6 +97,10 @@ class CFtpCtrlMng : public ITaskControl {
   void OfferHeadTask(uint32_t seconds) REQUIRES(m_lock);
   // Removes the head task from the list and its rows (and, if flagged, its file) per disk.
   void DropHeadTask() REQUIRES(m_lock);
+  // Stores the rows of m_unsaved whose tasks are still queued into the table of diskPath.
+  void SaveUnsaved(const char* diskPath);
+  // Counts a refused task and logs it, rate-limited.
+  void LogRefusal(const ftpFileInfo_t& task, const char* why);
   // Database delete and list update of transfer control; see SetFtpTrans.
   void DeleteTasks(int fileType, int seq, const char* diskPath);
   void SwitchTasks(int fileType, unsigned int ctrType, int seq, const char* diskPath);

@@ -71,7 +71,12 @@ void CFtpCtrlMng::FollowEngineTask(const ftpFileInfo_t& held, uint32_t seconds) 
   CFtpUploadFileMng* engine = m_pEngine;
   auto it = m_taskList.begin();
   while (it != m_taskList.end() && strcmp(it->fullName, held.fullName) != 0) ++it;
-  if (it == m_taskList.end()) return;  // the engine's task has left the queue
+  if (it == m_taskList.end()) {
+    // The engine's task has left the queue (or was marked valid again by a transfer control
+    // after it was completed): released, so that the head task is handed over next.
+    engine->SetTaskTrans(0, 0);
+    return;
+  }
 
   uint8_t valid = it->valid;
   uint8_t trans = it->trans;

@@ -26,14 +26,32 @@ void EnsureTableOpen(CFile2FtpDbMng* db, const char* diskPath, int line) {
 
 }  // namespace
 
+// Refusals are logged, but at most one line per kRefusalLogSeconds with the count since the
+// last line, so that a flood of requests cannot flood the log as well.
+void CFtpCtrlMng::LogRefusal(const ftpFileInfo_t& task, const char* why) {
+  ++m_nRefused;
+  int64_t now = m_env->NowMs() / 1000;
+  if (m_lastRefusalLog != 0 && now - m_lastRefusalLog < kRefusalLogSeconds) return;
+  WriteDbgLog(2, "task seq:%u refused (%s); %u refused since the last such line\n", task.seq, why,
+              m_nRefused.load());
+  m_nRefused = 0;
+  m_lastRefusalLog = now != 0 ? now : 1;
+}
+
 int CFtpCtrlMng::InsertFileInfo(ftpFileInfo_t* info) {
   ftpCurDisk_t disk = CurDisk();
   if (disk.id == 0) {
     WriteDbgLog(0, "%s:%d no disk ret\n", "InsertFileInfo", 156);
-    if (info->type == 1) return -1;  // a recording needs its disk
+    if (info->type == 1) {  // a recording needs its disk
+      LogRefusal(*info, "a recording while no disk is known");
+      return -1;
+    }
   }
   CAutoLock guard(&m_lock);
-  if (m_taskList.size() >= kTaskListMax) return -1;
+  if (m_taskList.size() >= kTaskListMax) {
+    LogRefusal(*info, "the queue holds its maximum of 1000 tasks");
+    return -1;
+  }
 
   info->result = 0;
   __ftp_log row;
@@ -47,8 +65,10 @@ int CFtpCtrlMng::InsertFileInfo(ftpFileInfo_t* info) {
     if (db->OpenTable(disk.path) < 0) WriteDbgLog(0, "CFile2FtpDbMng open :%s error\n", disk.path);
   }
   if (db->Insert(&row) < 0) {
-    // The task is still queued: it is sent in this run, only not remembered across a restart.
+    // The task is still queued and is sent in this run; its row is written again on every
+    // disk check until the database takes it, so that it is remembered across a restart.
     WriteDbgLog(0, "CFile2FtpDbMng::Instance()->Insert error \n");
+    m_unsaved.push_back(row);
   }
   char* path = info->server.path;
   if (path[0] == '/') {
@@ -98,4 +118,28 @@ void CFtpCtrlMng::SwitchTasks(int fileType, unsigned int ctrType, int seq, const
     if (Matches(rec, fileType, seq)) rec.trans = static_cast<uint8_t>(ctrType);
   }
   m_pEngine->SetTaskTrans(1, static_cast<uint8_t>(ctrType));
+}
+
+void CFtpCtrlMng::SaveUnsaved(const char* diskPath) {
+  CAutoLock guard(&m_lock);
+  if (m_unsaved.empty()) return;
+  // Only the rows of tasks still queued, with their present transfer switch.
+  std::list<__ftp_log> rows;
+  for (const __ftp_log& row : m_unsaved) {
+    for (const ftpFileInfo_t& task : m_taskList) {
+      if (Matches(task, static_cast<int>(row.type), static_cast<int>(row.seq)) &&
+          strncmp(task.fullName, row.fullpath, sizeof(row.fullpath)) == 0) {
+        rows.push_back(row);
+        rows.back().trans = task.trans;
+        break;
+      }
+    }
+  }
+  CFile2FtpDbMng* db = m_env->TaskDb();
+  EnsureTableOpen(db, diskPath, 420);
+  if (!rows.empty() && db->InsertMore(rows) < 0) return;  // kept for the next check
+  if (!rows.empty()) {
+    WriteDbgLog(2, "%zu tasks that were queued only in memory are stored now\n", rows.size());
+  }
+  m_unsaved.clear();
 }

@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "control/ftp_ctrl_mng.h"
+#include "core/command_worker.h"
 #include "maintain/ftp_maintain_mng.h"
 #include "platform/byteorder.h"
 
@@ -11,8 +12,6 @@ const char kRequestSocket[] = "/tmp/ftpuploadfile.listen";
 
 namespace {
 
-// Remote commands (event 16) are connected once their handlers exist; until then they are
-// dropped like unknown codes.
 class ServiceTargets : public IRequestTargets {
  public:
   void InsertTask(ftpFileInfo_t* task) override { CFtpCtrlMng::Instance()->InsertFileInfo(task); }
@@ -23,8 +22,11 @@ class ServiceTargets : public IRequestTargets {
                  const char* path) override {
     CFtpMaintainMng::Instance()->FtpConnectTo(user, password, host, port, path);
   }
+  // Run on the command worker: the listener goes straight back to taking requests.
   void RemoteCommand(const char* path) override {
-    CFtpMaintainMng::Instance()->HandleRemoteCmd(path);
+    static CRemoteCmdWorker* worker = new CRemoteCmdWorker(
+        [](const char* p) { CFtpMaintainMng::Instance()->HandleRemoteCmd(p); });
+    worker->Post(path);
   }
 };
 

@@ -20,6 +20,9 @@ int main() {
   setvbuf(stdout, nullptr, isatty(STDOUT_FILENO) ? _IOLBF : _IOFBF, 0);
   // A peer that closes a socket must end a transfer, not the service.
   signal(SIGPIPE, SIG_IGN);
+  // A file size limit (ulimit -f) must fail the write that passes it, which is logged where
+  // it happens, not end the service.
+  signal(SIGXFSZ, SIG_IGN);
 
   Env::Default()->SleepUs(3 * 1000000ULL);
   CFtpMaintainMng* maintain = CFtpMaintainMng::Instance();

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "maintain/ftp_maintain_mng.h"
 #include "platform/config.h"
@@ -17,6 +18,7 @@
 #include "platform/log.h"
 #include "platform/paths.h"
 #include "platform/text.h"
+#include "platform/xml_file.h"
 #include "rules/date_text.h"
 #include "rules/shell_words.h"
 
@@ -26,10 +28,10 @@ const char* ScopeText(const char* scope) { return scope != nullptr ? scope : "(n
 
 // The root element of the XML file at path, or null (logged) when it has none.
 const TiXmlElement* LoadRoot(TiXmlDocument* doc, const char* path) {
-  doc->LoadFile(path, TIXML_ENCODING_UNKNOWN);
-  const TiXmlElement* root = doc->RootElement();
-  if (root == nullptr) WriteDbgLog(0, "LoadFile %s Failed\n", path);
-  return root;
+  std::string why;
+  if (LoadXmlFile(path, doc, &why)) return doc->RootElement();
+  WriteDbgLog(0, "LoadFile %s Failed: %s\n", path, why.c_str());
+  return nullptr;
 }
 
 char* HeapCopy(const char* text) {
@@ -299,20 +301,21 @@ bool CheckConfigArchive(const uint8_t* data, size_t len, std::string* why) {
 }
 
 int CFtpMaintainMng::HandleRemoteCmd(const char* path) {
-  int len = 0;
-  char* text = filetobufwithoutbuf(path, &len);
-  if (text == nullptr) return 0;
-  if (strstr(text, "<LOGCMD>") != nullptr) {
+  std::string text, why;
+  if (!ReadRegularFile(path, kXmlMaxBytes, &text, &why)) {
+    WriteDbgLog(2, "remote command file %s refused: %s\n", path, why.c_str());
+    return 0;
+  }
+  if (text.find("<LOGCMD>") != std::string::npos) {
     WriteDbgLog(0, "%s, %d\n", "HandleRemoteCmd", __LINE__);
     HandleLogCmd(path);
-  } else if (strstr(text, "<UsrDefineCmd>") != nullptr) {
+  } else if (text.find("<UsrDefineCmd>") != std::string::npos) {
     WriteDbgLog(0, "%s, %d\n", "HandleRemoteCmd", __LINE__);
     HandleUsrDefineCmd(path);
-  } else if (strstr(text, "<FileDownloadCmd>") != nullptr) {
+  } else if (text.find("<FileDownloadCmd>") != std::string::npos) {
     WriteDbgLog(0, "%s, %d\n", "HandleRemoteCmd", __LINE__);
     HandleFileDownloadCmd(path);
   }
-  free(text);
   return 0;
 }
 

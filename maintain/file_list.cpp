@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string>
 
 #include "maintain/ftp_maintain_mng.h"
 #include "platform/byteorder.h"
@@ -16,6 +17,7 @@
 #include "platform/paths.h"
 #include "platform/status.h"
 #include "platform/text.h"
+#include "platform/xml_file.h"
 #include "rules/date_text.h"
 #include "rules/scope.h"
 #include "rules/shell_words.h"
@@ -60,12 +62,12 @@ int CFtpMaintainMng::GetFileList(const UpgradeSet_t* account, const char* dir) {
 
 int CFtpMaintainMng::ParseFileList(const char* path, FtpFileList_t* list) {
   TiXmlDocument doc;
-  doc.LoadFile(path, TIXML_ENCODING_UNKNOWN);
-  const TiXmlElement* root = doc.RootElement();
-  if (root == nullptr) {
-    WriteDbgLog(0, "LoadFile %s Failed\n", path);
+  std::string why;
+  if (!LoadXmlFile(path, &doc, &why)) {
+    WriteDbgLog(0, "LoadFile %s Failed: %s\n", path, why.c_str());
     return -1;
   }
+  const TiXmlElement* root = doc.RootElement();
   int before = list->count;
   for (const TiXmlElement* e = root->FirstChildElement(); e != nullptr;
        e = e->NextSiblingElement()) {

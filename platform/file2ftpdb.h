@@ -71,7 +71,8 @@ class CFile2FtpDbMng {
 
  private:
   int Rewrite(const std::pair<int, unsigned char>* key, std::list<__ftp_log>& rows);
-  void DropTable();
+  // Closes the table after a failure with SQLite error code (see the host implementation).
+  void DropTable(int code);
 
   struct Impl;
   Impl* m_pImpl;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 
 // Exactly 1 when path names an existing regular file, 0 otherwise.
 int file_exist(const char* path);
@@ -9,7 +10,11 @@ int file_exist(const char* path);
 int fileisexist(const char* path);
 // Size of the file in bytes (capped at INT32_MAX), -1 when it cannot be examined.
 int getfilesize(const char* path);
-// Reads a whole file (at most 16 MiB) into a new NUL-terminated heap buffer that the caller
+// Reads the regular file at path, of at most maxBytes, into *out. False, with *why saying what
+// was wrong, for anything else (missing, a directory, a FIFO or device: never waits for a
+// writer, larger than maxBytes, unreadable).
+bool ReadRegularFile(const char* path, size_t maxBytes, std::string* out, std::string* why);
+// Reads a whole regular file (at most 16 MiB) into a new NUL-terminated heap buffer that the caller
 // releases with free(); stores the length in *len. Null on failure or for a larger file.
 char* filetobufwithoutbuf(const char* path, int* len);
 // Non-zero when part occurs in text; 0 otherwise or when either is null.

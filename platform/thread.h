@@ -21,7 +21,24 @@ class CAPABILITY("mutex") CLock {
   void AssertHeld() const ASSERT_CAPABILITY(this) {}
 
  private:
+  friend class CCondition;
   pthread_mutex_t m_mutex;
+};
+
+// A condition variable waited on under a CLock.
+class CCondition {
+ public:
+  CCondition();
+  ~CCondition();
+  CCondition(const CCondition&) = delete;
+  CCondition& operator=(const CCondition&) = delete;
+  // Releases *lock until Signal (or a spurious wake-up), then holds it again.
+  void Wait(CLock* lock) REQUIRES(lock);
+  // Wakes one waiter, if any.
+  void Signal();
+
+ private:
+  pthread_cond_t m_cond;
 };
 
 // Holds *lock for the life of the scope.

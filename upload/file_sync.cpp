@@ -25,6 +25,10 @@ constexpr uint64_t kRepeatPauseUs = 200000;
 constexpr uint64_t kLoginFailPauseUs = 10000000;
 constexpr uint64_t kFailPauseUs = 1000000;
 constexpr uint64_t kPassPauseUs = 3000000;
+// How long the size of a partial server copy must hold still before it is appended to, and
+// how long a pass waits at most for that.
+constexpr uint64_t kHoldStillUs = 2000000;
+constexpr int kMaxHoldStillChecks = 60;
 
 std::atomic<bool> g_niceRefusalLogged{false};
 
@@ -62,6 +66,33 @@ void* SyncThreadEntry(void* arg) {
 
 bool Runnable(const TaskControl_t& c) { return c.valid == 1 && c.result == 0; }
 bool Sending(const TaskControl_t& c) { return c.valid == 1 && c.trans == 1; }
+
+// What a pass does with the copy the server holds. Equal sizes are complete, and so is a
+// recording up to kRecordingTolerance bytes short once it has been sent (its length may differ
+// slightly between generations). A shorter copy is continued. A longer copy cannot be an
+// earlier part of the file (two writers fed it, or the file was replaced): it is stored anew
+// rather than counted complete.
+enum class ServerCopy { kComplete, kAppend, kStoreAnew };
+
+ServerCopy JudgeServerCopy(int type, int64_t serverSize, int64_t localSize, bool sentBefore) {
+  if (serverSize > localSize) return ServerCopy::kStoreAnew;
+  if (serverSize == localSize) return ServerCopy::kComplete;
+  if (type == 1 && sentBefore && localSize <= serverSize + kRecordingTolerance) {
+    return ServerCopy::kComplete;
+  }
+  return ServerCopy::kAppend;
+}
+
+// The listed entry of the client's last listing named name, or nullptr.
+const FtpDirEntry_t* FindListed(CFtpClient* client, const char* name) {
+  const FtpClientData_t* data = client->FtpGetClientData();
+  for (int i = 0; data != nullptr && i < data->entryCount && i < kFtpListCapacity; ++i) {
+    if (strncmp(data->entries[i].name, name, sizeof(data->entries[i].name)) == 0) {
+      return &data->entries[i];
+    }
+  }
+  return nullptr;
+}
 
 }  // namespace
 
@@ -139,46 +170,78 @@ void CFtpUploadFileMng::RunPass(ftpFileInfo_t* previous) {
   }
   int listed = client->FtpGetServerDirFile();
   if (listed < 0) {
-    if (listed == -2) StoreControlByte(&m_stTask.result, 1);
+    // Logged in but no listing (a refused or malformed passive reply, a lost data
+    // connection): a failed connection like any other, so that the task is given up in time.
+    CountConnFail();
   } else {
-    const FtpClientData_t* data = client->FtpGetClientData();
-    const FtpDirEntry_t* match = nullptr;
-    for (int i = 0; data != nullptr && i < data->entryCount && i < kFtpListCapacity; ++i) {
-      if (!Sending(LoadTaskControl(&m_stTask))) continue;
-      if (strncmp(data->entries[i].name, task.fileName, sizeof(data->entries[i].name)) == 0) {
-        match = &data->entries[i];
-        break;
-      }
-      WriteDbgLog(0, "\n\n%s:%d exist!\n\n", task.fileName, i);
-    }
+    const FtpDirEntry_t* match = FindListed(client, task.fileName);
     if (match == nullptr) {
       SendFile2FtpServer(task.fullName, 0, 0);
       CountSend();
     } else {
-      CXFile source(task.type, m_env);
-      if (source.Xexist(task.fullName) != 1) {
-        WriteDbgLog(0, "\n\n%s:%d file:%s not exist!\n\n", "FileSyncProcess", 373, task.fullName);
-        StoreControlByte(&m_stTask.result, 1);
-      } else {
-        int32_t serverSize = match->size;
-        int32_t localSize = source.XsizeByPath(task.fullName);
-        bool complete = serverSize >= localSize ||
-                        (task.type == 1 && SnapshotTask().sendTimes != 0 &&
-                         int64_t{localSize} <= int64_t{serverSize} + kRecordingTolerance);
-        WriteDbgLog(0, "seq:%d file:%s size[%d,%d] %s\n", static_cast<int>(task.seq), task.fullName,
-                    serverSize, localSize, complete ? "finish!" : "...");
-        if (complete) {
-          StoreControlByte(&m_stTask.result, 1);
-        } else {
-          SendFile2FtpServer(task.fullName, 1, serverSize);
-          CountSend();
-        }
-      }
+      ResumeFrom(task, match->size);
     }
   }
   m_nBusy = 0;
   client->FtpClose();
   m_env->SleepUs(kPassPauseUs);
+}
+
+void CFtpUploadFileMng::ResumeFrom(const ftpFileInfo_t& task, int32_t serverSize) {
+  CXFile source(task.type, m_env);
+  if (source.Xexist(task.fullName) != 1) {
+    WriteDbgLog(0, "\n\n%s:%d file:%s not exist!\n\n", "FileSyncProcess", 373, task.fullName);
+    StoreControlByte(&m_stTask.result, 1);
+    return;
+  }
+  int32_t localSize = source.XsizeByPath(task.fullName);
+  bool sentBefore = SnapshotTask().sendTimes != 0;
+  ServerCopy copy = JudgeServerCopy(task.type, serverSize, localSize, sentBefore);
+  if (copy == ServerCopy::kAppend) {
+    if (!SizeHoldsStill(task, &serverSize)) {
+      CountConnFail();
+      return;
+    }
+    copy = JudgeServerCopy(task.type, serverSize, localSize, sentBefore);
+  }
+  WriteDbgLog(0, "seq:%d file:%s size[%d,%d] %s\n", static_cast<int>(task.seq), task.fullName,
+              serverSize, localSize,
+              copy == ServerCopy::kComplete    ? "finish!"
+              : copy == ServerCopy::kStoreAnew ? "larger than the file: stored anew"
+                                               : "...");
+  if (copy == ServerCopy::kComplete) {
+    StoreControlByte(&m_stTask.result, 1);
+    return;
+  }
+  bool append = copy == ServerCopy::kAppend;
+  SendFile2FtpServer(task.fullName, append ? 1 : 0, append ? serverSize : 0);
+  CountSend();
+}
+
+// A connection that has not ended yet (of an earlier pass, or of a process that died and
+// whose data is still queued on the way or at the server) may still be feeding the server's
+// copy; appending behind it would put two writers in one file. The directory is listed again
+// every kHoldStillUs until the size stops changing; *size is then the size to append to.
+bool CFtpUploadFileMng::SizeHoldsStill(const ftpFileInfo_t& task, int32_t* size) {
+  for (int check = 0; check < kMaxHoldStillChecks; ++check) {
+    m_env->SleepUs(kHoldStillUs);
+    if (!Sending(LoadTaskControl(&m_stTask))) return false;
+    if (m_pFtpClient->FtpGetServerDirFile() < 0) return false;
+    const FtpDirEntry_t* again = FindListed(m_pFtpClient, task.fileName);
+    int32_t now = again != nullptr ? again->size : -1;
+    if (now == *size) return true;
+    if (check == 0) {
+      WriteDbgLog(2,
+                  "seq:%d file:%s: the server's copy is still growing (%d, then %d bytes); "
+                  "waiting for it to end\n",
+                  static_cast<int>(task.seq), task.fileName, *size, now);
+    }
+    if (now < 0) return false;
+    *size = now;
+  }
+  WriteDbgLog(2, "seq:%d file:%s: the server's copy did not stop growing\n",
+              static_cast<int>(task.seq), task.fileName);
+  return false;
 }
 
 void CFtpUploadFileMng::SendFile2FtpServer(const char* path, int mode, int offset) {

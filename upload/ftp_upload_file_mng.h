@@ -64,6 +64,12 @@ class CFtpUploadFileMng {
   void RunPass(ftpFileInfo_t* previous);
   // Sends path from offset (mode 0 anew, 1 append) while the task stays runnable.
   void SendFile2FtpServer(const char* path, int mode, int offset);
+  // The server holds serverSize bytes of the task's file: counts it complete, appends to it
+  // once its size holds still, or stores the file anew when the copy is larger.
+  void ResumeFrom(const ftpFileInfo_t& task, int32_t serverSize);
+  // Lists the directory again after pauses until the file's size (in and out: *size) stops
+  // changing: true then; false when it would not, or the pass is to end.
+  bool SizeHoldsStill(const ftpFileInfo_t& task, int32_t* size);
 
   // Constant after construction (and SetTaskControl).
   Env* const m_env;

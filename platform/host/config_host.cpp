@@ -13,13 +13,15 @@
 #include "platform/log.h"
 #include "platform/paths.h"
 #include "platform/text.h"
+#include "platform/xml_file.h"
 
 namespace {
 
 // Loads the root element of a configuration file; null (with a log line) when unusable.
 const TiXmlElement* LoadRoot(TiXmlDocument* doc, const std::string& path, const char* rootName) {
-  if (!doc->LoadFile(path.c_str(), TIXML_ENCODING_UNKNOWN)) {
-    WriteDbgLog(2, "config %s unusable: %s\n", path.c_str(), doc->ErrorDesc());
+  std::string why;
+  if (!LoadXmlFile(path.c_str(), doc, &why)) {
+    WriteDbgLog(2, "config %s unusable: %s\n", path.c_str(), why.c_str());
     return nullptr;
   }
   const TiXmlElement* root = doc->RootElement();

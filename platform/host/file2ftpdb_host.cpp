@@ -9,9 +9,12 @@
 // WAL's shared-memory file is a liability and a read-only WAL database cannot be read at all;
 // the queue sees a few inserts per minute, so WAL's write savings do not matter here.
 #include <sqlite3.h>
+#include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <functional>
 #include <string>
 
@@ -47,13 +50,42 @@ void LogDbError(sqlite3* db, const char* what, const std::string& path) {
               db != nullptr ? sqlite3_errmsg(db) : "cannot allocate");
 }
 
+// True for the errors that say the file itself is no usable database (as opposed to a
+// medium that fails or a database that is busy).
+bool NotADatabase(int code) { return code == SQLITE_CORRUPT || code == SQLITE_NOTADB; }
+
+// Moves a database file that is no database (and its journal, which would otherwise be
+// rolled into the fresh one) aside as path.corrupt-<seconds>, so that a new one can be made
+// and the old one examined. True when the path is free afterwards.
+bool SetAside(const std::string& path) {
+  std::string aside = path + ".corrupt-" + std::to_string(static_cast<long long>(time(nullptr)));
+  if (rename(path.c_str(), aside.c_str()) != 0) {
+    WriteDbgLog(2, "new_file_op db %s is corrupt and cannot be moved aside: %s\n", path.c_str(),
+                strerror(errno));
+    return false;
+  }
+  rename((path + "-journal").c_str(), (aside + "-journal").c_str());
+  WriteDbgLog(2, "new_file_op db %s is corrupt: moved aside as %s, a new one is made\n",
+              path.c_str(), aside.c_str());
+  return true;
+}
+
+// Identity of the file at path (0 when there is none), to notice a file deleted or replaced
+// under an open handle.
+ino_t InodeOf(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
+}
+
 // Opens an existing database file (create: or makes it) with the durable settings and the
-// schema in place. Null on failure, with one log line.
-sqlite3* OpenDb(const std::string& path, bool create) {
+// schema in place. Null on failure, with one log line and the SQLite error code in *code.
+sqlite3* OpenDb(const std::string& path, bool create, int* code = nullptr) {
   sqlite3* db = nullptr;
   int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | (create ? SQLITE_OPEN_CREATE : 0);
+  if (code != nullptr) *code = SQLITE_OK;
   if (sqlite3_open_v2(path.c_str(), &db, flags, nullptr) != SQLITE_OK) {
     LogDbError(db, "open", path);
+    if (code != nullptr) *code = db != nullptr ? sqlite3_errcode(db) : SQLITE_NOMEM;
     sqlite3_close(db);
     return nullptr;
   }
@@ -67,6 +99,7 @@ sqlite3* OpenDb(const std::string& path, bool create) {
   sqlite3_finalize(st);
   if (version < 0) {
     LogDbError(db, "read", path);  // not a database, or unreadable
+    if (code != nullptr) *code = sqlite3_errcode(db);
     sqlite3_close(db);
     return nullptr;
   }
@@ -175,11 +208,38 @@ struct CFile2FtpDbMng::Impl {
   CLock mutex;
   sqlite3* db GUARDED_BY(mutex) = nullptr;
   std::string path GUARDED_BY(mutex);  // file of the open table
+  ino_t inode GUARDED_BY(mutex) = 0;   // its identity when it was opened
 
   void Close() REQUIRES(mutex) {
     if (db != nullptr) sqlite3_close(db);
     db = nullptr;
     path.clear();
+    inode = 0;
+  }
+
+  // Opens (making it when needed) the database at path as the table; a file that is no
+  // database is set aside and replaced by a new one. False when none could be opened.
+  bool Open(const std::string& at) REQUIRES(mutex) {
+    Close();
+    int code;
+    sqlite3* opened = OpenDb(at, true, &code);
+    if (opened == nullptr && NotADatabase(code) && SetAside(at)) opened = OpenDb(at, true);
+    if (opened == nullptr) return false;
+    db = opened;
+    path = at;
+    inode = InodeOf(at);
+    return true;
+  }
+
+  // A write to a handle whose file was deleted or replaced would vanish with the unlinked
+  // file: the table is opened anew at its path first. False when that fails.
+  bool EnsureFileIsOurs() REQUIRES(mutex) {
+    if (db == nullptr) return false;
+    ino_t now = InodeOf(path);
+    if (now != 0 && now == inode) return true;
+    WriteDbgLog(2, "new_file_op db %s %s under the service: opened anew\n", path.c_str(),
+                now == 0 ? "was deleted" : "was replaced");
+    return Open(std::string(path));
   }
 };
 
@@ -206,11 +266,7 @@ int CFile2FtpDbMng::OpenTable(const char* mountDir) {
     WriteDbgLog(2, "new_file_op db: no mount directory to open\n");
     return -1;
   }
-  std::string path = DbPath(mountDir);
-  sqlite3* db = OpenDb(path, true);
-  if (db == nullptr) return -1;
-  m_pImpl->db = db;
-  m_pImpl->path = path;
+  if (!m_pImpl->Open(DbPath(mountDir))) return -1;
   m_bTabOpen = 1;
   return 0;
 }
@@ -232,14 +288,17 @@ int CFile2FtpDbMng::ReplaceBySeqAndType(int seq, unsigned char type, std::list<_
 // power loss leaves either the old rows or the new ones, never neither.
 int CFile2FtpDbMng::Rewrite(const std::pair<int, unsigned char>* key, std::list<__ftp_log>& rows) {
   CAutoLock guard(&m_pImpl->mutex);
+  if (!m_pImpl->EnsureFileIsOurs()) {
+    DropTable(SQLITE_OK);
+    return -1;
+  }
   sqlite3* db = m_pImpl->db;
-  if (db == nullptr) return -1;
   const std::string path = m_pImpl->path;  // a copy: DropTable clears the original
   std::string sql =
       std::string("INSERT INTO ftp_log (") + kColumns + ") VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
   if (sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK) {
     LogDbError(db, "begin", path);
-    if (MediumFailed(db)) DropTable();
+    if (MediumFailed(db)) DropTable(sqlite3_errcode(db));
     return -1;
   }
   bool ok = key == nullptr || Exec(
@@ -260,17 +319,20 @@ int CFile2FtpDbMng::Rewrite(const std::pair<int, unsigned char>* key, std::list<
   }
   if (!ok) {
     bool broken = MediumFailed(db);
+    int code = sqlite3_errcode(db);
     sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
-    if (broken) DropTable();
+    if (broken) DropTable(code);
     return -1;
   }
   return 0;
 }
 
-// Closes a table whose medium failed, so that the next user reopens it. Called with the
-// mutex held.
-void CFile2FtpDbMng::DropTable() {
+// Closes a table whose medium failed, so that the next user reopens it; a file found to be no
+// database is set aside first, so that the reopening makes a new one. Called with the mutex
+// held.
+void CFile2FtpDbMng::DropTable(int code) {
   m_pImpl->mutex.AssertHeld();
+  if (m_pImpl->db != nullptr && NotADatabase(code)) SetAside(m_pImpl->path);
   m_pImpl->Close();
   m_bTabOpen = 0;
 }
@@ -287,7 +349,7 @@ int CFile2FtpDbMng::SearchAll(std::list<__ftp_log>& rows) {
         rows.push_back(row);
       },
       m_pImpl->path);
-  if (!ok && MediumFailed(m_pImpl->db)) DropTable();
+  if (!ok && MediumFailed(m_pImpl->db)) DropTable(sqlite3_errcode(m_pImpl->db));
   return ok ? 0 : -1;
 }
 

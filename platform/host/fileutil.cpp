@@ -22,7 +22,7 @@
 
 namespace {
 
-constexpr off_t kWholeFileMax = 16 * 1024 * 1024;
+constexpr size_t kWholeFileMax = 16 * 1024 * 1024;
 
 int64_t MonotonicMs() {
   timespec ts;
@@ -179,28 +179,50 @@ int getfilesize(const char* path) {
   return st.st_size > INT_MAX ? INT_MAX : static_cast<int>(st.st_size);
 }
 
-char* filetobufwithoutbuf(const char* path, int* len) {
-  if (path == nullptr) return nullptr;
-  int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return nullptr;
+bool ReadRegularFile(const char* path, size_t maxBytes, std::string* out, std::string* why) {
+  out->clear();
+  if (path == nullptr) {
+    *why = "no path";
+    return false;
+  }
+  // O_NONBLOCK: opening a FIFO must not wait for a writer.
+  int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) {
+    *why = strerror(errno);
+    return false;
+  }
   struct stat st;
-  char* buf = nullptr;
-  if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size <= kWholeFileMax) {
-    size_t size = static_cast<size_t>(st.st_size);
-    buf = static_cast<char*>(malloc(size + 1));
+  bool ok = false;
+  if (fstat(fd, &st) != 0) {
+    *why = strerror(errno);
+  } else if (!S_ISREG(st.st_mode)) {
+    *why = "not a regular file";
+  } else if (static_cast<uint64_t>(st.st_size) > maxBytes) {
+    *why = "larger than " + std::to_string(maxBytes) + " bytes";
+  } else {
+    out->resize(static_cast<size_t>(st.st_size));
     size_t got = 0;
-    while (buf != nullptr && got < size) {
-      ssize_t n = read(fd, buf + got, size - got);
+    while (got < out->size()) {
+      ssize_t n = read(fd, &(*out)[got], out->size() - got);
       if (n < 0 && errno == EINTR) continue;
       if (n <= 0) break;
       got += static_cast<size_t>(n);
     }
-    if (buf != nullptr) {
-      buf[got] = '\0';
-      if (len != nullptr) *len = static_cast<int>(got);
-    }
+    out->resize(got);  // a file that shrank meanwhile is read as far as it goes
+    ok = true;
   }
   close(fd);
+  return ok;
+}
+
+char* filetobufwithoutbuf(const char* path, int* len) {
+  std::string text, why;
+  if (!ReadRegularFile(path, kWholeFileMax, &text, &why)) return nullptr;
+  char* buf = static_cast<char*>(malloc(text.size() + 1));
+  if (buf == nullptr) return nullptr;
+  memcpy(buf, text.data(), text.size());
+  buf[text.size()] = '\0';
+  if (len != nullptr) *len = static_cast<int>(text.size());
   return buf;
 }
 

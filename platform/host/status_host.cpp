@@ -20,6 +20,7 @@
 #include "platform/status.h"
 #include "platform/text.h"
 #include "platform/thread.h"
+#include "platform/xml_file.h"
 
 namespace {
 
@@ -83,10 +84,7 @@ std::vector<int> ParseUsages(const char* text) {
 // Parses the profile document. False with *why on a document that is not a profile.
 bool ParseProfile(const std::string& path, Profile* out, std::string* why) {
   TiXmlDocument doc;
-  if (!doc.LoadFile(path.c_str(), TIXML_ENCODING_UNKNOWN)) {
-    *why = doc.ErrorDesc();
-    return false;
-  }
+  if (!LoadXmlFile(path.c_str(), &doc, why)) return false;
   const TiXmlElement* root = doc.RootElement();
   if (root == nullptr || strcmp(root->Value(), "recorder") != 0) {
     *why = "root element is not <recorder>";

@@ -9,6 +9,11 @@ CLock::~CLock() { pthread_mutex_destroy(&m_mutex); }
 void CLock::Lock() { pthread_mutex_lock(&m_mutex); }
 void CLock::Unlock() { pthread_mutex_unlock(&m_mutex); }
 
+CCondition::CCondition() { pthread_cond_init(&m_cond, nullptr); }
+CCondition::~CCondition() { pthread_cond_destroy(&m_cond); }
+void CCondition::Wait(CLock* lock) { pthread_cond_wait(&m_cond, &lock->m_mutex); }
+void CCondition::Signal() { pthread_cond_signal(&m_cond); }
+
 namespace {
 
 void NameThread(pthread_t tid, const char* name) {

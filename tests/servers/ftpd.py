@@ -3,19 +3,23 @@
 Serves --root for user/secret on 127.0.0.1, on a free port (or --port) that it prints as the
 first line of standard output. Ends by itself after --lifetime seconds in case the test that
 started it does not stop it. --no-mlsd hides MLST/MLSD so that the client has to use LIST.
---throttle limits uploads to that many bytes a second. --events FILE appends a line per upload
-command ("STOR path" / "APPE path") and per finished upload ("closed path size"), so that a
-test can wait for a transfer to end instead of for a quiet period.
+--throttle N reads uploads at about N bytes a second, to the end of the data even after the
+client is gone, as a server behind a slow link does (each connection has a thread of its own).
+--events FILE appends a line per upload command ("STOR path" / "APPE path") and per finished
+upload ("closed path size"), so that a test can wait for a transfer to end instead of for a
+quiet period.
 """
 import argparse
 import logging
 import os
+import socket
 import sys
 import threading
+import time
 
 from pyftpdlib.authorizers import DummyAuthorizer
-from pyftpdlib.handlers import FTPHandler, ThrottledDTPHandler
-from pyftpdlib.servers import FTPServer
+from pyftpdlib.handlers import DTPHandler, FTPHandler
+from pyftpdlib.servers import FTPServer, ThreadedFTPServer
 
 
 def main():
@@ -54,15 +58,34 @@ def main():
 
         on_incomplete_file_received = on_file_received
 
+        def close(self):
+            # A client that vanished mid-upload leaves its data connection to be read to
+            # its end, as a server that sees the control connection drop first may do.
+            if args.throttle > 0 and self.data_channel is not None and self.data_channel.receive:
+                self.data_channel = None
+            FTPHandler.close(self)
+
     if args.throttle > 0:
-        class Throttled(ThrottledDTPHandler):
-            read_limit = args.throttle
-        Handler.dtp_handler = Throttled
+        class SlowReader(DTPHandler):
+            ac_in_buffer_size = 16384
+
+            def __init__(self, sock, cmd_channel):
+                # Megabytes in flight, as on a link with a large bandwidth-delay product.
+                sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 20)
+                DTPHandler.__init__(self, sock, cmd_channel)
+
+            def handle_read(self):
+                DTPHandler.handle_read(self)
+                time.sleep(self.ac_in_buffer_size / args.throttle)  # this connection only
+
+            handle_read_event = handle_read
+        Handler.dtp_handler = SlowReader
     Handler.authorizer = authorizer
     Handler.passive_ports = None
     Handler.auth_failed_timeout = 0.1
-    FTPServer.allow_reuse_address = True
-    server = FTPServer(("127.0.0.1", args.port), Handler)
+    FTPServer.allow_reuse_address = ThreadedFTPServer.allow_reuse_address = True
+    server = (ThreadedFTPServer if args.throttle > 0 else FTPServer)(("127.0.0.1", args.port),
+                                                                   Handler)
     print(server.address[1], flush=True)
 
     timer = threading.Timer(args.lifetime, lambda: os._exit(3))

@@ -78,6 +78,7 @@ void FtpSession::CloseData() {
   m_dataConn.reset();
   m_data.dataFd = -1;
   m_transferOpen = false;
+  m_sendFailed = false;
   m_writeIdleMs = -1;
 }
 
@@ -412,16 +413,22 @@ int FtpSession::WriteData(int fd, const char* buf, int len, int timeout) {
   }
   if (m_dataConn->Send(buf, static_cast<size_t>(len), idleMs, &err) != 0) {
     Log(2, "data write: %s", err.c_str());
+    m_sendFailed = true;
     return -1;
   }
   return len;
 }
 
 // Returns -1 when a transfer was open and the server did not confirm it with a 2xx reply;
-// the session is closed in every case.
+// the session is closed in every case. A transfer whose writes went through ends in an
+// orderly way (everything sent is delivered); one whose write failed is reset, so that its
+// queued bytes cannot reach the file after a later pass has listed its size.
 int FtpSession::Close() {
   int rc = 0;
   bool waitReply = m_transferOpen;
+  if (m_transferOpen && !m_sendFailed && !m_dataConn->EndBulkSend()) {
+    Log(2, "transfer of %s reset: cannot end it in order", m_name.c_str());
+  }
   CloseData();  // end of file for the server
   std::string err;
   FtpReply reply;

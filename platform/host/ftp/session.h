@@ -57,6 +57,7 @@ class FtpSession {
   FtpControl m_ctrl;
   std::unique_ptr<FtpConn> m_dataConn;
   bool m_transferOpen = false;  // a STOR/APPE waits for its transfer reply
+  bool m_sendFailed = false;    // a write on m_dataConn failed: its close must be abortive
   int m_writeIdleMs = -1;       // send time-out set on m_dataConn; -1: not yet
   int m_mlsd = -1;              // -1 not asked yet, 0 no, 1 the server offers MLSD
   bool m_epsvRefused = false;

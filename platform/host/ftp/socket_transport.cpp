@@ -81,9 +81,12 @@ class SocketConn : public FtpConn {
     if (flags < 0 || fcntl(m_fd, F_SETFL, flags & ~O_NONBLOCK) != 0) return false;
     timeval tv{idleMs / 1000, (idleMs % 1000) * 1000};
     if (setsockopt(m_fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv)) != 0) return false;
+    if (!SetLinger(true)) return false;
     m_bulkIdleMs = idleMs;
     return true;
   }
+
+  bool EndBulkSend() override { return SetLinger(false); }
 
   ssize_t Recv(char* buf, size_t cap, int timeoutMs, std::string* err) override {
     int64_t deadline = NowMs() + (timeoutMs > 0 ? timeoutMs : 0);
@@ -104,6 +107,13 @@ class SocketConn : public FtpConn {
   }
 
  private:
+  // A zero linger time makes close() send a reset and discard the queued bytes; without it,
+  // the kernel delivers them after close(), even after the process has died.
+  bool SetLinger(bool abortive) {
+    linger l{abortive ? 1 : 0, 0};
+    return setsockopt(m_fd, SOL_SOCKET, SO_LINGER, &l, sizeof(l)) == 0;
+  }
+
   int SendPolled(const char* data, size_t len, int idleMs, std::string* err) {
     while (len > 0) {
       ssize_t n = send(m_fd, data, len, MSG_NOSIGNAL | MSG_DONTWAIT);

@@ -32,8 +32,15 @@ class FtpConn {
 
   // Prepares the connection for bulk sends: from now on each Send fails after idleMs without
   // progress, whatever its own idleMs (the host then spends one system call per block).
+  // It also arms an abortive close: until EndBulkSend, closing the connection, also by the
+  // death of the process, resets it and drops the bytes not yet delivered, so that a sender
+  // that died never goes on feeding a file behind the one that took its place.
   // False when the transport cannot.
   virtual bool SetBulkSend(int idleMs) = 0;
+
+  // The sender has handed over its last byte: from now on a close delivers everything sent
+  // and then ends the stream. False when the transport cannot.
+  virtual bool EndBulkSend() { return true; }
 
   // Receives up to cap bytes, waiting at most timeoutMs (0: only what has arrived). Returns
   // the count, 0 at the end of the stream, -1 on error or time-out.
