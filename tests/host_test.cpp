@@ -1,9 +1,11 @@
 // The service core (task records, request dispatch, the main loop) and the host platform
 // (commands, files, the debug log, the task database, the status service, the event bus).
 #include <fcntl.h>
+#include <glob.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -27,6 +29,7 @@
 #include "platform/host/atomic_file.h"
 #include "platform/log.h"
 #include "platform/status.h"
+#include "platform/xml_file.h"
 #include "tests/fakes/fakes.h"
 #include "upload/ftp_records.h"
 
@@ -306,6 +309,39 @@ TEST(FileUtilTest, ExistenceSizeWholeFilesDirectoriesAtomicReplacementAndTheLog)
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 6);
 }
 
+// Documents from outside are parsed only when they are regular files of bounded size and
+// nesting; nesting is counted as a parser sees it (quoted values, comments and CDATA hide no
+// tags). Nothing blocks on a FIFO.
+TEST(XmlFileTest, OnlyBoundedRegularDocumentsAreParsed) {
+  TempRoot root;
+  std::string open32, close32, hidden;
+  for (int i = 0; i < 32; ++i) open32 += "<a>", close32 += "</a>", hidden += "<a x='/>'>";
+  const std::string kept = "<r><!-- <a><a> --><![CDATA[<a><a>]]><a/><b x=\"a>b\">t</b></r>";
+  const std::pair<std::string, std::string> cases[] = {
+      {kept, "ok"},
+      {open32 + close32, "ok"},
+      {"<r>" + open32 + close32 + "</r>", "elements nested more than 32 deep"},
+      {hidden + "<a x='/>'>", "elements nested more than 32 deep"},
+      {"<r>" + std::string(kXmlMaxBytes, 'x') + "</r>", "larger than 1048576 bytes"},
+      {"", "not a regular file"},  // a directory
+      {"fifo", "not a regular file"},
+  };
+  for (const auto& [text, want] : cases) {
+    const std::string path = root.path() + "/doc" + std::to_string(&text - &cases[0].first);
+    if (text == "fifo") {
+      ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    } else if (text.empty()) {
+      ASSERT_EQ(MakeDirs(path.c_str()), 0);
+    } else {
+      root.Write(path.substr(root.path().size()), text);
+    }
+    TiXmlDocument doc;
+    std::string why;
+    bool ok = LoadXmlFile(path.c_str(), &doc, &why);
+    EXPECT_EQ(ok ? "ok" : why, want) << text;
+  }
+}
+
 struct TaskDb : CFile2FtpDbMng {};
 
 // The rows of db in order, as "<seq><type><fullpath> ".
@@ -315,7 +351,7 @@ std::string Rows(CFile2FtpDbMng* db, std::list<__ftp_log>* rows) {
   return s;
 }
 
-TEST(File2FtpDbTest, KeepsRowsInOrderDeletesExactlyAndRefusesForeignFilesUntouched) {
+TEST(File2FtpDbTest, KeepsRowsInOrderDeletesExactlyAndRecoversFromBadFiles) {
   TempRoot root;
   const UserDefServerSet_t s{2121, "host", "user", "pw", "/dir"};
   std::list<__ftp_log> rows = {{5, 1, "/a", "", "", 1, 0, 0, 1, s, {}}},
@@ -340,21 +376,34 @@ TEST(File2FtpDbTest, KeepsRowsInOrderDeletesExactlyAndRefusesForeignFilesUntouch
   EXPECT_EQ(Rows(&db, &(got = {})), "21/b 52/c 51/d ");
   EXPECT_EQ(db.DeleteBySeqAndType(5, 1), 0);
   EXPECT_EQ(Rows(&db, &(got = {})), "21/b 52/c ");
-  // A file that is no database, and one of a newer schema.
-  root.Write("/junk/new_file_op.db", std::string(2048, 'j'));
+  // A database of a newer schema is refused and left as it is.
   sqlite3* newer = nullptr;
   sqlite3_open(root.Make("/newer/new_file_op.db").c_str(), &newer);
   sqlite3_exec(newer, "CREATE TABLE ftp_log(x); PRAGMA user_version=99;", nullptr, nullptr,
                nullptr);
   sqlite3_close(newer);
-  for (const char* dir : {"/junk", "/newer"}) {
-    const std::string mount = root.path() + dir, before = ReadWholeFile(mount + "/new_file_op.db");
-    EXPECT_LT(db.OpenTable(mount.c_str()), 0) << dir;
-    EXPECT_EQ(db.m_bTabOpen, 0);
-    EXPECT_EQ(Rows(&db, &(got = {})), "error");  // the earlier table is closed
-    EXPECT_LT(db.SearchDelete(mount.c_str(), "/a"), 0);
-    EXPECT_EQ(ReadWholeFile(mount + "/new_file_op.db"), before) << dir;
-  }
+  const std::string mount = root.path() + "/newer",
+                    before = ReadWholeFile(mount + "/new_file_op.db");
+  EXPECT_LT(db.OpenTable(mount.c_str()), 0);
+  EXPECT_EQ(db.m_bTabOpen, 0);
+  EXPECT_EQ(Rows(&db, &(got = {})), "error");  // the earlier table is closed
+  EXPECT_LT(db.SearchDelete(mount.c_str(), "/a"), 0);
+  EXPECT_EQ(ReadWholeFile(mount + "/new_file_op.db"), before);
+  // A file that is no database is set aside for a new one; a database deleted under the open
+  // table is made anew at the next write. Rows written afterwards are on the medium.
+  const std::string junk = root.path() + "/junk", file = junk + "/new_file_op.db";
+  root.Write("/junk/new_file_op.db", std::string(2048, 'j'));
+  ASSERT_EQ(db.OpenTable(junk.c_str()), 0);
+  glob_t aside{};
+  ASSERT_EQ(glob((file + ".corrupt-*").c_str(), 0, nullptr, &aside), 0);
+  EXPECT_EQ(ReadWholeFile(aside.gl_pathv[0]), std::string(2048, 'j'));
+  globfree(&aside);
+  ASSERT_EQ(db.Insert(&rows.front()), 0);
+  ASSERT_EQ(unlink(file.c_str()), 0);
+  ASSERT_EQ(db.Insert(&rows.back()), 0);
+  TaskDb other;
+  ASSERT_EQ(other.OpenTable(junk.c_str()), 0);
+  EXPECT_EQ(Rows(&other, &(got = {})), "91/a ");
 }
 
 const char kProfile[] = R"(<recorder>

@@ -199,14 +199,18 @@ TEST_F(UploadControlTest, IntakeStoresQueuesAndLimits) {
   ASSERT_EQ(mng.InsertFileInfo(&slashes), 0);
   EXPECT_EQ(slashes.result, 0);
   EXPECT_STREQ(List().back().server.path, "/srv/in");  // one "/" less in the list
-  ASSERT_EQ(Rows(sd1).size(), 1u);
-  EXPECT_STREQ(Rows(sd1)[0].server.path, "//srv/in");  // as given in the database
+  // The task admitted without a disk was stored once the disk came.
+  ASSERT_EQ(Rows(sd1).size(), 2u);
+  EXPECT_STREQ(Rows(sd1)[0].fullpath, "/data/nodisk");
+  EXPECT_STREQ(Rows(sd1)[1].server.path, "//srv/in");  // as given in the database
   db.full = true;  // the limit is the list's; unstored tasks fill it faster
   for (int i = 2; i < 1000; ++i) ASSERT_EQ(Admit(11, "/data/n" + std::to_string(i)), 0) << i;
   db.full = false;
   EXPECT_EQ(Admit(11, "/data/extra"), -1);  // the 1000th was admitted, the 1001st is not
   EXPECT_EQ(Names().size(), 1000u);
-  EXPECT_EQ(Rows(sd1).size(), 1u);  // nor stored
+  EXPECT_EQ(Rows(sd1).size(), 2u);  // nor stored, until the next disk check
+  mng.CheckDiskState(105);
+  EXPECT_EQ(Rows(sd1).size(), 1000u);
 }
 
 // Transfer control over rows, list and engine (holding o, sending): "rows | list | engine".
@@ -360,8 +364,8 @@ TEST_F(UploadEngineTest, SendOrResumeFromTheServersSize) {
   struct Case { int local, sentBefore, missing; bool complete; } cases[] = {  // local: size or kAvi
       {0, 0, kNotListed, false}, {16383, 0, kNotListed, false}, {16384, 0, kNotListed, false},
       {16385, 0, kNotListed, false}, {49153, 0, kNotListed, false}, {5000, 0, 4000, false},
-      {5000, 1, 1, false}, {5000, 1, 0, true}, {5000, 0, -7, true}, {kAvi, 0, 100, false},
-      {kAvi, 1, 100, true}, {kAvi, 1, 101, false}, {kAvi, 0, 0, true}};
+      {5000, 1, 1, false}, {5000, 1, 0, true}, {5000, 0, -7, false}, {kAvi, 0, 100, false},
+      {kAvi, 1, 100, true}, {kAvi, 1, 101, false}, {kAvi, 0, 0, true}, {kAvi, 1, -1, false}};
   // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(::testing::Message() << c.local << " " << c.sentBefore << " " << c.missing);
@@ -377,13 +381,44 @@ TEST_F(UploadEngineTest, SendOrResumeFromTheServersSize) {
       ftp.listing.push_back(FakeFtpClient::Entry("remote.bin", onServer));
     Pass();
     const ftpFileInfo_t held = engine.SnapshotTask();
+    bool anew = c.missing == kNotListed || c.missing < 0;  // a larger copy is stored anew
     EXPECT_EQ(ftp.dir + "/" + ftp.name, "in/remote.bin");
-    EXPECT_EQ(ftp.written, c.complete ? "" : source.substr(static_cast<size_t>(onServer)));
-    EXPECT_EQ(ftp.modes, c.complete ? Ints{} : Ints{c.missing == kNotListed ? 0 : 1});
+    EXPECT_EQ(ftp.written,
+              c.complete ? "" : source.substr(anew ? 0 : static_cast<size_t>(onServer)));
+    EXPECT_EQ(ftp.modes, c.complete ? Ints{} : Ints{anew ? 0 : 1});
     // Result, tries, transfer state, busy flag.
     EXPECT_EQ((Ints{held.result, held.sendTimes, engine.m_nTransState, engine.m_nBusy}),
               (Ints{c.complete, c.sentBefore + !c.complete, c.complete ? 0 : 2, 0}));
   }
+}
+
+// A partial copy is appended to only once its size holds still over two listings 2 s apart
+// (a dead sender's data may still be arriving), and is judged again on the size it settled at.
+// A copy that never stops growing is a failed pass.
+TEST_F(UploadEngineTest, AppendsOnlyToACopyThatHoldsStill) {
+  const std::string source = Bytes(5000);
+  // clang-format off
+  struct Case { std::vector<int32_t> sizes; int mode; int32_t from; uint8_t result, fails; } cases[] = {
+      {{1000}, 1, 1000, 0, 0}, {{1000, 3000, 4000}, 1, 4000, 0, 0},
+      {{1000, 6000}, 0, 0, 0, 0}, {{1000, 5000}, -1, 0, 1, 0}, {{}, -1, 0, 0, 1}};
+  // clang-format on
+  for (const Case& c : cases) {
+    SCOPED_TRACE(&c - cases);
+    ftp.modes.clear(), ftp.written.clear(), ftp.lists = 0;
+    ftp.onList = [&](int n) {  // listing n shows sizes[n - 1], the last one from then on
+      int32_t size = c.sizes.empty() ? 1000 * n : c.sizes[std::min<size_t>(n, c.sizes.size()) - 1];
+      ftp.listing = {FakeFtpClient::Entry("remote.bin", size)};
+    };
+    Hold(SampleTask(5, File("local.bin", source)));
+    uint64_t slept = clock.sleptUs();
+    Pass();
+    const ftpFileInfo_t held = engine.SnapshotTask();
+    EXPECT_EQ(ftp.modes, c.mode < 0 ? Ints{} : Ints{c.mode});
+    EXPECT_EQ(ftp.written, c.mode < 0 ? "" : source.substr(static_cast<size_t>(c.from)));
+    EXPECT_EQ((Ints{held.result, held.connFailTimes}), (Ints{c.result, c.fails}));
+    EXPECT_GE(clock.sleptUs() - slept, 2000000u * std::max<size_t>(c.sizes.size(), 1));
+  }
+  ftp.onList = nullptr;
 }
 
 // Failed listings, gone files, failed writes, and valid/trans cleared during a send (after that
@@ -392,7 +427,7 @@ TEST_F(UploadEngineTest, PassesThatEndEarly) {
   // clang-format off
   struct Case { int listResult; bool listed, localExists; int writeFailAfter; size_t clearAt;
                 uint8_t valid, trans, result; size_t written; } cases[] = {
-      {-1, false, true, -1, 0, 1, 1, 0, 0}, {-2, false, true, -1, 0, 1, 1, 1, 0},
+      {-1, false, true, -1, 0, 1, 1, 0, 0}, {-2, false, true, -1, 0, 1, 1, 0, 0},
       {0, false, false, -1, 0, 1, 1, 2, 0}, {0, true, false, -1, 0, 1, 1, 1, 0},
       {0, false, true, 32768, 0, 1, 1, 0, 32768}, {0, false, true, -1, 32768, 1, 0, 0, 32768},
       {0, false, true, -1, 16384, 0, 1, 3, 16384}, {0, false, true, -1, 49152, 0, 0, 3, 49152}};
@@ -417,13 +452,15 @@ TEST_F(UploadEngineTest, PassesThatEndEarly) {
   ftp.onWrite = nullptr;
 }
 
-// Failed logins and data connections count (a partial send resets nothing); after four the task
-// is given up: status event 1, deleted from queue and database.
+// Failed logins, listings and data connections count (a partial send resets nothing); after
+// four the task is given up (status event 1, deleted from queue and database) and the next one
+// is handed over.
 TEST_F(UploadEngineTest, FourFailedConnectionsGiveTheTaskUp) {
   std::string sd1 = AddDisk(1, "/mnt/sd1");
   mng.CheckDiskState(100);
   ftpFileInfo_t t = SampleTask(70000, File("local.bin", Bytes(70000)));
   ASSERT_EQ(mng.InsertFileInfo(&t), 0);
+  ASSERT_EQ(Admit(71, File("next.bin")), 0);
   Hold(t);
   ftp.startFailures = 2;
   Pass();
@@ -433,20 +470,22 @@ TEST_F(UploadEngineTest, FourFailedConnectionsGiveTheTaskUp) {
   Pass();
   EXPECT_EQ(ftp.written.size(), 16384u);
   EXPECT_EQ(engine.SnapshotTask().connFailTimes, 2);
-  ftp.startFailures = 1;
+  ftp.listResult = -1;  // logged in, but no listing (a refused data port)
   Pass();
-  ftp.dataFails = true;
+  ftp.listResult = 0, ftp.dataFails = true;
   Pass();
   EXPECT_EQ(engine.SnapshotTask().connFailTimes, 4);
   EXPECT_TRUE(StatusEvents().empty());
-  EXPECT_EQ(Seqs(sd1), Ints{70000});
+  EXPECT_EQ(Seqs(sd1), (Ints{70000, 71}));
   ftp.dataFails = false;
   Pass();
   EXPECT_EQ(StatusEvents(), (Events{{1, 70000 & 0xFFFF}}));
   ftpFileInfo_t held = engine.SnapshotTask();
   EXPECT_EQ((Ints{held.valid, held.connFailTimes, held.result}), (Ints{0, 0, 3}));
   EXPECT_EQ((Ints{int(ftp.written.size()), int(List().size()), int(Seqs(sd1).size())}),
-            (Ints{16384, 0, 0}));
+            (Ints{16384, 1, 1}));
+  mng.ScheduleTask(100);  // the next task is handed over
+  EXPECT_EQ(engine.SnapshotTask().seq, 71u);
 }
 
 // The scheduler with two disks, against an engine whose outcome a test sets by hand.
@@ -540,7 +579,7 @@ TEST_F(SchedulerTest, SequenceNumberCompletesOverAllDisks) {
   EXPECT_EQ(Stored(5), 0);
 }
 
-// Invalid or gone heads dropped with their rows; a stranger left alone; too many tries leave the
+// Invalid or gone heads dropped with their rows; a stranger released; too many tries leave the
 // list, not the database; an unreadable network status ends the pass.
 TEST_F(SchedulerTest, TasksThatAreNotSent) {
   mng.CheckDiskState(100);
@@ -558,9 +597,11 @@ TEST_F(SchedulerTest, TasksThatAreNotSent) {
   ftpFileInfo_t stranger = SampleTask(9, File("stranger"));
   engine.SetTask(&stranger);
   mng.ScheduleTask(100);
-  EXPECT_EQ(Held() + std::to_string(engine.SnapshotTask().valid), stranger.fullName + "1"s);
-  engine.SetTaskTrans(0, 0);
+  // A held task that is not queued (completed, then marked valid by a transfer control) is
+  // released, and the head is handed over at the next pass.
+  EXPECT_EQ(Held() + std::to_string(engine.SnapshotTask().valid), stranger.fullName + "0"s);
   mng.ScheduleTask(100);  // a is handed over
+  EXPECT_EQ(Held(), File("a"));
   {
     CAutoLock guard(&engine.m_taskLock);
     engine.m_stTask.sendTimes = 4;

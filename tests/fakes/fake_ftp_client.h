@@ -24,6 +24,8 @@ class FakeFtpClient : public CFtpClient {
     bool dataFails = false;   // FtpCreateDateSockFd fails
     int writeFailAfter = -1;  // FtpWriteDate fails once this many bytes were written (-1: never)
     std::function<void(size_t)> onWrite;  // called after each write with the total so far
+    std::function<void(int)> onList;      // called (under the lock) with each listing's number
+    int lists = 0;
     // Observed:
     int starts = 0, closes = 0;
     std::vector<int> modes;  // modes of the data connections
@@ -54,6 +56,7 @@ class FakeFtpClient : public CFtpClient {
   int FtpGetServerDirFile() override {
     std::lock_guard<std::mutex> g(script->mutex);
     if (script->listResult < 0) return script->listResult;
+    if (script->onList) script->onList(++script->lists);
     m_data.entryCount = int32_t(std::min<size_t>(script->listing.size(), kFtpListCapacity));
     std::copy_n(script->listing.begin(), m_data.entryCount, m_data.entries);
     return 0;

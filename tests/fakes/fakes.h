@@ -40,6 +40,24 @@ void DiscardLogFiles();
 // The whole content of a file; empty when it cannot be read.
 std::string ReadWholeFile(const std::string& path);
 
+// A list that any thread may append to while the test reads it.
+template <typename T>
+class Recorder {
+ public:
+  void Add(T item) {
+    std::lock_guard<std::mutex> g(m_mutex);
+    m_items.push_back(std::move(item));
+  }
+  std::vector<T> All() const {
+    std::lock_guard<std::mutex> g(m_mutex);
+    return m_items;
+  }
+
+ private:
+  mutable std::mutex m_mutex;
+  std::vector<T> m_items;
+};
+
 // A clock that moves only when told to or when something sleeps on it.
 class FakeClock {
  public:

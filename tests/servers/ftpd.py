@@ -1,8 +1,8 @@
 """An FTP server for the client's integration tests (pyftpdlib).
 
-Serves --root for user/secret on 127.0.0.1, on a free port (or --port) that it prints as the
-first line of standard output. Ends by itself after --lifetime seconds in case the test that
-started it does not stop it. --no-mlsd hides MLST/MLSD so that the client has to use LIST.
+Serves --root for --user (default "user") with password "secret" on 127.0.0.1, on a free port
+(or --port) that it prints as the first line of standard output. Ends by itself after
+--lifetime seconds in case the test that started it does not stop it. --no-mlsd hides MLST/MLSD so that the client has to use LIST.
 --throttle N reads uploads at about N bytes a second, to the end of the data even after the
 client is gone, as a server behind a slow link does (each connection has a thread of its own).
 --events FILE appends a line per upload command ("STOR path" / "APPE path") and per finished
@@ -25,6 +25,7 @@ from pyftpdlib.servers import FTPServer, ThreadedFTPServer
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--root", required=True)
+    ap.add_argument("--user", default="user")
     ap.add_argument("--lifetime", type=float, default=120.0)
     ap.add_argument("--no-mlsd", action="store_true")
     ap.add_argument("--port", type=int, default=0)
@@ -34,7 +35,7 @@ def main():
 
     logging.basicConfig(level=logging.WARNING)
     authorizer = DummyAuthorizer()
-    authorizer.add_user("user", "secret", args.root, perm="elradfmwMT")
+    authorizer.add_user(args.user, "secret", args.root, perm="elradfmwMT")
 
     proto = dict(FTPHandler.proto_cmds)
     if args.no_mlsd:
