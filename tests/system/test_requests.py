@@ -57,14 +57,28 @@ class RequestTest(unittest.TestCase):
         self.assertIn("heartbeat value=2 service=velmar", r.stdout)
         self.assertTrue(self.velmar.alive())
 
-    def test_command_file_runs_its_user_commands(self):
+    def test_command_files_never_hold_up_intake(self):
+        # A FIFO (no writer ever comes) and a slow command go first; a task sent after them is
+        # still taken at once, and the next command file runs its user commands.
+        fifo, slow, cmd = (self.root.under(p) for p in ("/fifo.xml", "/slow.xml", "/cmd.xml"))
         marker = self.root.under("/from-event-16")
-        cmd = self.root.under("/cmd.xml")
+        os.mkfifo(fifo)
+        with open(slow, "w") as f:
+            f.write("<UsrDefineCmd><CMDITEM>sleep 20</CMDITEM></UsrDefineCmd>")
         with open(cmd, "w") as f:
             f.write("<UsrDefineCmd><CMDITEM>echo ran &gt; %s</CMDITEM></UsrDefineCmd>" % marker)
+        for path in (fifo, slow):
+            r = velmarctl(self.root, "command", "--file", path)
+            self.assertEqual(r.returncode, 0, r.stderr)
+        r = velmarctl(self.root, "upload", "--file", cmd, "--seq", "3",
+                      "--server", "ftp://127.0.0.1:2121/x")
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertTrue(wait_until(lambda: [row["seq"] for row in db_rows(self.sd1)] == [3], 10),
+                        self.velmar.log()[-3000:])
+        self.assertIn("fifo.xml refused: not a regular file", self.velmar.log())
         r = velmarctl(self.root, "command", "--file", cmd)
         self.assertEqual(r.returncode, 0, r.stderr)
-        self.assertTrue(wait_until(lambda: os.path.exists(marker), 10), self.velmar.log())
+        self.assertTrue(wait_until(lambda: os.path.exists(marker), 40), self.velmar.log())
         with open(marker) as f:
             self.assertEqual(f.read(), "ran\n")
 
