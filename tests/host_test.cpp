@@ -314,12 +314,14 @@ TEST(FileUtilTest, ExistenceSizeWholeFilesDirectoriesAtomicReplacementAndTheLog)
 // tags). Nothing blocks on a FIFO.
 TEST(XmlFileTest, OnlyBoundedRegularDocumentsAreParsed) {
   TempRoot root;
-  std::string open32, close32, hidden;
-  for (int i = 0; i < 32; ++i) open32 += "<a>", close32 += "</a>", hidden += "<a x='/>'>";
+  std::string open32, close32, hidden, empties;
+  for (int i = 0; i < 32; ++i)
+    open32 += "<a>", close32 += "</a>", hidden += "<a x='/>'>", empties += "<e/><e />";
   const std::string kept = "<r><!-- <a><a> --><![CDATA[<a><a>]]><a/><b x=\"a>b\">t</b></r>";
   const std::pair<std::string, std::string> cases[] = {
       {kept, "ok"},
       {open32 + close32, "ok"},
+      {"<r>" + empties + "</r>", "ok"},
       {"<r>" + open32 + close32 + "</r>", "elements nested more than 32 deep"},
       {hidden + "<a x='/>'>", "elements nested more than 32 deep"},
       {"<r>" + std::string(kXmlMaxBytes, 'x') + "</r>", "larger than 1048576 bytes"},
