@@ -1,13 +1,13 @@
-"""An FTP server for the client's integration tests (pyftpdlib).
+"""An FTP server (pyftpdlib) for the tests and for scripts/run.
 
-Serves --root for --user (default "user") with password "secret" on 127.0.0.1, on a free port
-(or --port) that it prints as the first line of standard output. Ends by itself after
---lifetime seconds in case the test that started it does not stop it. --no-mlsd hides MLST/MLSD so that the client has to use LIST.
---throttle N reads uploads at about N bytes a second, to the end of the data even after the
-client is gone, as a server behind a slow link does (each connection has a thread of its own).
---events FILE appends a line per upload command ("STOR path" / "APPE path") and per finished
-upload ("closed path size"), so that a test can wait for a transfer to end instead of for a
-quiet period.
+Serves --root for --user with --password (default "user", "secret") on 127.0.0.1, on a free
+port (or --port) that it prints as the first line of standard output. Ends by itself after
+--lifetime seconds in case whoever started it does not stop it. --no-mlsd hides MLST/MLSD so
+that the client has to use LIST. --throttle N reads uploads at about N bytes a second, to the
+end of the data even after the client is gone, as a server behind a slow link does (each
+connection then has a thread of its own). --events FILE appends a line per upload command
+("STOR path" / "APPE path") and per finished upload ("closed path size"), so that a test can
+wait for a transfer to end instead of for a quiet period.
 """
 import argparse
 import logging
@@ -26,6 +26,7 @@ def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--root", required=True)
     ap.add_argument("--user", default="user")
+    ap.add_argument("--password", default="secret")
     ap.add_argument("--lifetime", type=float, default=120.0)
     ap.add_argument("--no-mlsd", action="store_true")
     ap.add_argument("--port", type=int, default=0)
@@ -35,7 +36,7 @@ def main():
 
     logging.basicConfig(level=logging.WARNING)
     authorizer = DummyAuthorizer()
-    authorizer.add_user(args.user, "secret", args.root, perm="elradfmwMT")
+    authorizer.add_user(args.user, args.password, args.root, perm="elradfmwMT")
 
     proto = dict(FTPHandler.proto_cmds)
     if args.no_mlsd:
