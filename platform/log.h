@@ -9,6 +9,10 @@ enum LOG_TYPE_E {
   LOG_TYPE_ALARM = 2,
 };
 
+// Both log files are capped: one that would grow past VELMAR_LOG_MAX_KIB KiB (default 1024)
+// is renamed to "<name>.1", replacing the older one, and started anew; a log takes at most
+// twice its cap. Records are never split across the two files.
+
 // Formats one debug-log line (printf style, cut at 1023 characters) and writes it, with a
 // time stamp and the level, to standard error and to the debug-log file
 // $VELMAR_ROOT/var/log/velmar/velmar.log. Level 0 routine detail, 2 notable events.

@@ -344,6 +344,31 @@ TEST(XmlFileTest, OnlyBoundedRegularDocumentsAreParsed) {
   }
 }
 
+// Each log file is renamed to "<name>.1" before it would pass its cap: both files stay within
+// it, the lines run on from the older file into the newer, and no record is split.
+TEST(LogTest, FilesAreRotatedAtTheirCap) {
+  setenv("VELMAR_LOG_MAX_KIB", "2", 1);
+  TempRoot root;
+  char record[200] = {};
+  for (int i = 0; i < 100; ++i) {
+    WriteDbgLog(0, "line %03d %s\n", i, std::string(60, 'x').c_str());
+    if (i < 40) WriteUserLog(LOG_TYPE_ALARM, 3, sizeof(record), record);
+  }
+  unsetenv("VELMAR_LOG_MAX_KIB");
+  const std::string dir = root.path() + "/var/log/velmar/";
+  // A rotated file was full but for less than one more record; the newer one is within the cap.
+  for (const char* name : {"velmar.log", "velmar.log.1", "user.log", "user.log.1"}) {
+    const size_t size = ReadWholeFile(dir + name).size(), rotated = strchr(name, '1') != nullptr;
+    EXPECT_TRUE(size > (rotated ? 2048 - 212 : 0) && size <= 2048) << name << " " << size;
+  }
+  EXPECT_EQ(ReadWholeFile(dir + "user.log").size() % (12 + sizeof(record)), 0u);
+  const std::string older = ReadWholeFile(dir + "velmar.log.1");
+  const std::string newer = ReadWholeFile(dir + "velmar.log");
+  auto number = [](const std::string& text, size_t at) { return atoi(text.c_str() + at + 5); };
+  EXPECT_EQ(number(newer, newer.find("line ")), number(older, older.rfind("line ")) + 1);
+  EXPECT_EQ(number(newer, newer.rfind("line ")), 99);
+}
+
 struct TaskDb : CFile2FtpDbMng {};
 
 // The rows of db in order, as "<seq><type><fullpath> ".

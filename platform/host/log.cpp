@@ -1,11 +1,13 @@
 #include "platform/log.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <string>
@@ -20,23 +22,55 @@ namespace {
 
 CLock g_fileMutex;
 
+constexpr int64_t kDefaultLogMaxKiB = 1024;
+
 struct LogFile {
   std::string path;
   int fd = -1;
+  int64_t size = 0;      // bytes in the file
+  int64_t maxBytes = 0;  // the file is rotated before it would grow past this
 };
 LogFile g_dbgFile GUARDED_BY(g_fileMutex);
 LogFile g_userFile GUARDED_BY(g_fileMutex);
 
-// Returns a descriptor open for appending to root + devicePath, reopening when the sandbox
-// root changed. Caller holds g_fileMutex.
-int AppendFd(LogFile* file, const char* devicePath) REQUIRES(g_fileMutex) {
-  std::string path = RootedPath(devicePath);
-  if (file->fd >= 0 && file->path == path) return file->fd;
-  if (file->fd >= 0) close(file->fd);
-  std::string dir = path.substr(0, path.rfind('/'));
+// The size cap of each log file: VELMAR_LOG_MAX_KIB (KiB, at least 1), else 1 MiB.
+int64_t LogMaxBytes() {
+  const char* text = getenv("VELMAR_LOG_MAX_KIB");
+  char* end = nullptr;
+  long long kib = text != nullptr ? strtoll(text, &end, 10) : 0;
+  if (text == nullptr || end == text || *end != '\0' || kib < 1 || kib > (1LL << 30)) {
+    kib = kDefaultLogMaxKiB;
+  }
+  return kib * 1024;
+}
+
+void OpenLog(LogFile* file) REQUIRES(g_fileMutex) {
+  std::string dir = file->path.substr(0, file->path.rfind('/'));
   MakeDirs(dir.c_str());
-  file->fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-  file->path = path;
+  file->fd = open(file->path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  struct stat st;
+  file->size = file->fd >= 0 && fstat(file->fd, &st) == 0 ? st.st_size : 0;
+}
+
+// Returns a descriptor open for appending `bytes` more to root + devicePath, reopening when the
+// sandbox root changed. A file that would grow past its cap is first renamed to "<name>.1"
+// (replacing the older one), so that a log takes at most twice its cap on the card. Caller
+// holds g_fileMutex.
+int AppendFd(LogFile* file, const char* devicePath, size_t bytes) REQUIRES(g_fileMutex) {
+  std::string path = RootedPath(devicePath);
+  if (file->fd < 0 || file->path != path) {
+    if (file->fd >= 0) close(file->fd);
+    file->path = path;
+    file->maxBytes = LogMaxBytes();
+    OpenLog(file);
+  }
+  if (file->fd >= 0 && file->size > 0 &&
+      file->size + static_cast<int64_t>(bytes) > file->maxBytes) {
+    close(file->fd);
+    rename(path.c_str(), (path + ".1").c_str());
+    OpenLog(file);
+  }
+  if (file->fd >= 0) file->size += static_cast<int64_t>(bytes);
   return file->fd;
 }
 
@@ -77,7 +111,7 @@ void WriteDbgLog(int level, const char* fmt, ...) {
   }
   CAutoLock guard(&g_fileMutex);
   WriteAll(STDERR_FILENO, line, size);
-  int fd = AppendFd(&g_dbgFile, "/var/log/velmar/velmar.log");
+  int fd = AppendFd(&g_dbgFile, "/var/log/velmar/velmar.log", size);
   if (fd >= 0) WriteAll(fd, line, size);
 }
 
@@ -89,7 +123,7 @@ int WriteUserLog(LOG_TYPE_E type, unsigned int code, unsigned int len, void* dat
   StoreLE32(record + 8, len);
   if (len > 0) memcpy(record + 12, data, len);
   CAutoLock guard(&g_fileMutex);
-  int fd = AppendFd(&g_userFile, "/var/log/velmar/user.log");
+  int fd = AppendFd(&g_userFile, "/var/log/velmar/user.log", 12 + len);
   if (fd < 0) return -1;
   WriteAll(fd, reinterpret_cast<const char*>(record), 12 + len);
   return 0;
