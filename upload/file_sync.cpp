@@ -199,7 +199,7 @@ void CFtpUploadFileMng::ResumeFrom(const ftpFileInfo_t& task, int32_t serverSize
   ServerCopy copy = JudgeServerCopy(task.type, serverSize, localSize, sentBefore);
   if (copy == ServerCopy::kAppend) {
     if (!SizeHoldsStill(task, &serverSize)) {
-      CountConnFail();
+      if (Sending(LoadTaskControl(&m_stTask))) CountConnFail();  // not when switched off
       return;
     }
     copy = JudgeServerCopy(task.type, serverSize, localSize, sentBefore);
