@@ -60,6 +60,7 @@ class CFtpCtrlMng : public ITaskControl {
   // Written only by the scheduler (main thread); read by tests.
   uint32_t m_netMask = 0;
   uint32_t m_lastSecond = 0;
+  uint32_t m_lastPublished = 0;
   // Guards m_taskList and the records in it.
   CLock m_lock;
   int32_t m_lastActive = 0;
@@ -75,6 +76,7 @@ class CFtpCtrlMng : public ITaskControl {
   // Refused tasks since the last refusal log line, and when that line was written (seconds
   // of the Env's monotonic clock; 0: never). Request thread.
   std::atomic<uint32_t> m_nRefused{0};
+  std::atomic<uint32_t> m_nRefusedTotal{0};  // since the start, published
   int64_t m_lastRefusalLog = 0;
   static constexpr int64_t kRefusalLogSeconds = 10;
 
@@ -97,6 +99,8 @@ class CFtpCtrlMng : public ITaskControl {
   void OfferHeadTask(uint32_t seconds) REQUIRES(m_lock);
   // Removes the head task from the list and its rows (and, if flagged, its file) per disk.
   void DropHeadTask() REQUIRES(m_lock);
+  // Replaces run/velmar/upload.state with the present disk, queue and send (once a second).
+  void PublishState(uint32_t seconds) EXCLUDES(m_lock);
   // Stores the rows of m_unsaved whose tasks are still queued into the table of diskPath.
   void SaveUnsaved(const char* diskPath);
   // Counts a refused task and logs it, rate-limited.

@@ -55,6 +55,7 @@ void CFtpCtrlMng::DropHeadTask() {
 }
 
 void CFtpCtrlMng::ScheduleTask(uint32_t seconds) {
+  if (seconds != m_lastPublished) PublishState(seconds);
   if (CurDisk().id == 0) return;
   if (seconds != m_lastSecond && !UpdateNetwork(seconds)) return;
   CAutoLock guard(&m_lock);

@@ -104,6 +104,9 @@ class CFtpMaintainMng {
   // or yields no config directory.
   int HandleConfigCmd(const char* path);
 
+  // Replaces run/velmar/maintain.state: server, cycle state, last list fetch, the entries.
+  void PublishState();
+
   // The maintenance thread. Start: 0, or -1 when it cannot be created. Stop joins it.
   int Start();
   int Stop();
@@ -124,6 +127,7 @@ class CFtpMaintainMng {
   Env* const m_env;  // constant after construction
   FtpMaintainData_t* m_pData PT_GUARDED_BY(m_lock);
   time_t m_lastStepTime GUARDED_BY(m_lock) = 0;
+  time_t m_lastListFetch GUARDED_BY(m_lock) = 0;  // wall time of the last file-list fetch
   // Under m_lock. Grows whenever FtpConnectTo replaces the account and the lists, so that a
   // step that ran without the lock (a download) does not write its outcome into the new ones.
   uint32_t m_nEpoch GUARDED_BY(m_lock) = 0;

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "maintain/ftp_maintain_mng.h"
 #include "platform/clock.h"
@@ -18,6 +19,7 @@
 #include "platform/fileutil.h"
 #include "platform/log.h"
 #include "platform/paths.h"
+#include "platform/state_file.h"
 #include "platform/status.h"
 #include "platform/text.h"
 
@@ -155,10 +157,13 @@ void CFtpMaintainMng::FtpUpgradeStep(int* interval) {
     case FTP_STATE_START:
       next = FTP_STATE_GET_LIST;
       break;
-    case FTP_STATE_GET_LIST:
+    case FTP_STATE_GET_LIST: {
       LoadFtpFile(0);
+      CAutoLock guard(&m_lock);
+      m_lastListFetch = m_env->WallSeconds();
       next = FTP_STATE_PARSE_LIST;
       break;
+    }
     case FTP_STATE_PARSE_LIST:
       if (setconfig(0) == 0) {
         next = FTP_STATE_LOAD_FILE;  // setconfig put index to 0 with the new entries
@@ -190,10 +195,43 @@ void CFtpMaintainMng::FtpUpgradeStep(int* interval) {
     default:  // FTP_STATE_UPDATING and anything unknown: stand still
       return;
   }
-  CAutoLock guard(&m_lock);
-  if (m_nEpoch != epoch) return;  // a new account restarted the cycle meanwhile
-  m_pData->state = next;
-  *interval = wait;
+  {
+    CAutoLock guard(&m_lock);
+    if (m_nEpoch != epoch) return;  // a new account restarted the cycle meanwhile
+    m_pData->state = next;
+    *interval = wait;
+  }
+  PublishState();
+}
+
+// "key=value" lines (docs/FORMATS.md); the first 50 entries of the periodic list. Names come
+// from the server: their control bytes are masked.
+void CFtpMaintainMng::PublishState() {
+  std::string text;
+  auto put = [&text](const char* key, const std::string& value) {
+    text += key;
+    text += '=';
+    for (char c : value) text += static_cast<unsigned char>(c) < 0x20 || c == 0x7f ? '?' : c;
+    text += '\n';
+  };
+  {
+    CAutoLock guard(&m_lock);
+    const UpgradeSet_t& a = m_pData->upgradeSet;
+    char host[65];
+    CopyField(host, sizeof(host), a.host, sizeof(a.host));
+    put("server", std::string(host) + ":" + std::to_string(a.port));
+    put("state", std::to_string(m_pData->state));
+    put("list_fetched", std::to_string(static_cast<long long>(m_lastListFetch)));
+    const FtpFileList_t& list = m_pData->fileList;
+    put("entries", std::to_string(list.count));
+    for (int i = 0; i < list.count && i < 50; ++i) {
+      const FtpFileItem_t& e = list.pItems[i];
+      char name[129];
+      CopyField(name, sizeof(name), e.FileName, sizeof(e.FileName));
+      put("entry", std::to_string(e.FileType) + " " + std::to_string(e.Status) + " " + name);
+    }
+  }
+  PublishStateFile("maintain.state", text);
 }
 
 int CFtpMaintainMng::setconfig(int mode) {

@@ -34,6 +34,10 @@ static_assert(offsetof(__ftp_log, valid) == 264, "valid offset");
 static_assert(offsetof(__ftp_log, result) == 267, "result offset");
 static_assert(offsetof(__ftp_log, server) == 268, "server offset");
 
+// Reads the rows of the database in mountDir, in queue order, without writing anything (the
+// service may be writing it meanwhile). 0, or -1 when there is no readable database.
+int ReadQueuedRows(const char* mountDir, std::list<__ftp_log>* rows);
+
 // The host database (SQLite). Its calls are virtual so that a test's Env can hand over a
 // database with fault switches (busy, corrupt, full) that forwards to this one.
 class CFile2FtpDbMng {

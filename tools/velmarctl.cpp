@@ -19,6 +19,7 @@
 #include "platform/evbus.h"
 #include "platform/text.h"
 #include "platform/thread.h"
+#include "tools/velmarctl/report.h"
 #include "upload/ftp_records.h"
 #include "upload/task_status.h"
 
@@ -32,6 +33,8 @@ const char kUsage[] =
     "  server   switch the maintenance server at once (code 0x708)\n"
     "  command  run a local command file (event 16)\n"
     "  watch    print heartbeats and task status events\n"
+    "  status   what velmar is doing: disk, queue, the task being sent, notable log lines\n"
+    "  queue    the queued tasks of every disk's database, in order\n"
     "'velmarctl COMMAND --help' describes each command.\n";
 
 const char kUploadUsage[] =
@@ -65,7 +68,9 @@ const char kCommandUsage[] =
 const char kWatchUsage[] =
     "usage: velmarctl watch [--count N] [--seconds S]\n"
     "  prints each heartbeat (event 6) and task status event (event 22, code 0x702) on one\n"
-    "  line, until interrupted, N of them were printed or S seconds passed\n";
+    "  line, until interrupted, N of them were printed or S seconds passed; once a second\n"
+    "  also the progress of the send under way (a bar on a terminal) and new refusals and\n"
+    "  give-ups\n";
 
 [[noreturn]] void Fail(const char* fmt, const char* arg = "") {
   fprintf(stderr, "velmarctl: ");
@@ -387,6 +392,10 @@ int Watch(int argc, char** argv) {
   for (unsigned long long tenths = 0; !g_stop; ++tenths) {
     if (count > 0 && static_cast<unsigned long long>(g_printed.load()) >= count) break;
     if (seconds > 0 && tenths >= seconds * 10) break;
+    if (tenths % 10 == 0) {
+      CAutoLock guard(&g_printMutex);
+      PrintStateChanges();
+    }
     usleep(100000);
   }
   UnregisterEventReciever(name);
@@ -408,6 +417,8 @@ int main(int argc, char** argv) {
   if (cmd == "server") return Server(argc - 1, argv + 1);
   if (cmd == "command") return Command(argc - 1, argv + 1);
   if (cmd == "watch") return Watch(argc - 1, argv + 1);
+  if (cmd == "status") return StatusCommand(argc - 1, argv + 1);
+  if (cmd == "queue") return QueueCommand(argc - 1, argv + 1);
   fprintf(stderr, "velmarctl: unknown command %s\n%s", cmd.c_str(), kUsage);
   return 2;
 }

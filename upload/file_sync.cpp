@@ -149,6 +149,9 @@ void CFtpUploadFileMng::RunPass(ftpFileInfo_t* previous) {
   m_nBusy = 1;
   ftpFileInfo_t task = SnapshotTask();
   if (task.connFailTimes > 3) {
+    WriteDbgLog(2, "seq:%d given up after four failed connections\n", static_cast<int>(task.seq));
+    m_nLastGaveUpSeq = task.seq;
+    ++m_nGaveUp;
     SendTaskStatus(static_cast<int>(task.seq), 1);
     if (m_pTaskControl != nullptr) {
       m_pTaskControl->SetFtpTrans(task.type, 2, static_cast<int>(task.seq));
@@ -274,6 +277,10 @@ void CFtpUploadFileMng::SendFile2FtpServer(const char* path, int mode, int offse
     m_env->SleepUs(kFailPauseUs);
     return;
   }
+  m_nSendFrom = offset;
+  m_nSent = 0;
+  m_nSendTotal = source.XsizeByPath(path);
+  m_nSendStartMs = m_env->NowMs();
   time_t start = m_env->WallSeconds();
   time_t lastReport = start;
   int64_t total = 0;
@@ -293,6 +300,7 @@ void CFtpUploadFileMng::SendFile2FtpServer(const char* path, int mode, int offse
       break;
     }
     total += n;
+    m_nSent = total;
     sinceReport += n;
     emptyReads = 0;
     time_t now = m_env->WallSeconds();

@@ -76,8 +76,14 @@ class CFtpUploadFileMng {
   ITaskControl* m_pTaskControl = nullptr;
 
   uint8_t m_bStarted = 0;
-  std::atomic<int16_t> m_nBusy{0};                  // 1 while the thread works a pass
-  std::atomic<int16_t> m_nTransState{0};            // 0 idle/new, 1 sending, 2 send ended
+  std::atomic<int16_t> m_nBusy{0};        // 1 while the thread works a pass
+  std::atomic<int16_t> m_nTransState{0};  // 0 idle/new, 1 sending, 2 send ended
+  // Progress of the latest send, for the published state: the server's size it started from,
+  // the bytes sent since, the file's whole size and when it started (Env's monotonic ms).
+  // Written by the upload thread, read by any.
+  std::atomic<int64_t> m_nSendFrom{0}, m_nSent{0}, m_nSendTotal{0}, m_nSendStartMs{0};
+  // Tasks given up after four failed connections since the start, and the last one's seq.
+  std::atomic<uint32_t> m_nGaveUp{0}, m_nLastGaveUpSeq{0};
   CFtpClient* m_pFtpClient = nullptr;               // owned by the upload thread
   ftpFileInfo_t m_stTask GUARDED_BY(m_taskLock){};  // see the sharing rules above
   CommonCthread m_thread;

@@ -417,3 +417,26 @@ int CFile2FtpDbMng::SearchDelete(const char* mountDir, const char* fullPath) {
   sqlite3_close(db);
   return ok ? 0 : -1;
 }
+
+int ReadQueuedRows(const char* mountDir, std::list<__ftp_log>* rows) {
+  if (mountDir == nullptr || mountDir[0] == '\0') return -1;
+  const std::string path = DbPath(mountDir);
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr) !=
+      SQLITE_OK) {
+    sqlite3_close(db);
+    return -1;
+  }
+  sqlite3_busy_timeout(db, kBusyTimeoutMs);
+  std::string sql = std::string("SELECT ") + kColumns + " FROM ftp_log ORDER BY id";
+  bool ok = Exec(
+      db, sql.c_str(), nullptr,
+      [&](sqlite3_stmt* st) {
+        __ftp_log row;
+        ReadRow(st, &row);
+        rows->push_back(row);
+      },
+      path);
+  sqlite3_close(db);
+  return ok ? 0 : -1;
+}

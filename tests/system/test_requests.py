@@ -1,10 +1,11 @@
 """velmarctl talks to the real service: tasks land in the current disk's database, transfer
 control rewrites them, a command file runs its user commands, and watch sees heartbeats. (The
 server switch is shown by the maintenance cycle test.)"""
+import json
 import os
 import unittest
 
-from harness import SandboxRoot, Velmar, db_rows, velmarctl, wait_until
+from harness import FtpServer, SandboxRoot, Velmar, Watch, db_rows, velmarctl, wait_until
 
 
 class RequestTest(unittest.TestCase):
@@ -81,6 +82,39 @@ class RequestTest(unittest.TestCase):
         self.assertTrue(wait_until(lambda: os.path.exists(marker), 40), self.velmar.log())
         with open(marker) as f:
             self.assertEqual(f.read(), "ran\n")
+
+
+    def test_queue_and_status_follow_the_sends(self):
+        # Five 6 MiB files to a server that reads 1 MiB/s: queue lists them in order, status
+        # shows the first one's bytes growing, and the queue is empty at the end.
+        server = FtpServer(self.root.under("/served"), throttle=1 << 20).start()
+        self.addCleanup(server.stop)
+        watch = Watch(self.root, 180)
+        self.addCleanup(watch.stop)
+        for seq in range(1, 6):
+            local = self.root.under("/data/f%d.bin" % seq)
+            os.makedirs(os.path.dirname(local), exist_ok=True)
+            with open(local, "wb") as f:
+                f.write(bytes([seq]) * (6 << 20))
+            r = velmarctl(self.root, "upload", "--file", local, "--seq", str(seq),
+                          "--server", server.url("/up"))
+            self.assertEqual(r.returncode, 0, r.stderr)
+        queue = velmarctl(self.root, "queue")
+        self.assertEqual(queue.returncode, 0, queue.stderr)
+        listed = [line.split()[0] for line in queue.stdout.splitlines()[1:]]
+        self.assertEqual(listed, ["1", "2", "3", "4", "5"], queue.stdout)
+
+        def task():
+            r = velmarctl(self.root, "status", "--json")
+            return json.loads(r.stdout)["task"] if r.returncode == 0 else None
+        self.assertTrue(wait_until(lambda: (task() or {}).get("onServer", 0) > 0, 30))
+        first = task()
+        self.assertTrue(wait_until(lambda: task()["onServer"] > first["onServer"], 10))
+        self.assertEqual((first["seq"], first["total"]), (1, 6 << 20))
+        self.assertTrue(wait_until(lambda: len(watch.task_status()) == 5, 150, step=0.5),
+                        self.velmar.log()[-3000:])
+        queue = velmarctl(self.root, "queue")
+        self.assertEqual(queue.stdout.splitlines()[1:], [])
 
 
 if __name__ == "__main__":
