@@ -19,6 +19,10 @@ enum LOG_TYPE_E {
 // Safe to call from any thread.
 void WriteDbgLog(int level, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 
+// True when VELMAR_TRACE is set to 1 (read once): the lines an upload writes per block and per
+// second are then printed and logged too; by default a send logs one line per pass.
+bool TraceEnabled();
+
 // Appends one record to the user-visible log $VELMAR_ROOT/var/log/velmar/user.log:
 // type, code and length as uint32 little-endian, then len bytes of data (at most 4096).
 // 0 on success, -1 on failure.

@@ -305,7 +305,9 @@ void CFtpUploadFileMng::SendFile2FtpServer(const char* path, int mode, int offse
     emptyReads = 0;
     time_t now = m_env->WallSeconds();
     if (now != lastReport) {
-      WriteDbgLog(0, "ftp trans %.2f kb/s\n", static_cast<float>(sinceReport * (1.0 / 1024)));
+      if (TraceEnabled()) {
+        WriteDbgLog(0, "ftp trans %.2f kb/s\n", static_cast<float>(sinceReport * (1.0 / 1024)));
+      }
       sinceReport = 0;
       lastReport = now;
     }

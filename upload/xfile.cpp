@@ -9,6 +9,8 @@
 
 #include "avi/read_avi.h"
 #include "platform/fileutil.h"
+#include "platform/log.h"
+#include "platform/log.h"
 #include "platform/text.h"
 
 namespace {
@@ -92,7 +94,7 @@ int32_t CXFile::Xread(void* buf, int size, int count) {
     if (m_pHandle == nullptr) return -1;
     size_t n = fread(buf, static_cast<size_t>(size), static_cast<size_t>(count),
                      static_cast<FILE*>(m_pHandle));
-    printf("Xread: %d ret = %d\n", size * count, static_cast<int>(n));
+    if (TraceEnabled()) printf("Xread: %d ret = %d\n", size * count, static_cast<int>(n));
     return static_cast<int32_t>(n);
   }
   if (m_nType != XFILE_AVI) return -1;

@@ -76,6 +76,14 @@ int AppendFd(LogFile* file, const char* devicePath, size_t bytes) REQUIRES(g_fil
 
 }  // namespace
 
+bool TraceEnabled() {
+  static const bool enabled = [] {
+    const char* v = getenv("VELMAR_TRACE");
+    return v != nullptr && strcmp(v, "1") == 0;
+  }();
+  return enabled;
+}
+
 void WriteDbgLog(int level, const char* fmt, ...) {
   char text[1024];
   va_list ap;
