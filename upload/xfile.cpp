@@ -10,7 +10,6 @@
 #include "avi/read_avi.h"
 #include "platform/fileutil.h"
 #include "platform/log.h"
-#include "platform/log.h"
 #include "platform/text.h"
 
 namespace {
