@@ -53,9 +53,13 @@ void CFtpCtrlMng::PublishState(uint32_t seconds) {
     Put(&text, "seq", std::to_string(held.seq));
     Put(&text, "file", Field(held.fullName, sizeof(held.fullName)));
     Put(&text, "server", Field(s.host, sizeof(s.host)) + ":" + std::to_string(s.port));
-    Put(&text, "remote",
-        Field(s.path, sizeof(s.path)) + "/" + Field(held.fileDir, sizeof(held.fileDir)) + "/" +
-            Field(held.fileName, sizeof(held.fileName)));
+    std::string remote;  // path/dir/name, empty parts left out
+    for (const std::string& part :
+         {Field(s.path, sizeof(s.path)), Field(held.fileDir, sizeof(held.fileDir)),
+          Field(held.fileName, sizeof(held.fileName))}) {
+      if (!part.empty()) remote += (remote.empty() ? "" : "/") + part;
+    }
+    Put(&text, "remote", remote);
     Put(&text, "trans", std::to_string(held.trans));
     Put(&text, "from", std::to_string(m_pEngine->m_nSendFrom.load()));
     Put(&text, "sent", std::to_string(m_pEngine->m_nSent.load()));
