@@ -85,8 +85,9 @@ class RequestTest(unittest.TestCase):
 
 
     def test_queue_and_status_follow_the_sends(self):
-        # Five 6 MiB files to a server that reads 1 MiB/s: queue lists them in order, status
-        # shows the first one's bytes growing, and the queue is empty at the end.
+        # Five files to a server that reads 1 MiB/s (the first of 24 MiB, so that its send is
+        # still under way when the test looks): queue lists them in order, status shows the
+        # first one's bytes growing, and the queue is empty at the end.
         server = FtpServer(self.root.under("/served"), throttle=1 << 20).start()
         self.addCleanup(server.stop)
         watch = Watch(self.root, 180)
@@ -95,7 +96,7 @@ class RequestTest(unittest.TestCase):
             local = self.root.under("/data/f%d.bin" % seq)
             os.makedirs(os.path.dirname(local), exist_ok=True)
             with open(local, "wb") as f:
-                f.write(bytes([seq]) * (6 << 20))
+                f.write(bytes([seq]) * ((24 if seq == 1 else 1) << 20))
             r = velmarctl(self.root, "upload", "--file", local, "--seq", str(seq),
                           "--server", server.url("/up"))
             self.assertEqual(r.returncode, 0, r.stderr)
@@ -111,7 +112,7 @@ class RequestTest(unittest.TestCase):
         self.assertTrue(wait_until(lambda: task().get("onServer", 0) > 0, 60))
         first = task()
         self.assertTrue(wait_until(lambda: task().get("onServer", 0) > first["onServer"], 60))
-        self.assertEqual((first["seq"], first["total"]), (1, 6 << 20))
+        self.assertEqual((first["seq"], first["total"]), (1, 24 << 20))
         self.assertTrue(wait_until(lambda: len(watch.task_status()) == 5, 150, step=0.5),
                         self.velmar.log()[-3000:])
         queue = velmarctl(self.root, "queue")
