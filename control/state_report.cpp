@@ -12,15 +12,6 @@
 
 namespace {
 
-// Appends "key=value\n"; a control byte in the value (it may come from outside) is masked,
-// so that no value can start a line of its own.
-void Put(std::string* text, const char* key, const std::string& value) {
-  *text += key;
-  *text += '=';
-  for (char c : value) *text += static_cast<unsigned char>(c) < 0x20 || c == 0x7f ? '?' : c;
-  *text += '\n';
-}
-
 std::string Field(const char* field, size_t cap) {
   char text[256];
   CopyField(text, sizeof(text), field, cap);
@@ -39,32 +30,34 @@ void CFtpCtrlMng::PublishState(uint32_t seconds) {
   }
   const ftpFileInfo_t held = m_pEngine->SnapshotTask();
   std::string text;
-  Put(&text, "time", std::to_string(m_env->WallSeconds()));
-  Put(&text, "pid", std::to_string(getpid()));
-  Put(&text, "disk", std::to_string(disk.id) + " " + Field(disk.path, sizeof(disk.path)));
-  Put(&text, "links", std::to_string(m_netMask));
-  Put(&text, "queued", std::to_string(queued));
-  Put(&text, "state", std::to_string(m_pEngine->m_nTransState.load()));
-  Put(&text, "refused", std::to_string(m_nRefusedTotal.load()));
-  Put(&text, "gave_up", std::to_string(m_pEngine->m_nGaveUp.load()));
-  Put(&text, "last_gave_up", std::to_string(m_pEngine->m_nLastGaveUpSeq.load()));
+  AppendStateLine(&text, "time", std::to_string(m_env->WallSeconds()));
+  AppendStateLine(&text, "pid", std::to_string(getpid()));
+  AppendStateLine(&text, "disk",
+                  std::to_string(disk.id) + " " + Field(disk.path, sizeof(disk.path)));
+  AppendStateLine(&text, "links", std::to_string(m_netMask));
+  AppendStateLine(&text, "queued", std::to_string(queued));
+  AppendStateLine(&text, "state", std::to_string(m_pEngine->m_nTransState.load()));
+  AppendStateLine(&text, "refused", std::to_string(m_nRefusedTotal.load()));
+  AppendStateLine(&text, "gave_up", std::to_string(m_pEngine->m_nGaveUp.load()));
+  AppendStateLine(&text, "last_gave_up", std::to_string(m_pEngine->m_nLastGaveUpSeq.load()));
   if (held.valid == 1) {
     const UserDefServerSet_t& s = held.server;
-    Put(&text, "seq", std::to_string(held.seq));
-    Put(&text, "file", Field(held.fullName, sizeof(held.fullName)));
-    Put(&text, "server", Field(s.host, sizeof(s.host)) + ":" + std::to_string(s.port));
+    AppendStateLine(&text, "seq", std::to_string(held.seq));
+    AppendStateLine(&text, "file", Field(held.fullName, sizeof(held.fullName)));
+    AppendStateLine(&text, "server", Field(s.host, sizeof(s.host)) + ":" + std::to_string(s.port));
     std::string remote;  // path/dir/name, empty parts left out
     for (const std::string& part :
          {Field(s.path, sizeof(s.path)), Field(held.fileDir, sizeof(held.fileDir)),
           Field(held.fileName, sizeof(held.fileName))}) {
       if (!part.empty()) remote += (remote.empty() ? "" : "/") + part;
     }
-    Put(&text, "remote", remote);
-    Put(&text, "trans", std::to_string(held.trans));
-    Put(&text, "from", std::to_string(m_pEngine->m_nSendFrom.load()));
-    Put(&text, "sent", std::to_string(m_pEngine->m_nSent.load()));
-    Put(&text, "total", std::to_string(m_pEngine->m_nSendTotal.load()));
-    Put(&text, "elapsed_ms", std::to_string(m_env->NowMs() - m_pEngine->m_nSendStartMs.load()));
+    AppendStateLine(&text, "remote", remote);
+    AppendStateLine(&text, "trans", std::to_string(held.trans));
+    AppendStateLine(&text, "from", std::to_string(m_pEngine->m_nSendFrom.load()));
+    AppendStateLine(&text, "sent", std::to_string(m_pEngine->m_nSent.load()));
+    AppendStateLine(&text, "total", std::to_string(m_pEngine->m_nSendTotal.load()));
+    AppendStateLine(&text, "elapsed_ms",
+                    std::to_string(m_env->NowMs() - m_pEngine->m_nSendStartMs.load()));
   }
   PublishStateFile("upload.state", text);
 }

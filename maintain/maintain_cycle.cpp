@@ -209,10 +209,7 @@ void CFtpMaintainMng::FtpUpgradeStep(int* interval) {
 void CFtpMaintainMng::PublishState() {
   std::string text;
   auto put = [&text](const char* key, const std::string& value) {
-    text += key;
-    text += '=';
-    for (char c : value) text += static_cast<unsigned char>(c) < 0x20 || c == 0x7f ? '?' : c;
-    text += '\n';
+    AppendStateLine(&text, key, value);
   };
   {
     CAutoLock guard(&m_lock);

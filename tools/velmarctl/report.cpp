@@ -28,17 +28,7 @@ using State = std::map<std::string, std::string>;
 
 State ReadState() {
   State state;
-  std::string text;
-  if (!ReadStateFile("upload.state", &text)) return state;
-  size_t at = 0;
-  while (at < text.size()) {
-    size_t end = text.find('\n', at);
-    if (end == std::string::npos) end = text.size();
-    std::string line = text.substr(at, end - at);
-    size_t eq = line.find('=');
-    if (eq != std::string::npos) state[line.substr(0, eq)] = line.substr(eq + 1);
-    at = end + 1;
-  }
+  ReadStateLines("upload.state", [&](const std::string& k, const std::string& v) { state[k] = v; });
   return state;
 }
 
@@ -130,23 +120,13 @@ struct Maintenance {
 
 Maintenance ReadMaintenance() {
   Maintenance m;
-  std::string text;
-  if (!ReadStateFile("maintain.state", &text)) return m;
-  size_t at = 0;
-  while (at < text.size()) {
-    size_t end = text.find('\n', at);
-    if (end == std::string::npos) end = text.size();
-    std::string line = text.substr(at, end - at);
-    size_t eq = line.find('=');
-    if (eq != std::string::npos) {
-      if (line.compare(0, eq, "entry") == 0) {
-        m.entries.push_back(line.substr(eq + 1));
-      } else {
-        m.fields[line.substr(0, eq)] = line.substr(eq + 1);
-      }
+  ReadStateLines("maintain.state", [&](const std::string& k, const std::string& v) {
+    if (k == "entry") {
+      m.entries.push_back(v);
+    } else {
+      m.fields[k] = v;
     }
-    at = end + 1;
-  }
+  });
   return m;
 }
 
