@@ -59,6 +59,7 @@ class CFtpCtrlMng : public ITaskControl {
   CFtpUploadFileMng* const m_pEngine;
   // Written only by the scheduler (main thread); read by tests.
   uint32_t m_netMask = 0;
+  int32_t m_netLink = 0;  // the network status's link value m_netMask was worked out from
   uint32_t m_lastSecond = 0;
   uint32_t m_lastPublished = 0;
   // Guards m_taskList and the records in it.

@@ -37,7 +37,8 @@ bool CFtpCtrlMng::UpdateNetwork(uint32_t seconds) {
   m_lastSecond = seconds;
   uint8_t block[kStatusNetworkSize] = {};
   if (m_env->GetStatus(STATUS_NETWORK, block) < 0) return false;
-  m_netMask = MaskOfLink(static_cast<int32_t>(LoadLE32(block)));
+  m_netLink = static_cast<int32_t>(LoadLE32(block));
+  m_netMask = MaskOfLink(m_netLink);
   int32_t state = m_pEngine->m_nTransState.load();  // sign-extended
   StoreLE32(block + 4, static_cast<uint32_t>(state));
   m_env->SetStatus(STATUS_NETWORK, block);

@@ -34,6 +34,7 @@ void CFtpCtrlMng::PublishState(uint32_t seconds) {
   AppendStateLine(&text, "pid", std::to_string(getpid()));
   AppendStateLine(&text, "disk",
                   std::to_string(disk.id) + " " + Field(disk.path, sizeof(disk.path)));
+  AppendStateLine(&text, "link", std::to_string(m_netLink));
   AppendStateLine(&text, "links", std::to_string(m_netMask));
   AppendStateLine(&text, "queued", std::to_string(queued));
   AppendStateLine(&text, "state", std::to_string(m_pEngine->m_nTransState.load()));
@@ -53,6 +54,8 @@ void CFtpCtrlMng::PublishState(uint32_t seconds) {
     }
     AppendStateLine(&text, "remote", remote);
     AppendStateLine(&text, "trans", std::to_string(held.trans));
+    AppendStateLine(&text, "attempts", std::to_string(held.sendTimes));
+    AppendStateLine(&text, "conn_fails", std::to_string(held.connFailTimes));
     AppendStateLine(&text, "from", std::to_string(m_pEngine->m_nSendFrom.load()));
     AppendStateLine(&text, "sent", std::to_string(m_pEngine->m_nSent.load()));
     AppendStateLine(&text, "total", std::to_string(m_pEngine->m_nSendTotal.load()));

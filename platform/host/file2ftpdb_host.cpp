@@ -10,6 +10,7 @@
 // the queue sees a few inserts per minute, so WAL's write savings do not matter here.
 #include <sqlite3.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -81,6 +82,11 @@ ino_t InodeOf(const std::string& path) {
 // schema in place. Null on failure, with one log line and the SQLite error code in *code.
 sqlite3* OpenDb(const std::string& path, bool create, int* code = nullptr) {
   sqlite3* db = nullptr;
+  // A disk that never held a task has no database: nothing to find there, nothing to log.
+  if (!create && access(path.c_str(), F_OK) != 0 && errno == ENOENT) {
+    if (code != nullptr) *code = SQLITE_CANTOPEN;
+    return nullptr;
+  }
   int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | (create ? SQLITE_OPEN_CREATE : 0);
   if (code != nullptr) *code = SQLITE_OK;
   if (sqlite3_open_v2(path.c_str(), &db, flags, nullptr) != SQLITE_OK) {

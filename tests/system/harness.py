@@ -96,6 +96,8 @@ def db_rows(mount_dir):
     try:
         rows = con.execute("SELECT seq, type, fullpath, dir, filename, valid, net, trans, "
                            "server FROM ftp_log ORDER BY id").fetchall()
+    except sqlite3.OperationalError:  # made, but its table not yet
+        return []
     finally:
         con.close()
     keys = ("seq", "type", "fullpath", "dir", "filename", "valid", "net", "trans")

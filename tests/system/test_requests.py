@@ -113,6 +113,9 @@ class RequestTest(unittest.TestCase):
         first = task()
         self.assertTrue(wait_until(lambda: task().get("onServer", 0) > first["onServer"], 60))
         self.assertEqual((first["seq"], first["total"]), (1, 24 << 20))
+        queue = velmarctl(self.root, "queue")  # sends ended/failed connections: the held task's
+        attempts = [line.split()[4] for line in queue.stdout.splitlines()[1:]]
+        self.assertEqual(attempts, ["0/0", "-", "-", "-", "-"], queue.stdout)
         self.assertTrue(wait_until(lambda: len(watch.task_status()) == 5, 150, step=0.5),
                         self.velmar.log()[-3000:])
         queue = velmarctl(self.root, "queue")

@@ -162,6 +162,7 @@ int StatusCommand(int argc, char** argv) {
                       ",\"pid\":" + std::to_string(Num(s, "pid")) +
                       ",\"published\":" + std::to_string(Num(s, "time")) +
                       ",\"disk\":" + Json(Str(s, "disk")) +
+                      ",\"link\":" + std::to_string(Num(s, "link")) +
                       ",\"links\":" + std::to_string(Num(s, "links")) +
                       ",\"queued\":" + std::to_string(Num(s, "queued")) + ",\"databases\":[";
     for (size_t i = 0; i < dbs.size(); ++i) {
@@ -173,6 +174,8 @@ int StatusCommand(int argc, char** argv) {
       out += "{\"seq\":" + std::to_string(Num(s, "seq")) + ",\"file\":" + Json(Str(s, "file")) +
              ",\"server\":" + Json(Str(s, "server")) + ",\"remote\":" + Json(Str(s, "remote")) +
              ",\"trans\":" + std::to_string(Num(s, "trans")) +
+             ",\"attempts\":" + std::to_string(Num(s, "attempts")) +
+             ",\"connFails\":" + std::to_string(Num(s, "conn_fails")) +
              ",\"state\":" + std::to_string(Num(s, "state")) +
              ",\"onServer\":" + std::to_string(onServer) + ",\"total\":" + std::to_string(total) +
              ",\"rate\":" + std::to_string(rate) + "}";
@@ -198,16 +201,18 @@ int StatusCommand(int argc, char** argv) {
     printf("velmar: %s (pid %lld), state published %lld s ago\n",
            running ? "running" : "NOT RUNNING", Num(s, "pid"),
            static_cast<long long>(time(nullptr)) - Num(s, "time"));
-    printf("disk: %s   links allowed: %lld   tasks in memory: %lld\n", Str(s, "disk").c_str(),
-           Num(s, "links"), Num(s, "queued"));
+    printf("disk: %s   network link: %lld (allowed links mask %lld)   tasks in memory: %lld\n",
+           Str(s, "disk").c_str(), Num(s, "link"), Num(s, "links"), Num(s, "queued"));
   }
   for (const auto& db : dbs) {
     printf("database %s: %s\n", db.first.c_str(),
            db.second < 0 ? "none" : (std::to_string(db.second) + " tasks").c_str());
   }
   if (sending) {
-    printf("task seq %lld: %s -> %s %s (transfer %s)\n", Num(s, "seq"), Str(s, "file").c_str(),
-           Str(s, "server").c_str(), Str(s, "remote").c_str(), Num(s, "trans") ? "on" : "off");
+    printf("task seq %lld: %s -> %s %s (transfer %s, send %lld, failed connections %lld)\n",
+           Num(s, "seq"), Str(s, "file").c_str(), Str(s, "server").c_str(),
+           Str(s, "remote").c_str(), Num(s, "trans") ? "on" : "off", Num(s, "attempts"),
+           Num(s, "conn_fails"));
     long long pct = total > 0 ? onServer * 100 / total : 0;
     if (isatty(STDOUT_FILENO)) {
       std::string bar(static_cast<size_t>(pct * 30 / 100), '#');
@@ -244,8 +249,11 @@ int QueueCommand(int argc, char**) {
     fputs("usage: velmarctl queue\n", stderr);
     return 2;
   }
-  printf("%-8s %-4s %-10s %-5s %-40s %s\n", "seq", "type", "size", "trans", "file",
-         "server and remote name  [database]");
+  // Sends and failed connections are counted in memory for the task being sent only.
+  const State s = ReadState();
+  const bool sending = s.count("seq") != 0;
+  printf("%-8s %-4s %-10s %-5s %-8s %-40s %s\n", "seq", "type", "size", "trans", "attempts",
+         "file", "server and remote name  [database]");
   for (const std::string& dir : UploadDisks()) {
     std::list<__ftp_log> rows;
     if (ReadQueuedRows(dir.c_str(), &rows) != 0) continue;
@@ -257,9 +265,12 @@ int QueueCommand(int argc, char**) {
       CopyField(rdir, sizeof(rdir), r.dir, sizeof(r.dir));
       CopyField(name, sizeof(name), r.filename, sizeof(r.filename));
       CXFile source(static_cast<int>(r.type), Env::Default());
-      printf("%-8u %-4s %-10d %-5s %-40s %s:%u%s/%s/%s  [%s]\n", r.seq,
-             r.type == 1 ? "rec" : "file", source.XsizeByPath(file), r.trans ? "on" : "off", file,
-             host, r.server.port, path, rdir, name, dir.c_str());
+      const bool held = sending && Num(s, "seq") == r.seq && Str(s, "file") == file;
+      const std::string attempts =
+          held ? Str(s, "attempts") + "/" + Str(s, "conn_fails") : std::string("-");
+      printf("%-8u %-4s %-10d %-5s %-8s %-40s %s:%u%s/%s/%s  [%s]\n", r.seq,
+             r.type == 1 ? "rec" : "file", source.XsizeByPath(file), r.trans ? "on" : "off",
+             attempts.c_str(), file, host, r.server.port, path, rdir, name, dir.c_str());
     }
   }
   return 0;
