@@ -252,8 +252,8 @@ int QueueCommand(int argc, char**) {
   // Sends and failed connections are counted in memory for the task being sent only.
   const State s = ReadState();
   const bool sending = s.count("seq") != 0;
-  printf("%-8s %-4s %-10s %-5s %-8s %-40s %s\n", "seq", "type", "size", "trans", "attempts",
-         "file", "server and remote name  [database]");
+  printf("%-8s %-4s %-10s %-5s %-8s %-40s %s\n", "seq", "type", "size", "trans", "attempts", "file",
+         "server and remote name  [database]");
   for (const std::string& dir : UploadDisks()) {
     std::list<__ftp_log> rows;
     if (ReadQueuedRows(dir.c_str(), &rows) != 0) continue;
