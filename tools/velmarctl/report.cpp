@@ -209,7 +209,7 @@ int StatusCommand(int argc, char** argv) {
            db.second < 0 ? "none" : (std::to_string(db.second) + " tasks").c_str());
   }
   if (sending) {
-    printf("task seq %lld: %s -> %s %s (transfer %s, send %lld, failed connections %lld)\n",
+    printf("task seq %lld: %s -> %s %s (transfer %s, %lld sends ended, %lld failed connections)\n",
            Num(s, "seq"), Str(s, "file").c_str(), Str(s, "server").c_str(),
            Str(s, "remote").c_str(), Num(s, "trans") ? "on" : "off", Num(s, "attempts"),
            Num(s, "conn_fails"));
