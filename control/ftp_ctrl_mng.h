@@ -78,6 +78,9 @@ class CFtpCtrlMng : public ITaskControl {
   // of the Env's monotonic clock; 0: never). Request thread.
   std::atomic<uint32_t> m_nRefused{0};
   std::atomic<uint32_t> m_nRefusedTotal{0};  // since the start, published
+  // The latest refused task and why (a string literal), published.
+  std::atomic<uint32_t> m_nLastRefusedSeq{0};
+  std::atomic<const char*> m_pLastRefusal{""};
   int64_t m_lastRefusalLog = 0;
   static constexpr int64_t kRefusalLogSeconds = 10;
 

@@ -39,6 +39,8 @@ void CFtpCtrlMng::PublishState(uint32_t seconds) {
   AppendStateLine(&text, "queued", std::to_string(queued));
   AppendStateLine(&text, "state", std::to_string(m_pEngine->m_nTransState.load()));
   AppendStateLine(&text, "refused", std::to_string(m_nRefusedTotal.load()));
+  AppendStateLine(&text, "last_refused",
+                  std::to_string(m_nLastRefusedSeq.load()) + " " + m_pLastRefusal.load());
   AppendStateLine(&text, "gave_up", std::to_string(m_pEngine->m_nGaveUp.load()));
   AppendStateLine(&text, "last_gave_up", std::to_string(m_pEngine->m_nLastGaveUpSeq.load()));
   if (held.valid == 1) {

@@ -30,6 +30,8 @@ void EnsureTableOpen(CFile2FtpDbMng* db, const char* diskPath, int line) {
 // last line, so that a flood of requests cannot flood the log as well.
 void CFtpCtrlMng::LogRefusal(const ftpFileInfo_t& task, const char* why) {
   ++m_nRefused;
+  m_nLastRefusedSeq = task.seq;
+  m_pLastRefusal = why;
   ++m_nRefusedTotal;
   int64_t now = m_env->NowMs() / 1000;
   if (m_lastRefusalLog != 0 && now - m_lastRefusalLog < kRefusalLogSeconds) return;

@@ -282,7 +282,11 @@ void PrintStateChanges() {
   if (s.empty()) return;
   const bool tty = isatty(STDOUT_FILENO);
   if (refused >= 0 && Num(s, "refused") > refused) {
-    printf("%srefused count=%lld\n", tty ? "\n" : "", Num(s, "refused") - refused);
+    const std::string last = Str(s, "last_refused");  // "seq reason"
+    const size_t space = last.find(' ');
+    printf("%srefused count=%lld last_seq=%s reason=\"%s\"\n", tty ? "\n" : "",
+           Num(s, "refused") - refused, last.substr(0, space).c_str(),
+           space == std::string::npos ? "" : last.substr(space + 1).c_str());
   }
   if (gaveUp >= 0 && Num(s, "gave_up") > gaveUp) {
     printf("%sgave-up seq=%lld reason=\"four failed connections\"\n", tty ? "\n" : "",
