@@ -147,9 +147,15 @@ class TlsConn : public FtpConn {
   }
 
   // Sends close_notify (the end of the file for a server that checks it) before the close.
+  // What the server sent meanwhile (TLS 1.3 session tickets) is read first: a socket closed
+  // with unread bytes is reset, and a server may then lose the end of the file.
   bool EndBulkSend() override {
     int64_t deadline = NowMs() + (m_bulkIdleMs > 0 ? m_bulkIdleMs : 10000);
+    char sink[4096];
     std::string err;
+    while (SSL_read(m_ssl, sink, sizeof(sink)) > 0) {
+    }
+    ERR_clear_error();
     for (;;) {
       int r = SSL_shutdown(m_ssl);
       if (r >= 0) break;  // sent; the peer's reply is not awaited
