@@ -13,6 +13,7 @@
 #include "platform/host/ftp/client.h"
 #include "platform/host/ftp/listing.h"
 #include "platform/host/ftp/reply.h"
+#include "platform/host/ftp/tls_policy.h"
 #include "platform/text.h"
 #include "tests/fakes/fakes.h"
 
@@ -254,6 +255,33 @@ TEST(FtpParsersTest, PassivePortsAndFeatures) {
   }
   EXPECT_TRUE(FeatOffersMlsd("211-Features:\n MDTM\n mlsd\n211 End"));
   EXPECT_FALSE(FeatOffersMlsd("211-Features:\n MLSTX\n211 MLST"));
+}
+
+TEST(FtpParsersTest, TlsPolicyIsStrictAndNeverFallsBackToOff) {
+  // A policy file, and for host "h": the mode (0 off, 1 require, 2 broken), ca, verify_host
+  // and whether the pin (31 zero bytes and 0xab) was read.
+  const std::string pin = "pin=sha256:" + std::string(62, '0') + "Ab";
+  // clang-format off
+  for (auto [text, mode, ca, verify, pinned] :
+       std::vector<std::tuple<std::string, int, const char*, bool, bool>>{
+      {"", 0, "", true, 0}, {"# h require\n\n", 0, "", true, 0},
+      {"h require ca=/c verify_host=no " + pin, 1, "/c", false, 1},
+      {"* require\nh off", 0, "", true, 0}, {"x off\n* require ca=/d", 1, "/d", true, 0},
+      {"h require ca=/c\n* off", 1, "/c", true, 0}, {"hh require", 0, "", true, 0},
+      {"h require ca=", 2, "", true, 0}, {"h require CA=/c", 2, "", true, 0},
+      {"h require verify_host=maybe", 2, "", true, 0}, {"h require ca=/a ca=/b", 2, "", true, 0},
+      {"h require pin=sha256:00", 2, "", true, 0}, {"h require pin=md5:" + std::string(32, '0'), 2, "", true, 0},
+      {"h off tls", 2, "", true, 0}, {"h", 2, "", true, 0}, {"h on", 2, "", true, 0},
+      {"h require\nh off", 2, "", true, 0}, {"h require x\nh off", 2, "", true, 0},
+      {"h off\n* require bad", 2, "", true, 0},
+      {"h require pin=sha256:" + std::string(63, '0'), 2, "", true, 0}}) {
+    // clang-format on
+    FtpTlsPolicy p = ParseFtpTlsPolicy(text, "h", nullptr);
+    EXPECT_EQ(p.mode, mode) << text;
+    EXPECT_EQ(p.ca, ca) << text;
+    EXPECT_EQ(p.verifyHost, verify) << text;
+    EXPECT_EQ(p.pin, pinned ? std::string(31, '\0') + "\xab" : "") << text;
+  }
 }
 
 TEST(FtpParsersTest, ListingLines) {

@@ -111,9 +111,11 @@ FtpTlsPolicy ParseFtpTlsPolicy(const std::string& text, const std::string& host,
     if (!ok && problems != nullptr) {
       *problems += "line " + std::to_string(number) + ": " + p.why + "\n";
     }
-    if (!ok) {
-      p.mode = FtpTlsPolicy::kBroken;
-      p.why = "line " + std::to_string(number) + ": " + p.why;
+    if (!ok) {  // nothing of a broken entry is used
+      FtpTlsPolicy broken;
+      broken.mode = FtpTlsPolicy::kBroken;
+      broken.why = "line " + std::to_string(number) + ": " + p.why;
+      p = broken;
     }
     if (mine) {
       // A broken entry stays broken whatever follows.
