@@ -114,7 +114,9 @@ class TlsConn : public FtpConn {
   ~TlsConn() override {
     // An orderly end tells the peer that nothing was cut off; an armed abortive close (a
     // failed or unfinished bulk send) must not look like a complete file.
-    if (!m_failed && !m_abortive && !m_shutDown) (void)SSL_shutdown(m_ssl);
+    if (!m_failed && !m_abortive && !m_shutDown && SSL_is_init_finished(m_ssl)) {
+      (void)SSL_shutdown(m_ssl);
+    }
     SSL_free(m_ssl);
     ERR_clear_error();
   }
@@ -153,7 +155,7 @@ class TlsConn : public FtpConn {
     int64_t deadline = NowMs() + (m_bulkIdleMs > 0 ? m_bulkIdleMs : 10000);
     char sink[4096];
     std::string err;
-    while (SSL_read(m_ssl, sink, sizeof(sink)) > 0) {
+    while (NowMs() < deadline && SSL_read(m_ssl, sink, sizeof(sink)) > 0) {
     }
     ERR_clear_error();
     for (;;) {
