@@ -50,7 +50,7 @@ bool ParseEntry(const std::vector<std::string>& words, FtpTlsPolicy* p) {
   } else if (words[1] == "require") {
     p->mode = FtpTlsPolicy::kRequire;
   } else {
-    p->why = "unknown mode \"" + words[1] + "\"";
+    p->why = "unknown mode \"" + words[1].substr(0, 64) + "\"";
     return false;
   }
   bool seenCa = false, seenVerify = false, seenPin = false;
@@ -70,7 +70,7 @@ bool ParseEntry(const std::vector<std::string>& words, FtpTlsPolicy* p) {
     }
     if (ok && key == "pin") ok = ParsePin(value, &p->pin);
     if (!ok) {
-      p->why = "bad word \"" + w + "\"";
+      p->why = "bad word \"" + w.substr(0, 64) + "\"";
       return false;
     }
     *seen = true;
@@ -106,7 +106,7 @@ FtpTlsPolicy ParseFtpTlsPolicy(const std::string& text, const std::string& host,
     bool mine = words[0] == host, star = words[0] == "*";
     if (ok && ((mine && haveOwn) || (star && haveAny))) {
       ok = false;
-      p.why = "second entry for " + words[0];
+      p.why = "second entry for " + words[0].substr(0, 64);
     }
     if (!ok && problems != nullptr) {
       *problems += "line " + std::to_string(number) + ": " + p.why + "\n";
