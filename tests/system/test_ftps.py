@@ -22,11 +22,10 @@ def make_cert(path, *options):
                           text=True).stdout.strip()
 
 
-def write_policy(root, text):
-    path = root.under("/etc/velmar/ftps.conf")
-    with open(path + ".tmp", "w") as f:
+def write_policy(root, text):  # replaced whole, as an editor would
+    with open(root.under("/etc/velmar/ftps.tmp"), "w") as f:
         f.write(text)
-    os.replace(path + ".tmp", path)
+    os.replace(root.under("/etc/velmar/ftps.tmp"), root.under("/etc/velmar/ftps.conf"))
 
 
 def queue(root, seq, kind, source, name, url):
@@ -49,12 +48,10 @@ class FtpsTest(unittest.TestCase):
             self.root.remove()
 
     def test_refusals(self):
-        good = self.root.under("/good.pem")
-        make_cert(good)
-        other, wrong_host, expired = (self.root.under("/%s.pem" % n) for n in "owe")
-        make_cert(other)
-        make_cert(wrong_host, "--name", "elsewhere.example")
-        make_cert(expired, "--expired")
+        good, other, wrong_host, expired = (self.root.under("/%s.pem" % n) for n in "gowe")
+        for path, options in [(good, []), (other, []), (expired, ["--expired"]),
+                              (wrong_host, ["--name", "elsewhere.example"])]:
+            make_cert(path, *options)
         cases = [  # (server certificate or None for no TLS, policy words, expected reason)
             (None, "ca=" + good, "server answered AUTH TLS with 500"),
             (wrong_host, "ca=" + wrong_host, "certificate of another host"),
