@@ -2,7 +2,7 @@
 # Debian's cross compiler (g++-arm-linux-gnueabihf).
 #
 # The C library and libstdc++ come with the cross compiler (/usr/arm-linux-gnueabihf). The
-# libraries velmar links (SQLite3, TinyXML, GoogleTest/GoogleMock) come from Debian's armhf
+# libraries velmar links (SQLite3, TinyXML, OpenSSL, GoogleTest/GoogleMock) come from Debian's armhf
 # packages unpacked into a sysroot folder, which scripts/cross-build prepares:
 #
 #   cmake -S . -B build-armhf -G Ninja \
@@ -40,6 +40,10 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+
+# Headers that differ by architecture (OpenSSL's configuration.h) sit in the multiarch folder.
+set(CMAKE_C_STANDARD_INCLUDE_DIRECTORIES "${VELMAR_ARMHF_SYSROOT}/usr/include/${VELMAR_ARMHF_TRIPLET}")
+set(CMAKE_CXX_STANDARD_INCLUDE_DIRECTORIES "${VELMAR_ARMHF_SYSROOT}/usr/include/${VELMAR_ARMHF_TRIPLET}")
 
 # Shared libraries of the sysroot (libsqlite3.so.0, libtinyxml.so.2.6.2) are found at link
 # time through -rpath-link; at run time the build tree's RPATH points at the same folder.

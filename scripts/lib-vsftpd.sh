@@ -1,6 +1,9 @@
 # Shared by the benchmarks: an anonymous vsftpd on 127.0.0.1 serving $TMP/root (writable
 # directory $TMP/root/up). Installs vsftpd with apt-get when missing. Sets PORT and PID; the
-# caller stops it (kill "$PID") and removes $TMP.
+# caller stops it (kill "$PID") and removes $TMP. With VSFTPD_TLS set to a PEM file holding a
+# certificate and its key, it requires TLS on the login and on every data connection (explicit
+# FTPS, with TLS session reuse on the data connections); with VSFTPD_LOG set to a file, it logs
+# every command there ('FTP command: Client "127.0.0.1", "STOR x"').
 start_vsftpd() {
   if ! command -v vsftpd >/dev/null && [ ! -x /usr/sbin/vsftpd ]; then
     SUDO=""
@@ -37,6 +40,16 @@ xferlog_enable=NO
 dirmessage_enable=NO
 secure_chroot_dir=/var/run/vsftpd/empty
 CONF
+  if [ -n "${VSFTPD_TLS:-}" ]; then
+    printf '%s\n' ssl_enable=YES allow_anon_ssl=YES force_anon_logins_ssl=YES \
+      force_anon_data_ssl=YES require_ssl_reuse=YES ssl_ciphers=HIGH \
+      "rsa_cert_file=$VSFTPD_TLS" "rsa_private_key_file=$VSFTPD_TLS" >> "$TMP/vsftpd.conf"
+  fi
+  if [ -n "${VSFTPD_LOG:-}" ]; then
+    sed -i 's/^xferlog_enable=NO$/xferlog_enable=YES/' "$TMP/vsftpd.conf"
+    printf '%s\n' log_ftp_protocol=YES xferlog_std_format=NO "vsftpd_log_file=$VSFTPD_LOG" \
+      >> "$TMP/vsftpd.conf"
+  fi
   "$vsftpd" "$TMP/vsftpd.conf" &
   PID=$!
   for _ in $(seq 50); do

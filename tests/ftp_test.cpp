@@ -13,13 +13,23 @@
 #include "platform/host/ftp/client.h"
 #include "platform/host/ftp/listing.h"
 #include "platform/host/ftp/reply.h"
+#include "platform/host/ftp/tls_policy.h"
 #include "platform/text.h"
 #include "tests/fakes/fakes.h"
 
 namespace {
 
 // How the server misbehaves beyond its replies; the last two after taking kCap bytes of a transfer.
-enum Trouble { kNone, kHangsUp, kConnectHangs, kDataConnectHangs, kStalls, kStopsReading, kCloses };
+enum Trouble {
+  kNone,
+  kBadCert,
+  kHangsUp,
+  kConnectHangs,
+  kDataConnectHangs,
+  kStalls,
+  kStopsReading,
+  kCloses
+};
 constexpr size_t kCap = 100000;
 
 // The scripted server, which is also the transport the client owns and the clock it runs on.
@@ -60,7 +70,9 @@ struct Server : FtpTransport, FtpClock {
     for (std::string line; std::getline(lines, line);) {
       if (line[0] != '>') replies.back() += line + "\r\n";
       if (line[0] == '>') want += line.substr(1) + "\r\n";
-      if (line[0] == '>' && line.compare(0, 5, ">data") != 0) replies.emplace_back();
+      if (line[0] == '>' && line.compare(0, 5, ">data") != 0 && line != ">tls") {
+        replies.emplace_back();
+      }
     }
   }
   int64_t NowMs() override { return now; }
@@ -79,6 +91,14 @@ struct Server : FtpTransport, FtpClock {
     if (trouble == kDataConnectHangs) return TimeOut(timeoutMs, "connect: timed out", err);
     out->reset(new Conn(this, true));
     return 0;
+  }
+  // TLS that changes nothing on the wire but is seen as ">tls"; kBadCert refuses it.
+  std::unique_ptr<FtpConn> StartTls(std::unique_ptr<FtpConn> plain, const std::string&,
+                                    const FtpTlsPolicy&, const FtpConn*, int,
+                                    std::string* err) override {
+    seen += "tls\r\n";
+    if (trouble == kBadCert) return *err = "certificate expired", nullptr;
+    return plain;
   }
 
   const Trouble trouble;
@@ -239,6 +259,34 @@ TEST(FtpSessionTest, ScriptedServers) {
   }
 }
 
+TEST(FtpSessionTest, RequiredTlsComesFirstAndNeverFallsBackToClearText) {
+  TempRoot root;
+  const std::string auth = "220 hi\n>AUTH TLS\n234 go\n>tls\n>USER u\n331\n>PASS p\n230\n";
+  // The policy for ftp.example, calls and results (as in ScriptedServers), the script.
+  // clang-format off
+  for (auto [policy, calls, results, script, trouble] :
+       std::vector<std::tuple<const char*, const char*, const char*, std::string, Trouble>>{
+      {"* require", "SOWC", "0 4 200000 0", auth + ">PBSZ 0\n200\n>PROT P\n200\n>TYPE I\n200\n"
+       ">EPSV\n229 (|||5000|)\n>data 5000\n>STOR f.bin\n150\n>tls\n226\n>QUIT\n221", kNone},
+      {"ftp.example require", "S", "-1", "220 hi\n>AUTH TLS\n500 unknown", kNone},
+      {"ftp.example require", "S", "-1", "220 hi\n>AUTH TLS\n234 go\n>tls", kBadCert},
+      {"ftp.example require", "S", "-1", auth + ">PBSZ 0\n200\n>PROT P\n534 no", kNone},
+      {"ftp.example require pin=sha256:00\n* off", "S", "-1", "", kNone}}) {
+    // clang-format on
+    SCOPED_TRACE(policy + (": " + script));
+    root.Write("/etc/velmar/ftps.conf", policy);
+    Server* s = new Server(script, trouble, "");
+    std::unique_ptr<CFtpClient> c(NewFtpClientOver(std::unique_ptr<FtpTransport>(s), s));
+    PointAt(c.get(), "ftp.example", 0, "p", "", "", "f.bin");
+    std::string got, payload(200000, 'x');
+    int fd = -1;
+    for (char op : std::string(calls))
+      got += (got.empty() ? "" : " ") + Call(c.get(), op, *s, payload, &fd);
+    EXPECT_EQ(got, results);
+    EXPECT_EQ(s->seen, s->want);
+  }
+}
+
 TEST(FtpParsersTest, PassivePortsAndFeatures) {
   // A reply, and the port that ParseEpsvPort and ParsePasvPort read in it (or -1).
   // clang-format off
@@ -254,6 +302,33 @@ TEST(FtpParsersTest, PassivePortsAndFeatures) {
   }
   EXPECT_TRUE(FeatOffersMlsd("211-Features:\n MDTM\n mlsd\n211 End"));
   EXPECT_FALSE(FeatOffersMlsd("211-Features:\n MLSTX\n211 MLST"));
+}
+
+TEST(FtpParsersTest, TlsPolicyIsStrictAndNeverFallsBackToOff) {
+  // A policy file, and for host "h": the mode (0 off, 1 require, 2 broken), ca, verify_host
+  // and whether the pin (31 zero bytes and 0xab) was read.
+  const std::string pin = "pin=sha256:" + std::string(62, '0') + "Ab";
+  // clang-format off
+  for (auto [text, mode, ca, verify, pinned] :
+       std::vector<std::tuple<std::string, int, const char*, bool, bool>>{
+      {"", 0, "", true, 0}, {"# h require\n\n", 0, "", true, 0},
+      {"h require ca=/c verify_host=no " + pin, 1, "/c", false, 1},
+      {"* require\nh off", 0, "", true, 0}, {"x off\n* require ca=/d", 1, "/d", true, 0},
+      {"h require ca=/c\n* off", 1, "/c", true, 0}, {"hh require", 0, "", true, 0},
+      {"h require ca=", 2, "", true, 0}, {"h require CA=/c", 2, "", true, 0},
+      {"h require verify_host=maybe", 2, "", true, 0}, {"h require ca=/a ca=/b", 2, "", true, 0},
+      {"h require pin=sha256:00", 2, "", true, 0}, {"h require pin=md5:" + std::string(32, '0'), 2, "", true, 0},
+      {"h off tls", 2, "", true, 0}, {"h", 2, "", true, 0}, {"h on", 2, "", true, 0},
+      {"h require\nh off", 2, "", true, 0}, {"h require x\nh off", 2, "", true, 0},
+      {"h off\n* require bad", 2, "", true, 0},
+      {"h require pin=sha256:" + std::string(63, '0'), 2, "", true, 0}}) {
+    // clang-format on
+    FtpTlsPolicy p = ParseFtpTlsPolicy(text, "h", nullptr);
+    EXPECT_EQ(p.mode, mode) << text;
+    EXPECT_EQ(p.ca, ca) << text;
+    EXPECT_EQ(p.verifyHost, verify) << text;
+    EXPECT_EQ(p.pin, pinned ? std::string(31, '\0') + "\xab" : "") << text;
+  }
 }
 
 TEST(FtpParsersTest, ListingLines) {

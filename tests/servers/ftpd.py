@@ -7,7 +7,9 @@ that the client has to use LIST. --throttle N reads uploads at about N bytes a s
 end of the data even after the client is gone, as a server behind a slow link does (each
 connection then has a thread of its own). --events FILE appends a line per upload command
 ("STOR path" / "APPE path") and per finished upload ("closed path size"), so that a test can
-wait for a transfer to end instead of for a quiet period.
+wait for a transfer to end instead of for a quiet period. --tls CERT_AND_KEY (one PEM file)
+makes it an explicit FTPS server that requires TLS on the control and data connections;
+--commands FILE appends every command line it receives, "tls LINE" or "clear LINE".
 """
 import argparse
 import logging
@@ -18,7 +20,7 @@ import threading
 import time
 
 from pyftpdlib.authorizers import DummyAuthorizer
-from pyftpdlib.handlers import DTPHandler, FTPHandler
+from pyftpdlib.handlers import DTPHandler, FTPHandler, TLS_FTPHandler
 from pyftpdlib.servers import FTPServer, ThreadedFTPServer
 
 
@@ -32,13 +34,20 @@ def main():
     ap.add_argument("--port", type=int, default=0)
     ap.add_argument("--throttle", type=int, default=0)
     ap.add_argument("--events", default="")
+    ap.add_argument("--tls", default="")
+    ap.add_argument("--commands", default="")
     args = ap.parse_args()
 
     logging.basicConfig(level=logging.WARNING)
     authorizer = DummyAuthorizer()
     authorizer.add_user(args.user, args.password, args.root, perm="elradfmwMT")
 
-    proto = dict(FTPHandler.proto_cmds)
+    base = FTPHandler
+    if args.tls:
+        base = TLS_FTPHandler
+        base.certfile = args.tls
+        base.tls_control_required = base.tls_data_required = True
+    proto = dict(base.proto_cmds)
     if args.no_mlsd:
         proto.pop("MLSD", None)
         proto.pop("MLST", None)
@@ -48,12 +57,19 @@ def main():
             with open(args.events, "a") as f:
                 f.write(text + "\n")
 
-    class Handler(FTPHandler):
+    class Handler(base):
         proto_cmds = proto
+
+        def found_terminator(self):
+            if args.commands:
+                with open(args.commands, "a") as f:
+                    f.write("%s %s\n" % ("tls" if getattr(self, "_ssl_established", False)
+                                         else "clear", b"".join(self._in_buffer).decode("latin-1")))
+            return base.found_terminator(self)
 
         def ftp_STOR(self, file, mode="w"):
             event("%s %s" % ("APPE" if mode == "a" else "STOR", file))
-            return FTPHandler.ftp_STOR(self, file, mode)
+            return base.ftp_STOR(self, file, mode)
 
         def on_file_received(self, file):
             event("closed %s %d" % (file, os.path.getsize(file)))
@@ -65,7 +81,7 @@ def main():
             # its end, as a server that sees the control connection drop first may do.
             if args.throttle > 0 and self.data_channel is not None and self.data_channel.receive:
                 self.data_channel = None
-            FTPHandler.close(self)
+            base.close(self)
 
     if args.throttle > 0:
         class SlowReader(DTPHandler):

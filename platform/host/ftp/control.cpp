@@ -11,6 +11,12 @@ void FtpControl::Close() {
   m_parser.Reset();
 }
 
+std::unique_ptr<FtpConn> FtpControl::Detach() {
+  std::unique_ptr<FtpConn> conn = std::move(m_conn);
+  Close();
+  return conn;
+}
+
 int FtpControl::Send(const std::string& command, int timeoutMs, std::string* err) {
   if (m_conn == nullptr) {
     *err = "not connected";

@@ -17,6 +17,9 @@ class FtpControl {
   // Takes a new connection; drops the old one and bytes left from it.
   void Attach(std::unique_ptr<FtpConn> conn);
   void Close();
+  // Hands the connection over (to be wrapped in TLS) and drops bytes received but not yet
+  // read, so that nothing sent before the switch is read as if it came after it.
+  std::unique_ptr<FtpConn> Detach();
   bool open() const { return m_conn != nullptr; }
   // The connection, or nullptr when none is open.
   const FtpConn* conn() const { return m_conn.get(); }

@@ -172,6 +172,44 @@ std::unique_ptr<FtpConn> FtpSession::OpenPassive() {
   return r == 0 ? std::move(conn) : nullptr;
 }
 
+// Turns the control connection to TLS ("AUTH TLS"), before anything else is sent. 0, or -1
+// after one log line naming the reason, the session then closed: a server that refuses TLS
+// is never spoken to in clear.
+int FtpSession::SecureControl(const std::string& host) {
+  FtpReply reply;
+  int code = Step("AUTH", "AUTH TLS", &reply);
+  if (code < 0) return -1;
+  if (code != 234) {
+    Log(2, "TLS with %s refused: server answered AUTH TLS with %s", Printable(host).c_str(),
+        Printable(reply.text).c_str());
+    CloseSession();
+    return -1;
+  }
+  std::string err;
+  std::unique_ptr<FtpConn> conn =
+      m_transport->StartTls(m_ctrl.Detach(), host, m_tls, nullptr, m_limits.connectMs, &err);
+  if (conn == nullptr) {
+    Log(2, "TLS with %s refused: %s", Printable(host).c_str(), err.c_str());
+    CloseSession();
+    return -1;
+  }
+  m_data.ctrlFd = conn->id();
+  m_ctrl.Attach(std::move(conn));
+  return 0;
+}
+
+// Turns a data connection whose transfer the server has accepted to TLS when the session
+// speaks TLS. False after a log line, *conn then closed.
+bool FtpSession::SecureData(std::unique_ptr<FtpConn>* conn) {
+  if (m_tls.mode != FtpTlsPolicy::kRequire) return true;
+  std::string err;
+  std::string host = Field(m_server.host, sizeof(m_server.host));
+  *conn =
+      m_transport->StartTls(std::move(*conn), host, m_tls, m_ctrl.conn(), m_limits.connectMs, &err);
+  if (*conn == nullptr) Log(2, "TLS on the data connection refused: %s", err.c_str());
+  return *conn != nullptr;
+}
+
 // Runs one listing command into the record. 0 on success; the refusing reply's code when the
 // server refused the command; -1 on any other failure.
 int FtpSession::RunListing(FtpListFormat fmt) {
@@ -194,6 +232,10 @@ int FtpSession::RunListing(FtpListFormat fmt) {
     conn.reset();
     Log(2, "%s refused: %s", command, Printable(reply.text).c_str());
     return code;
+  }
+  if (!SecureData(&conn)) {
+    CloseSession();
+    return -1;
   }
   m_data.entryCount = 0;
   FtpListingParser parser(fmt, m_name.c_str(), m_data.entries, kFtpListCapacity);
@@ -276,6 +318,12 @@ int FtpSession::Start() {
   m_data.entryCount = 0;
   std::string host = Field(m_server.host, sizeof(m_server.host));
   int port = m_server.port != 0 ? m_server.port : kDefaultPort;
+  m_tls = LookupFtpTlsPolicy(host);
+  if (m_tls.mode == FtpTlsPolicy::kBroken) {
+    Log(2, "no connection to %s: its TLS policy is unusable (%s)", Printable(host).c_str(),
+        m_tls.why.c_str());
+    return -1;
+  }
   std::string err;
   std::unique_ptr<FtpConn> conn = m_transport->Connect(host, port, m_limits.connectMs, &err);
   if (conn == nullptr) {
@@ -298,6 +346,7 @@ int FtpSession::Start() {
     CloseSession();
     return -1;
   }
+  if (m_tls.mode == FtpTlsPolicy::kRequire && SecureControl(host) != 0) return -1;
   code = Step("USER", "USER " + Field(m_server.user, sizeof(m_server.user)), &reply);
   if (code == 331) {
     code = Step("PASS", "PASS " + Field(m_server.password, sizeof(m_server.password)), &reply);
@@ -306,6 +355,17 @@ int FtpSession::Start() {
     if (code >= 0) Log(2, "login refused: %s", Printable(reply.text).c_str());
     CloseSession();
     return -1;
+  }
+  if (m_tls.mode == FtpTlsPolicy::kRequire) {
+    // Every data connection encrypted too.
+    for (const char* command : {"PBSZ 0", "PROT P"}) {
+      code = Step("PROT", command, &reply);
+      if (!Is2xx(code)) {
+        if (code >= 0) Log(2, "%s refused: %s", command, Printable(reply.text).c_str());
+        CloseSession();
+        return -1;
+      }
+    }
   }
   code = Step("TYPE", "TYPE I", &reply);
   if (!Is2xx(code)) {
@@ -389,6 +449,10 @@ int FtpSession::CreateDataConn(int mode) {
     } else {
       Log(2, "%s refused: %s", command.c_str(), Printable(reply.text).c_str());
     }
+    return -1;
+  }
+  if (!SecureData(&conn)) {
+    Close();
     return -1;
   }
   m_dataConn = std::move(conn);

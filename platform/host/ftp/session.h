@@ -11,6 +11,7 @@
 #include "platform/ftpclient.h"
 #include "platform/host/ftp/control.h"
 #include "platform/host/ftp/listing.h"
+#include "platform/host/ftp/tls_policy.h"
 #include "platform/host/ftp/transport.h"
 
 class FtpSession {
@@ -39,6 +40,8 @@ class FtpSession {
   int Step(const char* what, const std::string& command, FtpReply* reply);
   int ChangeDir();
   std::unique_ptr<FtpConn> OpenPassive();
+  int SecureControl(const std::string& host);
+  bool SecureData(std::unique_ptr<FtpConn>* conn);
   int RunListing(FtpListFormat fmt);
 
   // Constant after construction.
@@ -59,6 +62,7 @@ class FtpSession {
   bool m_transferOpen = false;  // a STOR/APPE waits for its transfer reply
   bool m_sendFailed = false;    // a write on m_dataConn failed: its close must be abortive
   int m_writeIdleMs = -1;       // send time-out set on m_dataConn; -1: not yet
+  FtpTlsPolicy m_tls;           // for the server of this session; kRequire: TLS is up
   int m_mlsd = -1;              // -1 not asked yet, 0 no, 1 the server offers MLSD
   bool m_epsvRefused = false;
 

@@ -12,6 +12,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "platform/host/ftp/tls_conn.h"
+
 namespace {
 
 int64_t NowMs() {
@@ -208,6 +210,12 @@ class SocketTransport : public FtpTransport {
     if (fd < 0) return -1;
     out->reset(new SocketConn(fd));
     return 0;
+  }
+
+  std::unique_ptr<FtpConn> StartTls(std::unique_ptr<FtpConn> plain, const std::string& host,
+                                    const FtpTlsPolicy& policy, const FtpConn* resumeFrom,
+                                    int timeoutMs, std::string* err) override {
+    return StartTlsClient(std::move(plain), host, policy, resumeFrom, timeoutMs, err);
   }
 };
 

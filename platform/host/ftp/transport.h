@@ -10,6 +10,8 @@
 #include <memory>
 #include <string>
 
+#include "platform/host/ftp/tls_policy.h"
+
 // Monotonic milliseconds; only differences mean anything.
 class FtpClock {
  public:
@@ -63,4 +65,16 @@ class FtpTransport {
   static constexpr int kNoPeer = -2;
   virtual int ConnectToPeer(const FtpConn& ctrl, int port, int timeoutMs,
                             std::unique_ptr<FtpConn>* out, std::string* err) = 0;
+
+  // Turns plain (from this transport) into a TLS client connection to host within timeoutMs,
+  // checking the server's certificate as policy says; resumeFrom, when not null, is the TLS
+  // control connection whose session a data connection resumes. nullptr with *err naming the
+  // reason otherwise. A transport without TLS refuses every call.
+  virtual std::unique_ptr<FtpConn> StartTls(std::unique_ptr<FtpConn> plain, const std::string& host,
+                                            const FtpTlsPolicy& policy, const FtpConn* resumeFrom,
+                                            int timeoutMs, std::string* err) {
+    (void)plain, (void)host, (void)policy, (void)resumeFrom, (void)timeoutMs;
+    *err = "this transport has no TLS";
+    return nullptr;
+  }
 };
