@@ -160,8 +160,9 @@ class Watch:
     def __init__(self, root, seconds):
         self.out_path = root.under("/watch.out")
         with open(self.out_path, "w") as out:
-            self.proc = subprocess.Popen(built("velmarctl") + ["watch", "--seconds", str(seconds)],
-                                         env=_run_env(root), stdout=out)
+            self.proc = subprocess.Popen(built("velmarctl") + ["watch", "--seconds",
+                                         str(int(seconds * TIME_SCALE))], env=_run_env(root),
+                                         stdout=out)
 
     def task_status(self):
         return [l for l in read(self.out_path).splitlines() if l.startswith("task-status")]
