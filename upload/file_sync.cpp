@@ -192,12 +192,12 @@ void CFtpUploadFileMng::RunPass(ftpFileInfo_t* previous) {
 
 void CFtpUploadFileMng::ResumeFrom(const ftpFileInfo_t& task, int32_t serverSize) {
   CXFile source(task.type, m_env);
-  if (source.Xexist(task.fullName) != 1) {
+  int32_t localSize = 0;
+  if (!source.XsizeIfExists(task.fullName, &localSize)) {
     WriteDbgLog(0, "\n\n%s:%d file:%s not exist!\n\n", "FileSyncProcess", 373, task.fullName);
     StoreControlByte(&m_stTask.result, 1);
     return;
   }
-  int32_t localSize = source.XsizeByPath(task.fullName);
   bool sentBefore = SnapshotTask().sendTimes != 0;
   ServerCopy copy = JudgeServerCopy(task.type, serverSize, localSize, sentBefore);
   if (copy == ServerCopy::kAppend) {
@@ -279,7 +279,9 @@ void CFtpUploadFileMng::SendFile2FtpServer(const char* path, int mode, int offse
   }
   m_nSendFrom = offset;
   m_nSent = 0;
-  m_nSendTotal = source.XsizeByPath(path);
+  // The open source's own size: a recording is not opened and counted through once more.
+  int32_t sendTotal = source.Xsize();
+  m_nSendTotal = sendTotal > 0 ? sendTotal : 0;
   m_nSendStartMs = m_env->NowMs();
   time_t start = m_env->WallSeconds();
   time_t lastReport = start;

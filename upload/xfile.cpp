@@ -88,6 +88,20 @@ int32_t CXFile::XsizeByPath(const char* path) {
   return size;
 }
 
+bool CXFile::XsizeIfExists(const char* path, int32_t* size) {
+  if (m_nType == XFILE_AVI && m_pHandle == nullptr) {
+    CReadAvi reader(m_env);
+    AviFileInfo_t* h = reader.ReadAviOpen(path);
+    if (h == nullptr) return false;
+    *size = static_cast<int32_t>(reader.ReadAviGetSize(h));
+    reader.ReadAviClose(h);
+    return true;
+  }
+  if (Xexist(path) != 1) return false;
+  *size = XsizeByPath(path);
+  return true;
+}
+
 int32_t CXFile::Xread(void* buf, int size, int count) {
   if (m_nType == XFILE_NORMAL) {
     if (m_pHandle == nullptr) return -1;

@@ -28,6 +28,9 @@ class CXFile {
   int Xopen(const char* path, const char* mode);  // 0 or -1
   int32_t Xsize();                                // size of the open source, -1
   int32_t XsizeByPath(const char* path);          // size without opening; 0 on failure
+  // Xexist and XsizeByPath in one: false when the file (recording) cannot be found, else true
+  // and *size as XsizeByPath gives it. A recording is opened, and its frames counted, once.
+  bool XsizeIfExists(const char* path, int32_t* size);
   int32_t Xread(void* buf, int size, int count);
   int Xseek(long offset, int whence);  // recordings: absolute offset
   int Xclose();

@@ -1,6 +1,7 @@
 """Helpers for system tests: a velmar process in its own sandbox root, and bus receivers."""
 import json
 import os
+import shlex
 import shutil
 import signal
 import sqlite3
@@ -12,6 +13,15 @@ import time
 SOURCE_DIR = os.environ.get("VELMAR_SOURCE_DIR",
                             os.path.abspath(os.path.join(os.path.dirname(__file__), "../..")))
 BUILD_DIR = os.environ.get("VELMAR_BUILD_DIR", os.path.join(SOURCE_DIR, "build"))
+# Binaries of another instruction set run under an emulator ("qemu-arm -L <root>"), which is
+# several times slower: every deadline of the tests stretches by TIME_SCALE.
+EXEC_PREFIX = shlex.split(os.environ.get("VELMAR_EXEC_PREFIX", ""))
+TIME_SCALE = float(os.environ.get("VELMAR_TIME_SCALE", "4" if EXEC_PREFIX else "1"))
+
+
+def built(name):
+    """The command line that runs the build's program name."""
+    return EXEC_PREFIX + [os.path.join(BUILD_DIR, name)]
 
 
 def _run_env(root):
@@ -49,7 +59,7 @@ class Velmar:
         env = _run_env(self.root)
         env["PATH"] = os.path.join(BUILD_DIR, "busybox-bin") + ":" + env.get("PATH", "")
         with open(self.out_path, "ab") as out, open(self.err_path, "ab") as err:
-            self.proc = subprocess.Popen([os.path.join(BUILD_DIR, "velmar")], env=env,
+            self.proc = subprocess.Popen(built("velmar"), env=env,
                                          stdout=out, stderr=err, cwd=self.root.path,
                                          start_new_session=True)
 
@@ -82,8 +92,8 @@ class Velmar:
 
 def velmarctl(root, *args, timeout=30):
     """Runs velmarctl in root; returns the CompletedProcess."""
-    return subprocess.run([os.path.join(BUILD_DIR, "velmarctl")] + list(args),
-                          env=_run_env(root), capture_output=True, text=True, timeout=timeout)
+    return subprocess.run(built("velmarctl") + list(args), env=_run_env(root),
+                          capture_output=True, text=True, timeout=timeout * TIME_SCALE)
 
 
 def db_rows(mount_dir):
@@ -108,7 +118,7 @@ def db_rows(mount_dir):
 
 
 def wait_until(predicate, timeout, step=0.1):
-    deadline = time.time() + timeout
+    deadline = time.time() + timeout * TIME_SCALE
     while time.time() < deadline and not predicate():
         time.sleep(step)
     return predicate()
@@ -158,8 +168,8 @@ class Watch:
     def __init__(self, root, seconds):
         self.out_path = root.under("/watch.out")
         with open(self.out_path, "w") as out:
-            self.proc = subprocess.Popen([os.path.join(BUILD_DIR, "velmarctl"), "watch",
-                                          "--seconds", str(seconds)], env=_run_env(root),
+            self.proc = subprocess.Popen(built("velmarctl") + ["watch", "--seconds",
+                                         str(int(seconds * TIME_SCALE))], env=_run_env(root),
                                          stdout=out)
 
     def task_status(self):
@@ -190,7 +200,7 @@ def make_recording(root, seconds, start=1700000000, large=False, h265=False, aud
         options += ["--audio", alaw, "--audio-codec", "g711a", "--info-every", "1"]
     part = root.under("/mnt/sd1/record")
     os.makedirs(part, exist_ok=True)
-    made = subprocess.run([os.path.join(BUILD_DIR, "velmar-mkrec")] + options +
+    made = subprocess.run(built("velmar-mkrec") + options +
                           [es, os.path.join(part, "0001_0000000a.vfs")],
                           check=True, capture_output=True, text=True).stdout
     info = dict(line.split("=", 1) for line in made.split())
@@ -198,7 +208,7 @@ def make_recording(root, seconds, start=1700000000, large=False, h265=False, aud
 
 
 def velmar_avi(root, name, out):
-    subprocess.run([os.path.join(BUILD_DIR, "velmar-avi"), name, out], env=_run_env(root),
+    subprocess.run(built("velmar-avi") + [name, out], env=_run_env(root),
                    check=True, capture_output=True)
 
 
