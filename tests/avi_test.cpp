@@ -8,7 +8,6 @@
 #include "platform/byteorder.h"
 #include "platform/framestore.h"
 #include "platform/text.h"
-#include "tests/fakes/fake_readdisk.h"
 #include "tests/fakes/fakes.h"
 
 namespace {

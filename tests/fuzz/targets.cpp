@@ -21,7 +21,6 @@
 #include "maintain/ftp_maintain_mng.h"
 #include "platform/host/ftp/listing.h"
 #include "platform/host/ftp/reply.h"
-#include "tests/fakes/fake_readdisk.h"
 #include "tests/fakes/fakes.h"
 #include "upload/ftp_records.h"
 
