@@ -11,7 +11,6 @@
 #include <future>
 #include <map>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "maintain/command_files.h"
