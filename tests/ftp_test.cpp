@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <cstring>
 #include <memory>
-#include <numeric>
 #include <set>
 #include <sstream>
 #include <tuple>

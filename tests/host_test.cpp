@@ -10,14 +10,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <sstream>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "core/ftp_upload_interface.h"
 #include "core/main_loop.h"

@@ -4,14 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <climits>
-#include <cstring>
 #include <future>
-#include <map>
-#include <string>
-#include <vector>
 
 #include "maintain/command_files.h"
 #include "maintain/ftp_maintain_mng.h"

@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <functional>
-#include <map>
 #include <thread>
 
 #include "control/ftp_ctrl_mng.h"

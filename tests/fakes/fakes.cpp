@@ -4,8 +4,6 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstring>
 #include <fstream>
 #include <memory>
 #include <sstream>

@@ -5,15 +5,10 @@
 #include <tinyxml.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <iterator>
-#include <string>
-#include <vector>
 
 #include "avi/read_avi.h"
 #include "core/ftp_upload_interface.h"
