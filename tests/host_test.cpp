@@ -375,9 +375,9 @@ TEST(File2FtpDbTest, KeepsRowsInOrderDeletesExactlyAndRecoversFromBadFiles) {
                        got;
   {
     FaultyDb first;
-    ASSERT_EQ(first.OpenTable(root.path().c_str()), 0);
-    ASSERT_EQ(first.Insert(&rows.front()), 0);
-    ASSERT_EQ(first.InsertMore(more), 0);
+    ASSERT_EQ((std::vector<int>{first.OpenTable(root.path().c_str()), first.Insert(&rows.front()),
+                                first.InsertMore(more)}),
+              std::vector<int>(3, 0));
   }
   rows.splice(rows.end(), more);
   FaultyDb db;
@@ -392,15 +392,13 @@ TEST(File2FtpDbTest, KeepsRowsInOrderDeletesExactlyAndRecoversFromBadFiles) {
   // A database of a newer schema is refused and left as it is.
   sqlite3* newer = nullptr;
   sqlite3_open(root.Make("/newer/new_file_op.db").c_str(), &newer);
-  sqlite3_exec(newer, "CREATE TABLE ftp_log(x); PRAGMA user_version=99;", nullptr, nullptr,
-               nullptr);
+  sqlite3_exec(newer, "CREATE TABLE ftp_log(x); PRAGMA user_version=99;", 0, 0, 0);
   sqlite3_close(newer);
   const std::string mount = root.path() + "/newer",
                     before = ReadWholeFile(mount + "/new_file_op.db");
-  EXPECT_LT(db.OpenTable(mount.c_str()), 0);
-  EXPECT_EQ(db.m_bTabOpen, 0);
+  EXPECT_TRUE(db.OpenTable(mount.c_str()) < 0 && db.m_bTabOpen == 0 &&
+              db.SearchDelete(mount.c_str(), "/a") < 0);
   EXPECT_EQ(Rows(&db, &(got = {})), "error");  // the earlier table is closed
-  EXPECT_LT(db.SearchDelete(mount.c_str(), "/a"), 0);
   EXPECT_EQ(ReadWholeFile(mount + "/new_file_op.db"), before);
   // A file that is no database is set aside for a new one; a database deleted under the open
   // table is made anew at the next write. Rows written afterwards are on the medium.
