@@ -113,12 +113,7 @@ std::string Field(const uint8_t* h, size_t offset, size_t len) {
 }
 
 bool HasDotDot(const std::string& path) {
-  for (size_t start = 0; start <= path.size();) {
-    size_t end = std::min(path.find('/', start), path.size());
-    if (path.compare(start, end - start, "..") == 0) return true;
-    start = end + 1;
-  }
-  return false;
+  return ("/" + path + "/").find("/../") != std::string::npos;
 }
 
 // A configuration archive from the server, checked before it is unpacked: the check ends on
@@ -144,11 +139,9 @@ void ConfigArchive(const uint8_t* data, size_t size) {
 // scope and date parsing of every entry ends.
 void Filelist(const uint8_t* data, size_t size) {
   DiscardLogFiles();
-  static TestEnv* env = [] {
-    TestEnv* e = new TestEnv();
-    e->status = new FakeStatus();
-    return e;
-  }();
+  static TestEnv* env = new TestEnv();  // kept for the life of the process, like mng
+  static FakeStatus* status = new FakeStatus();
+  env->status = status;
   static CFtpMaintainMng* mng = new CFtpMaintainMng(env);
   char path[] = "/tmp/velmar-filelist-fuzz-XXXXXX";
   int fd = mkstemp(path);
