@@ -28,7 +28,7 @@ void Check(bool ok) {
 bool Terminated(const char* text, size_t size) { return strnlen(text, size) < size; }
 
 // Opens the stream of name over the partitions of status. A stream small enough to be read
-// quickly is read to exactly its announced length; any stream seeks to its middle.
+// quickly is read to exactly its announced length, then seeks to its middle.
 void ReadStream(FakeStatus* status, const char* name) {
   static bool quiet = freopen("/dev/null", "w", stdout) != nullptr;
   (void)quiet;
@@ -40,9 +40,10 @@ void ReadStream(FakeStatus* status, const char* name) {
   uint64_t total = 0, size = avi.ReadAviGetSize(h);
   uint8_t* d;
   int32_t n;
-  while (size <= (8u << 20) && avi.ReadAviRead(h, &d, &n, 16384) == 0) total += uint32_t(n);
-  Check(size > (8u << 20) || total == size);
-  Check(avi.ReadAviSeek(h, static_cast<uint32_t>(size / 2)) == 0);
+  if (size <= (8u << 20)) {
+    while (avi.ReadAviRead(h, &d, &n, 16384) == 0) total += static_cast<uint32_t>(n);
+    Check(total == size && avi.ReadAviSeek(h, static_cast<uint32_t>(size / 2)) == 0);
+  }
   avi.ReadAviClose(h);
 }
 
