@@ -8,7 +8,6 @@
 #include "platform/byteorder.h"
 #include "platform/framestore.h"
 #include "platform/text.h"
-#include "tests/fakes/fake_readdisk.h"
 #include "tests/fakes/fakes.h"
 
 namespace {
@@ -129,10 +128,9 @@ std::vector<uint32_t> AviTest::Walk(const AviFile& f) {
   uint64_t movi = m_type == 0 ? m_size + 1036ull + 24ull * rec.param.fps * m_seconds : 1036;
   for (const FakeFrame& fr : rec.frames) movi += m_type == 0 ? 0 : 24 + PayloadLen(fr);
   const size_t moviEnd = 4104 + static_cast<size_t>(U32(b, 4100));
-  EXPECT_EQ(4096 + (movi + 15) / 16 * 16, moviEnd);
-  EXPECT_EQ(1, f.last);
-  EXPECT_EQ(avi.ReadAviGetSize(h), b.size());
-  EXPECT_EQ(b.size() - 8, U32(b, 4));
+  // movi as computed, the end reported, the announced length, the RIFF length.
+  EXPECT_EQ((std::vector<uint64_t>{4096 + (movi + 15) / 16 * 16, 1, b.size(), b.size() - 8}),
+            (std::vector<uint64_t>{moviEnd, uint64_t(f.last), avi.ReadAviGetSize(h), U32(b, 4)}));
   if (moviEnd + 2 * index != b.size()) {
     ADD_FAILURE() << "sections of " << moviEnd << " + 2 x " << index << " in " << b.size();
     return {};
@@ -472,11 +470,9 @@ TEST_F(HostReaderTest, DamagedFilesEndTheFramesThere) {
   Save(kFrameStoreHeadLen + 316 + 7);
   EXPECT_EQ((Frames{{0, 300}}), Read(kT0, kT0 + 2));
   Save(50);
-  EXPECT_TRUE(Read(kT0, kT0 + 2).empty());
-  EXPECT_EQ(-1, infoResult);
+  EXPECT_TRUE(Read(kT0, kT0 + 2).empty() && infoResult == -1);
   Save(SIZE_MAX, "VLMFS002");
-  EXPECT_TRUE(Read(kT0, kT0 + 2).empty());
-  EXPECT_EQ(-1, infoResult);
+  EXPECT_TRUE(Read(kT0, kT0 + 2).empty() && infoResult == -1);
 }
 
 }  // namespace

@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <cstring>
 #include <memory>
-#include <numeric>
 #include <set>
 #include <sstream>
 #include <tuple>
@@ -204,10 +202,8 @@ std::vector<Case> Cases() {
 // Points c at user "u" on host:port (0: the default) with the server path, and at the local file.
 void PointAt(CFtpClient* c, const char* host, int port, const char* password, const char* path,
              const char* dir, const char* file) {
-  UserDefServerSet_t srv{};
-  srv.port = static_cast<uint16_t>(port);
+  UserDefServerSet_t srv{static_cast<uint16_t>(port), "", "u", "", ""};
   CopyText(srv.host, sizeof(srv.host), host);
-  CopyText(srv.user, sizeof(srv.user), "u");
   CopyText(srv.password, sizeof(srv.password), password);
   CopyText(srv.path, sizeof(srv.path), path);
   c->Init(nullptr);

@@ -4,15 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <climits>
-#include <cstring>
 #include <future>
-#include <map>
-#include <string>
-#include <tuple>
-#include <vector>
 
 #include "maintain/command_files.h"
 #include "maintain/ftp_maintain_mng.h"
@@ -149,12 +143,9 @@ class MaintainTest : public ::testing::Test {
     root.Write("/etc/velmar/config/jtbase.xml", "<jtbase deviceNo=\"150\"/>");
     root.Write("/etc/velmar/version.xml",
                "<version prefix=\"VLM\" v1=\"1\" v2=\"2\" v3=\"3\" v4=\"4\"/>");
-    env.clock = &clock;
-    env.status = &status;
-    env.shell = &shell;
+    env.clock = &clock, env.status = &status, env.shell = &shell;
     shell.mustBeFree = &mng.m_lock;
-    status.deviceType = 3;
-    status.mcuVersion = "V1.2";
+    status.deviceType = 3, status.mcuVersion = "V1.2";
     status.mounts[DISK_USAGE_UPLOAD] = {FakeStatus::Entry(1, "/mnt/sd1"),
                                         FakeStatus::Entry(6, "/mnt/sd2")};
     SetDisks({1});

@@ -4,18 +4,12 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstring>
 #include <fstream>
 #include <memory>
 #include <sstream>
 #include <thread>
 
-#include "platform/byteorder.h"
-#include "platform/paths.h"
 #include "platform/text.h"
-#include "tests/fakes/fake_ftp_client.h"
-#include "tests/fakes/fake_readdisk.h"
 
 TempRoot::TempRoot() : m_hadRoot(getenv("VELMAR_ROOT") != nullptr) {
   if (m_hadRoot) m_oldRoot = getenv("VELMAR_ROOT");
@@ -53,24 +47,6 @@ std::string ReadWholeFile(const std::string& path) {
   std::stringstream text;
   text << std::ifstream(path, std::ios::binary).rdbuf();
   return text.str();
-}
-
-LogCapture::LogCapture()
-    : m_user(SandboxRoot() + "/var/log/velmar/user.log"),
-      m_userStart(ReadWholeFile(m_user).size()) {}
-
-std::vector<LogCapture::UserRecord> LogCapture::UserRecords() const {
-  std::string data = ReadWholeFile(m_user).substr(m_userStart);
-  std::vector<UserRecord> out;
-  const uint8_t* b = reinterpret_cast<const uint8_t*>(data.data());
-  for (size_t at = 0; at + 12 <= data.size();) {
-    uint32_t len = LoadLE32(b + at + 8);
-    if (at + 12 + len > data.size()) break;
-    out.push_back(
-        {static_cast<int>(LoadLE32(b + at)), LoadLE32(b + at + 4), data.substr(at + 12, len)});
-    at += 12 + len;
-  }
-  return out;
 }
 
 PartEntry_t FakeStatus::Entry(int type, const std::string& path) {

@@ -2,11 +2,14 @@
 // whose fake is not plugged in is the host's.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <map>
 #include <mutex>
+#include <numeric>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,6 +18,8 @@
 #include "platform/evbus.h"
 #include "platform/file2ftpdb.h"
 #include "platform/fileutil.h"
+#include "platform/ftpclient.h"
+#include "platform/readdisk.h"
 #include "platform/status.h"
 #include "platform/thread.h"
 
@@ -40,24 +45,6 @@ void DiscardLogFiles();
 // The whole content of a file; empty when it cannot be read.
 std::string ReadWholeFile(const std::string& path);
 
-// A list that any thread may append to while the test reads it.
-template <typename T>
-class Recorder {
- public:
-  void Add(T item) {
-    std::lock_guard<std::mutex> g(m_mutex);
-    m_items.push_back(std::move(item));
-  }
-  std::vector<T> All() const {
-    std::lock_guard<std::mutex> g(m_mutex);
-    return m_items;
-  }
-
- private:
-  mutable std::mutex m_mutex;
-  std::vector<T> m_items;
-};
-
 // A clock that moves only when told to or when something sleeps on it.
 class FakeClock {
  public:
@@ -74,22 +61,6 @@ class FakeClock {
  private:
   std::atomic<int64_t> m_nowMs{1000000};
   std::atomic<uint64_t> m_sleptUs{0};
-};
-
-// The user-log records the current sandbox root received since construction.
-class LogCapture {
- public:
-  struct UserRecord {
-    int type;
-    unsigned code;
-    std::string data;
-  };
-  LogCapture();
-  std::vector<UserRecord> UserRecords() const;
-
- private:
-  std::string m_user;
-  size_t m_userStart;
 };
 
 // A status service whose answers the test sets. Fault switch: failing[which].
@@ -179,9 +150,130 @@ class FaultyDb : public CFile2FtpDbMng {
   }
 };
 
+// A scripted FTP client for engine tests: the listing, the failures and what was written.
+class FakeFtpClient : public CFtpClient {
+ public:
+  // The scripted state, shared by every client the factory makes. While a Script lives, a
+  // TestEnv hands out fake clients that follow it.
+  struct Script {
+    Script() { script = this; }
+    ~Script() { script = nullptr; }
+    std::mutex mutex;
+    std::vector<FtpDirEntry_t> listing;
+    int startFailures = 0;    // FtpStart (the login) fails this many times
+    int listResult = 0;       // FtpGetServerDirFile's result when negative
+    bool dataFails = false;   // FtpCreateDateSockFd fails
+    int writeFailAfter = -1;  // FtpWriteDate fails once this many bytes were written (-1: never)
+    std::function<void(size_t)> onWrite;  // called after each write with the total so far
+    std::function<void(int)> onList;      // called (under the lock) with each listing's number
+    int lists = 0;
+    // Observed:
+    int starts = 0, closes = 0;
+    std::vector<int> modes;  // modes of the data connections
+    std::string written;     // bytes written, all sends together
+    std::string dir, name;
+  };
+  static inline Script* script = nullptr;
+
+  static FtpDirEntry_t Entry(const std::string& name, int32_t size) {
+    FtpDirEntry_t e{};
+    e.size = size;
+    strncpy(e.name, name.c_str(), sizeof(e.name) - 1);
+    return e;
+  }
+
+  int Init(FtpLogFn_f) override { return 0; }
+  int FtpSetServerInfo(UserDefServerSet_t*) override { return 0; }
+  int FtpSetLocalInfo(const char* dir, const char* name) override {
+    std::lock_guard<std::mutex> g(script->mutex);
+    script->dir = dir, script->name = name;
+    return 0;
+  }
+  int FtpStart() override {
+    std::lock_guard<std::mutex> g(script->mutex);
+    ++script->starts;
+    return script->startFailures > 0 ? (--script->startFailures, -1) : 0;
+  }
+  int FtpGetServerDirFile() override {
+    std::lock_guard<std::mutex> g(script->mutex);
+    if (script->listResult < 0) return script->listResult;
+    if (script->onList) script->onList(++script->lists);
+    m_data.entryCount = int32_t(std::min<size_t>(script->listing.size(), kFtpListCapacity));
+    std::copy_n(script->listing.begin(), m_data.entryCount, m_data.entries);
+    return 0;
+  }
+  FtpClientData_t* FtpGetClientData() override { return &m_data; }
+  int FtpCreateDateSockFd(int mode) override {
+    std::lock_guard<std::mutex> g(script->mutex);
+    if (script->dataFails) return -1;
+    script->modes.push_back(mode);
+    return m_data.dataFd = 99;
+  }
+  int FtpWriteDate(int fd, const char* buf, int len, int) override {
+    std::unique_lock<std::mutex> g(script->mutex);
+    std::string& w = script->written;
+    if (fd != 99 || w.size() >= static_cast<size_t>(script->writeFailAfter)) return -1;
+    w.append(buf, static_cast<size_t>(len));
+    std::function<void(size_t)> hook = script->onWrite;
+    size_t total = w.size();
+    g.unlock();  // the hook may change the script
+    if (hook) hook(total);
+    return len;
+  }
+  int FtpClose() override {
+    std::lock_guard<std::mutex> g(script->mutex);
+    ++script->closes;
+    return m_data.dataFd = -1, 0;
+  }
+
+ private:
+  FtpClientData_t m_data{};
+};
+
+// An in-memory frame-store reader for the AVI stream tests. While a FakeRecording lives, every
+// reader a TestEnv creates reads its frames.
+struct FakeFrame {
+  uint64_t time_us;
+  uint32_t type;
+  std::vector<uint8_t> data;
+};
+
+class FakeRecording {
+ public:
+  FakeRecording() { current = this, SetParam(25, 3); }
+  ~FakeRecording() { current = nullptr; }
+  // Sets the encode parameters GetInfo answers with.
+  void SetParam(int fps, int resolution, bool h265 = false, int audioCodec = 0, int standard = 0) {
+    auto u8 = [](int v) { return static_cast<uint8_t>(v); };
+    param = {{}, u8(h265), u8(fps), u8(resolution), u8(audioCodec), {}, uint32_t(standard), {}};
+  }
+  // Appends a frame of len bytes whose byte i is (seed + i) & 0xff.
+  void Add(uint64_t time_us, uint32_t type, uint32_t len, uint8_t seed = 0) {
+    frames.push_back({time_us, type, std::vector<uint8_t>(len)});
+    std::iota(frames.back().data.begin(), frames.back().data.end(), seed);
+  }
+  // Appends a type-5 frame: a 44-byte source of the given subtype whose other bytes are
+  // (seed + i) & 0xff.
+  void AddInfo(uint64_t time_us, uint32_t subtype, uint8_t seed = 0) {
+    Add(time_us, 5, 44, seed);
+    for (int i = 0; i < 4; ++i) frames.back().data[i] = static_cast<uint8_t>(subtype >> (8 * i));
+  }
+
+  EncodeParam_t param{};
+  std::vector<FakeFrame> frames;  // in time order
+  bool failGetInfo = false;       // fault switch
+  int failAfter = -1;  // a started read reports no frame after this many frames (-1: never)
+  // What the stream did with the readers.
+  int created = 0, destroyed = 0, quits = 0, stops = 0;
+  std::vector<PartAccess_t> inits;
+  std::vector<RecordItem_t> starts;
+
+  static inline FakeRecording* current = nullptr;
+};
+
 // The Env of a test: each role whose fake is plugged in answers from it, the others are the
 // host's. The FTP client and frame-store reader are the fakes while a FakeFtpClient::Script
-// or a FakeRecording lives (tests/fakes/fake_ftp_client.h, fake_readdisk.h).
+// or a FakeRecording lives.
 class TestEnv : public EnvWrapper {
  public:
   TestEnv() : EnvWrapper(Env::Default()) {}
