@@ -1,13 +1,12 @@
-// The AVI stream over fake recordings (header, structure, info records, blocks, seeking, open),
-// and the host frame-store reader under it (span, seeking, read-ahead, damaged files).
+// The AVI stream over fake recordings (header, structure, info records, blocks, seeking, open).
+// (The host frame-store reader under it meets real recordings in the system tests, and
+// arbitrary files in the framestore fuzz target.)
 #include <gtest/gtest.h>
 
 #include <sstream>
 
 #include "avi/read_avi.h"
 #include "platform/byteorder.h"
-#include "platform/framestore.h"
-#include "platform/text.h"
 #include "tests/fakes/fakes.h"
 
 namespace {
@@ -190,19 +189,6 @@ std::vector<uint32_t> AviTest::Walk(const AviFile& f) {
   return at;
 }
 
-TEST_F(AviTest, ReferenceRecordingHasTheGoldenHeader) {
-  ASSERT_NE(nullptr, Open(60, 0, 30000000));
-  EXPECT_EQ(30233136u, avi.ReadAviGetSize(h));
-  EXPECT_EQ(ExpectedHead({30233136, 30037040, 40000, 1500, 25000000, 960000, "H264", 640, 480}),
-            ReadAll(16384, 1).bytes);
-  // The reader was given the record item and the partition of the name.
-  const RecordItem_t& it = rec.starts.at(0);
-  EXPECT_EQ(std::vector<uint32_t>({1, 0xa, kT0, kT0 + 60, 0, 30000000}),
-            std::vector<uint32_t>({it.channel, it.fileNo, it.start_time, it.end_time,
-                                   it.record_type, it.record_size}));
-  EXPECT_EQ("/mnt/part1 /mnt/part1", std::string(rec.inits.at(0).path) + " " + it.part_path);
-}
-
 TEST_F(AviTest, HeaderCarriesFrameRateCodecAndPictureSize) {
   // clang-format off
   const struct { int fps, code; bool h265; uint32_t usPerFrame, width, h576, h480; } rows[] = {
@@ -381,98 +367,18 @@ TEST_F(AviTest, PartitionIsLookedUpInLists15Then17Then16) {
   status.partLists[17] = {FakeStatus::Entry(3, "/mnt/b"), FakeStatus::Entry(1, "/mnt/b1")};
   status.partLists[16] = {FakeStatus::Entry(1, "/mnt/c")};
   status.deviceType = 0x1234;
-  ASSERT_NE(nullptr, Open(1));
+  ASSERT_NE(nullptr, Open(60, 0, 30000000));
   EXPECT_EQ("/mnt/b1 4660",
             std::string(rec.inits.back().path) + " " + std::to_string(rec.inits.back().devWord));
+  // The reader was given the record item and the partition of the name.
+  const RecordItem_t& it = rec.starts.back();
+  EXPECT_EQ(std::vector<uint32_t>({1, 0xa, kT0, kT0 + 60, 0, 30000000}),
+            std::vector<uint32_t>({it.channel, it.fileNo, it.start_time, it.end_time,
+                                   it.record_type, it.record_size}));
+  EXPECT_STREQ("/mnt/b1", it.part_path);
   status.failing[STATUS_PART_LIST_B] = true;
   ASSERT_NE(nullptr, Open(1));
   EXPECT_STREQ("/mnt/c", rec.inits.back().path);
-}
-
-using Frames = std::vector<std::pair<uint32_t, uint32_t>>;  // (ms after kT0, length)
-
-class HostReaderTest : public ::testing::Test {
- protected:
-  // Appends a frame of len bytes at kT0 + ms whose byte i is (ms + i) & 0xff.
-  void Frame(uint32_t ms, uint32_t type, uint32_t len, uint32_t claimed = 0) {
-    uint8_t head[16];
-    StoreLE64(head, kT0 * 1000000ull + ms * 1000ull);
-    StoreLE32(head + 8, type);
-    StoreLE32(head + 12, claimed != 0 ? claimed : len);
-    bytes.append(reinterpret_cast<char*>(head), 16);
-    for (uint32_t i = 0; i < len; ++i) bytes.push_back(static_cast<char>(ms + i));
-  }
-  // Writes the frame store (magic, encode parameters, frames), cut after keep bytes.
-  void Save(size_t keep = SIZE_MAX, const char* magic = kFrameStoreMagic) {
-    std::string file = std::string(magic, 8) + std::string(kFrameStoreHeadLen - 8, 0) + bytes;
-    file[8 + 12] = 1, file[8 + 13] = 10, file[8 + 15] = 2;  // H.265, 10 fps, audio codec 2
-    root.Write("/mnt/rec/0002_000000ff.vfs", file.substr(0, keep));
-  }
-  // The frames (payloads checked) the host reader gives for [start, end), after a seek to seekTo.
-  Frames Read(uint32_t start, uint32_t end, long seekTo = -1) {
-    CReadDisk* r = NewReadDisk();
-    PartAccess_t access{};
-    CopyText(access.path, sizeof(access.path), dir.c_str());
-    r->Init(&access);
-    RecordItem_t item{};
-    item.channel = 2, item.fileNo = 0xff, item.start_time = start, item.end_time = end;
-    infoResult = r->GetInfo(&param, &item, 0);
-    void* h = r->StartRead(0, &item);
-    if (h != nullptr && seekTo >= 0) r->SeekTime(h, &seekTo);
-    Frames got;
-    FrameInfo_t info;
-    void* data = nullptr;
-    while (h != nullptr && r->ReadFrame(h, &info, &data) == 0) {
-      uint32_t ms = static_cast<uint32_t>(info.time_us / 1000 - kT0 * 1000ull);
-      got.emplace_back(ms, info.length);
-      const uint8_t* p = static_cast<const uint8_t*>(data);
-      uint32_t i = 0;
-      while (i < info.length && p[i] == static_cast<uint8_t>(ms + i)) ++i;
-      EXPECT_EQ(info.length, i) << "first wrong byte of the frame at " << ms << " ms";
-      free(data);
-    }
-    r->StopRead(h);
-    delete r;
-    return got;
-  }
-
-  TempRoot root;
-  std::string dir = root.path() + "/mnt/rec", bytes;
-  EncodeParam_t param{};
-  int infoResult = 0;  // of GetInfo in the last Read
-};
-
-// Frames of about 40 kB every 500 ms, one (1500 ms) over half the read-ahead window.
-TEST_F(HostReaderTest, DeliversTheSpanAndSeeks) {
-  auto f = [](uint32_t ms) { return std::make_pair(ms, ms == 1500 ? 200000u : 40000 + ms); };
-  for (uint32_t ms = 0; ms < 4000; ms += 500) Frame(ms, ms == 0 ? 1 : 0, f(ms).second);
-  Save();
-  EXPECT_EQ((Frames{f(1000), f(1500), f(2000), f(2500)}), Read(kT0 + 1, kT0 + 3));
-  EXPECT_EQ((Frames{f(3000), f(3500)}), Read(kT0 + 3, kT0 + 9));
-  EXPECT_EQ((Frames{f(2000), f(2500), f(3000), f(3500)}), Read(kT0, kT0 + 4, kT0 + 2l));
-  EXPECT_EQ((Frames{f(1000), f(1500)}), Read(kT0 + 1, kT0 + 2, kT0 + 1l));
-  EXPECT_TRUE(Read(kT0 + 5, kT0 + 9).empty());
-  // The encode parameters come from the file head.
-  EXPECT_EQ((std::vector<int>{0, 10, 1, 2}),
-            (std::vector<int>{infoResult, param.fps, param.codecFlags, param.audioCodec}));
-}
-
-TEST_F(HostReaderTest, DamagedFilesEndTheFramesThere) {
-  Frame(0, 1, 300);
-  Frame(100, 0, 200);
-  Frame(200, 0, 50, /*claimed=*/kFrameStoreMaxFrame + 1);  // absurd length
-  Frame(300, 0, 10);
-  Save();
-  EXPECT_EQ((Frames{{0, 300}, {100, 200}}), Read(kT0, kT0 + 2));
-  // Cut inside the second frame's payload or head, inside the file head; not a frame store.
-  Save(kFrameStoreHeadLen + 316 + 16 + 50);
-  EXPECT_EQ((Frames{{0, 300}}), Read(kT0, kT0 + 2));
-  Save(kFrameStoreHeadLen + 316 + 7);
-  EXPECT_EQ((Frames{{0, 300}}), Read(kT0, kT0 + 2));
-  Save(50);
-  EXPECT_TRUE(Read(kT0, kT0 + 2).empty() && infoResult == -1);
-  Save(SIZE_MAX, "VLMFS002");
-  EXPECT_TRUE(Read(kT0, kT0 + 2).empty() && infoResult == -1);
 }
 
 }  // namespace

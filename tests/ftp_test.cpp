@@ -1,10 +1,9 @@
 // The FTP client over scripted servers on a fake clock (a silent server moves the clock by the
-// wait allowed), its reply and listing parsers, and the host client against pyftpdlib.
+// wait allowed), and its reply, listing and TLS policy parsers. (The socket transport under it
+// meets real servers in the system tests.)
 #include <gtest/gtest.h>
-#include <signal.h>
 
 #include <memory>
-#include <set>
 #include <sstream>
 #include <tuple>
 
@@ -351,67 +350,6 @@ TEST(FtpParsersTest, ListingLines) {
     bool file = ParseFtpListLine(line, strlen(line), format, &item);
     EXPECT_EQ(file ? item.name + ":" + std::to_string(item.size) : "", want) << line;
   }
-}
-
-// pyftpdlib (tests/servers/ftpd.py) on 127.0.0.1 over root, on the free port it prints after the
-// shell's pid; killed and reaped when the object goes.
-struct PyFtpd {
-  explicit PyFtpd(const std::string& root, const std::string& extra = "") {
-    std::string here = __FILE__;  // absolute in our builds
-    out = popen(("echo $$; exec /usr/bin/python3 " + here.substr(0, here.rfind('/')) +
-                 "/servers/ftpd.py --user u --lifetime 120 --root '" + root + "' " + extra)
-                    .c_str(),
-                "r");
-    if (out == nullptr || fscanf(out, "%d %d", &pid, &port) != 2) port = 0;
-  }
-  ~PyFtpd() {
-    if (pid > 0) kill(pid, SIGKILL);
-    if (out != nullptr) pclose(out);
-  }
-  FILE* out;
-  int pid = 0, port = 0;
-};
-
-// Lists the server's root and uploads bytes to name in 16384-byte blocks (mode 0 store, 1 append):
-// the listing as "name:size|..." in name order, or "failed" at the first call that fails.
-std::string Session(const PyFtpd& server, const char* host, const char* password, const char* name,
-                    int mode, const std::string& bytes) {
-  std::unique_ptr<CFtpClient> c(NewFtpClient());
-  PointAt(c.get(), host, server.port, password, "/", "", name);
-  if (c->FtpStart() != 0 || c->FtpGetServerDirFile() != 0) return "failed";
-  const FtpClientData_t* d = c->FtpGetClientData();
-  std::set<std::string> entries;  // in name order
-  for (int i = 0; i < d->entryCount; ++i)
-    entries.insert(std::string(d->entries[i].name) + ":" + std::to_string(d->entries[i].size) +
-                   "|");
-  int fd = c->FtpCreateDateSockFd(mode);
-  for (size_t off = 0; fd >= 0 && off < bytes.size(); off += 16384) {
-    int n = static_cast<int>(std::min<size_t>(16384, bytes.size() - off));
-    if (c->FtpWriteDate(fd, bytes.data() + off, n, 10) != n) fd = -1;
-  }
-  std::string listed = std::accumulate(entries.begin(), entries.end(), std::string());
-  return fd >= 0 && c->FtpClose() == 0 ? listed : "failed";
-}
-
-TEST(FtpClientServerTest, ListsAppendsStoresAndRefusesAWrongPassword) {
-  TempRoot root;
-  const std::string store = root.path() + "/store";
-  std::string local(3 * 16384 + 999, '\0');
-  for (size_t i = 0; i < local.size(); ++i) local[i] = static_cast<char>(i * 13 % 251);
-  root.Write("/store/part.bin", local.substr(0, 1000));
-  root.Write("/store/empty.txt", "");
-  root.Write("/store/with space.bin", std::string(5000, 'y'));
-  root.Write("/store/subdir/in.bin", "not listed");
-  PyFtpd mlsd(store), list(store, "--no-mlsd");
-  ASSERT_TRUE(mlsd.port > 0 && list.port > 0) << "pyftpdlib did not start";
-  // "localhost" may resolve to ::1 first, where nothing listens: the next address is tried.
-  EXPECT_EQ(Session(mlsd, "localhost", "secret", "part.bin", 1, local.substr(1000)),
-            "empty.txt:0|part.bin:1000|with space.bin:5000|");
-  EXPECT_EQ(ReadWholeFile(store + "/part.bin"), local);
-  EXPECT_EQ(Session(list, "127.0.0.1", "secret", "new.bin", 0, local),
-            "empty.txt:0|part.bin:" + std::to_string(local.size()) + "|with space.bin:5000|");
-  EXPECT_EQ(ReadWholeFile(store + "/new.bin"), local);
-  EXPECT_EQ(Session(mlsd, "127.0.0.1", "wrong", "a", 0, ""), "failed");
 }
 
 }  // namespace

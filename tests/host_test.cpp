@@ -166,20 +166,6 @@ TEST(RequestInterfaceTest, EachRequestReachesItsTargetAndTheRestIsDropped) {
   EXPECT_EQ(Join(s.user, s.password, s.host, s.port, s.path), "|||0||");
 }
 
-TEST(RequestListenTest, StartListenReplacesAStaleRegistration) {
-  TempRoot root;
-  root.Write("/run/evbus/_tmp_ftpuploadfile.listen", "0000000000000001 /tmp/stale\n");
-  root.Write("/tmp/ftpuploadfile.listen", "stale socket file");
-  CFtpUploadInterface* iface = CFtpUploadInterface::Instance();
-  iface->StartListen();
-  EXPECT_NE(iface->m_hListen, nullptr);
-  EXPECT_EQ(ReadWholeFile(root.path() + "/run/evbus/_tmp_ftpuploadfile.listen"),
-            "0000000000410000 /tmp/ftpuploadfile.listen\n");
-  iface->StopListen();
-  iface->StopListen();  // twice is harmless
-  EXPECT_EQ(iface->m_hListen, nullptr);
-}
-
 TEST(MainLoopTest, StepsEveryFiveSecondsWithHeartbeatUnlessTheWatchdogExpired) {
   TempRoot root;
   FakeClock clock;

@@ -2,10 +2,9 @@
 
 Serves --root for --user with --password (default "user", "secret") on 127.0.0.1, on a free
 port (or --port) that it prints as the first line of standard output. Ends by itself after
---lifetime seconds in case whoever started it does not stop it. --no-mlsd hides MLST/MLSD so
-that the client has to use LIST. --throttle N reads uploads at about N bytes a second, to the
-end of the data even after the client is gone, as a server behind a slow link does (each
-connection then has a thread of its own). --events FILE appends a line per upload command
+--lifetime seconds in case whoever started it does not stop it. --throttle N reads uploads at
+about N bytes a second, to the end of the data even after the client is gone, as a server
+behind a slow link does (each connection then has a thread of its own). --events FILE appends a line per upload command
 ("STOR path" / "APPE path") and per finished upload ("closed path size"), so that a test can
 wait for a transfer to end instead of for a quiet period. --tls CERT_AND_KEY (one PEM file)
 makes it an explicit FTPS server that requires TLS on the control and data connections;
@@ -30,7 +29,6 @@ def main():
     ap.add_argument("--user", default="user")
     ap.add_argument("--password", default="secret")
     ap.add_argument("--lifetime", type=float, default=120.0)
-    ap.add_argument("--no-mlsd", action="store_true")
     ap.add_argument("--port", type=int, default=0)
     ap.add_argument("--throttle", type=int, default=0)
     ap.add_argument("--events", default="")
@@ -47,10 +45,6 @@ def main():
         base = TLS_FTPHandler
         base.certfile = args.tls
         base.tls_control_required = base.tls_data_required = True
-    proto = dict(base.proto_cmds)
-    if args.no_mlsd:
-        proto.pop("MLSD", None)
-        proto.pop("MLST", None)
 
     def event(text):
         if args.events:
@@ -58,8 +52,6 @@ def main():
                 f.write(text + "\n")
 
     class Handler(base):
-        proto_cmds = proto
-
         def found_terminator(self):
             if args.commands:
                 with open(args.commands, "a") as f:

@@ -2,7 +2,8 @@
 TLS, a certificate of another host, an expired one, one from an unknown CA, a fingerprint
 mismatch) has its own log line and nothing but AUTH reaches the server; to vsftpd with TLS
 forced on both connections a file and a recording arrive byte-identical, and a partial copy is
-continued with APPE."""
+continued with APPE. The recording (H.265 with G.711 audio and info frames, from ffmpeg's test
+sources) is also read back by ffprobe and ffmpeg: every frame decodes."""
 import filecmp
 import os
 import shutil
@@ -10,8 +11,8 @@ import signal
 import subprocess
 import unittest
 
-from harness import (SOURCE_DIR, FtpServer, SandboxRoot, Velmar, Watch, make_recording,
-                     velmar_avi, velmarctl, wait_until)
+from harness import (SOURCE_DIR, FtpServer, SandboxRoot, ServiceTest, Velmar, Watch,
+                     make_recording, probe, velmar_avi, wait_until)
 
 CERT_TOOL = os.path.join(SOURCE_DIR, "scripts", "ftps-cert")
 
@@ -28,24 +29,10 @@ def write_policy(root, text):  # replaced whole, as an editor would
     os.replace(root.under("/etc/velmar/ftps.tmp"), root.under("/etc/velmar/ftps.conf"))
 
 
-def queue(root, seq, kind, source, name, url):
-    r = velmarctl(root, "upload", kind, source, "--seq", str(seq), "--name", name, "--server", url)
-    assert r.returncode == 0, r.stderr
-
-
-class FtpsTest(unittest.TestCase):
-    def setUp(self):
-        self.root = SandboxRoot()
-        self.velmar = Velmar(self.root)
-        self.cleanups = []
-
-    def tearDown(self):
-        try:
-            self.velmar.stop()
-        finally:
-            for stop in reversed(self.cleanups):
-                stop()
-            self.root.remove()
+class FtpsTest(ServiceTest):
+    def queue(self, seq, kind, source, name, url, root=None):
+        self.ctl("upload", kind, source, "--seq", str(seq), "--name", name, "--server", url,
+                 root=root)
 
     def test_refusals(self):
         good, other, wrong_host, expired = (self.root.under("/%s.pem" % n) for n in "gowe")
@@ -61,15 +48,15 @@ class FtpsTest(unittest.TestCase):
         ]
         for seq, (cert, words, reason) in enumerate(cases, 1):
             server = FtpServer(self.root.under("/served%d" % seq), tls=cert).start()
-            self.cleanups.append(server.stop)
+            self.addCleanup(server.stop)
             velmar = Velmar(SandboxRoot())
-            self.cleanups += [velmar.root.remove, velmar.stop]
+            self.addCleanup(velmar.root.remove)
+            self.addCleanup(velmar.stop)
             write_policy(velmar.root, "* off\n")
-            velmar.start()
-            self.assertTrue(velmar.wait_log("disk changed", 15), velmar.log())
+            self.start(velmar)
             # Re-read when it changes: an entry for this server's host, one for all others.
             write_policy(velmar.root, "127.0.0.1 require %s\n* off\n" % words)
-            queue(velmar.root, seq, "--file", good, "x.txt", server.url("/"))
+            self.queue(seq, "--file", good, "x.txt", server.url("/"), root=velmar.root)
             line = "TLS with 127.0.0.1 refused: " + reason
             self.assertTrue(velmar.wait_log(line, 60), (reason, velmar.log()[-2000:]))
             velmar.stop()
@@ -87,8 +74,8 @@ class FtpsTest(unittest.TestCase):
                                 text=True, start_new_session=True,
                                 env=dict(os.environ, TMP=tmp, VSFTPD_TLS=tmp + "/cert.pem",
                                          VSFTPD_LOG=log))
-        self.cleanups.append(lambda: (os.killpg(proc.pid, signal.SIGKILL), proc.wait(),
-                                      proc.stdout.close()))
+        self.addCleanup(lambda: (os.killpg(proc.pid, signal.SIGKILL), proc.wait(),
+                                 proc.stdout.close()))
         url = "ftp://anonymous:x@127.0.0.1:%d/up" % int(proc.stdout.readline())
         write_policy(self.root, "127.0.0.1 require ca=%s/cert.pem verify_host=yes pin=sha256:%s\n"
                      % (tmp, pin))
@@ -99,15 +86,16 @@ class FtpsTest(unittest.TestCase):
         shutil.copyfile(local, up + "part.bin")
         os.truncate(up + "part.bin", 1 << 20)
         shutil.chown(up + "part.bin", "ftp")
-        recording, _ = make_recording(self.root, 4)
+        recording, made = make_recording(self.root, 4, h265=True, audio=True)
+        self.assertEqual((made["video_frames"], made["audio_frames"], made["info_frames"]),
+                         ("100", "100", "4"))
         velmar_avi(self.root, recording, self.root.under("/expected.avi"))
         watch = Watch(self.root, 120)
-        self.cleanups.append(watch.stop)
-        self.velmar.start()
-        self.assertTrue(self.velmar.wait_log("disk changed", 15), self.velmar.log())
-        queue(self.root, 1, "--file", local, "file.bin", url)
-        queue(self.root, 2, "--recording", recording, "rec.avi", url)
-        queue(self.root, 3, "--file", local, "part.bin", url)
+        self.addCleanup(watch.stop)
+        self.start()
+        self.queue(1, "--file", local, "file.bin", url)
+        self.queue(2, "--recording", recording, "rec.avi", url)
+        self.queue(3, "--file", local, "part.bin", url)
         wait_until(lambda: len(watch.task_status()) == 3, 90, step=0.5)
         self.assertEqual(sorted(watch.task_status()),
                          ["task-status seq=%d status=0" % i for i in (1, 2, 3)],
@@ -119,6 +107,12 @@ class FtpsTest(unittest.TestCase):
             sent = [l.split('", "', 1)[1].rstrip('"\n') for l in f if "FTP command" in l]
         self.assertIn("APPE part.bin", sent)
         self.assertNotIn("STOR part.bin", sent)
+        streams, duration, errors = probe(up + "rec.avi")
+        v, a = streams["video"], streams["audio"]
+        self.assertEqual((v["codec_name"], v["width"], v["height"], v["avg_frame_rate"],
+                          v["nb_read_packets"], a["codec_name"], a["sample_rate"], errors),
+                         ("hevc", 640, 480, "25/1", "100", "pcm_s16le", "8000", "0"))
+        self.assertAlmostEqual(duration, 4.0, delta=0.05)
 
 
 if __name__ == "__main__":

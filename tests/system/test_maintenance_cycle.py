@@ -8,7 +8,7 @@ import os
 import tarfile
 import unittest
 
-from harness import FtpServer, SandboxRoot, Velmar, read, velmarctl, wait_until
+from harness import FtpServer, ServiceTest, read, wait_until
 
 PACKAGE = "VLM-1.0.4-2.4-20261201-A.sw"
 NEW_DEVICE = "200456"
@@ -35,21 +35,14 @@ def config_archive():
     return out.getvalue()
 
 
-class MaintenanceCycleTest(unittest.TestCase):
+class MaintenanceCycleTest(ServiceTest):
     def setUp(self):
-        self.root = SandboxRoot()
+        super().setUp()
         self.served = self.root.under("/served")
         self.server = FtpServer(self.served, lifetime=400).start()
+        self.addCleanup(self.server.stop)
         self.second = FtpServer(self.root.under("/served2"), lifetime=400).start()
-        self.velmar = Velmar(self.root)
-
-    def tearDown(self):
-        try:
-            self.velmar.stop()
-        finally:
-            self.server.stop()
-            self.second.stop()
-            self.root.remove()
+        self.addCleanup(self.second.stop)
 
     def write(self, path, data):
         os.makedirs(os.path.dirname(path), exist_ok=True)
@@ -102,8 +95,7 @@ class MaintenanceCycleTest(unittest.TestCase):
         # request for the same server) does not load it again.
         self.write(self.root.under("/etc/velmar/version.xml"),
                    '<version prefix="VLM" v1="1.0.4" v2="2.4" v3="20261201" v4="A"/>')
-        r = velmarctl(self.root, "server", "--server", self.server.url("/"))
-        self.assertEqual(r.returncode, 0, r.stderr)
+        self.ctl("server", "--server", self.server.url("/"))
         self.assertTrue(self.velmar.wait_log("NewVer=CurVer=" + PACKAGE, 60),
                         self.velmar.log()[-4000:])
         self.assertEqual(self.velmar.log().count("LocalVersion="), 1)
@@ -113,8 +105,7 @@ class MaintenanceCycleTest(unittest.TestCase):
         self.serve(self.second.root_dir,
                    [("UsrDefineCmd.xml", 3,
                      '<UsrDefineCmd><CMDITEM>touch %s</CMDITEM></UsrDefineCmd>' % marker2)])
-        r = velmarctl(self.root, "server", "--server", self.second.url("/"))
-        self.assertEqual(r.returncode, 0, r.stderr)
+        self.ctl("server", "--server", self.second.url("/"))
         local_list = self.root.under("/mnt/sd1/FileList.xml")
         second_list = read(os.path.join(self.second.root_dir, "FileList.xml"))
         self.assertTrue(wait_until(lambda: os.path.exists(local_list) and

@@ -6,7 +6,7 @@ import filecmp
 import os
 import unittest
 
-from harness import FtpServer, SandboxRoot, Velmar, Watch, db_rows, velmarctl, wait_until
+from harness import FtpServer, ServiceTest, Velmar, Watch, db_rows, wait_until
 
 
 def write_file(path, size, seed):
@@ -17,40 +17,23 @@ def write_file(path, size, seed):
             f.write(block[:min(size - at, len(block))])
 
 
-class ResumeTest(unittest.TestCase):
-    def setUp(self):
-        self.root = SandboxRoot()
-        self.served = self.root.under("/served")
-        self.velmar = Velmar(self.root)
-        self.server = self.watch = None
-
-    def tearDown(self):
-        try:
-            if self.watch:
-                self.watch.stop()
-            self.velmar.stop()
-        finally:
-            if self.server:
-                self.server.stop()
-            self.root.remove()
-
+class ResumeTest(ServiceTest):
     def remote(self, name):
-        return os.path.join(self.served, "up", "in", name)
+        return self.root.under("/served/up/in/" + name)
 
     def send_kill_resume(self, local, name, throttle, recording=False, kills=5):
         """Queues local as name and kills velmar (SIGKILL) each time another sixth has arrived,
         starting it again at once, while the killed process's data may still be on its way;
         then waits for the task to complete."""
-        self.server = FtpServer(self.served, throttle=throttle).start()
-        self.watch = Watch(self.root, 300)
-        self.velmar.start()
-        self.assertTrue(self.velmar.wait_log("disk changed", 15), self.velmar.log())
-        r = velmarctl(self.root, "upload", "--recording" if recording else "--file", local,
-                      "--seq", "9", "--name", name, "--dir", "in",
-                      "--server", self.server.url("/up"))
-        self.assertEqual(r.returncode, 0, r.stderr)
+        server = FtpServer(self.root.under("/served"), throttle=throttle).start()
+        self.addCleanup(server.stop)
+        watch = Watch(self.root, 300)
+        self.addCleanup(watch.stop)
+        self.start()
+        self.ctl("upload", "--recording" if recording else "--file", local, "--seq", "9",
+                 "--name", name, "--dir", "in", "--server", server.url("/up"))
         remote = self.remote(name)
-        sends = lambda: [e for e in self.server.events() if not e.startswith("closed ")]
+        sends = lambda: [e for e in server.events() if not e.startswith("closed ")]
         for k in range(1, kills + 1):
             # Killed while its own send is under way: k stores or appends so far, and the
             # copy grown by another 512 KiB since the last of them started.
@@ -61,9 +44,9 @@ class ResumeTest(unittest.TestCase):
             self.velmar.stop()  # SIGKILL
             self.velmar = Velmar(self.root)
             self.velmar.start()
-        self.assertTrue(wait_until(lambda: self.watch.task_status(), 180, step=0.5),
+        self.assertTrue(wait_until(lambda: watch.task_status(), 180, step=0.5),
                         self.velmar.log()[-3000:])
-        self.assertEqual(self.watch.task_status(), ["task-status seq=9 status=0"])
+        self.assertEqual(watch.task_status(), ["task-status seq=9 status=0"])
         # One store, then only appends: never stored anew, so the whole copy being identical
         # proves that each start continued from exactly the size the server held.
         sent = sends()
