@@ -172,24 +172,6 @@ class MaintainTest : public ::testing::Test {
   CFtpMaintainMng mng{&env};
 };
 
-// An entry is any element whose name holds "FILE" and that has a text; a list parsed into a
-// list is appended to it.
-TEST_F(MaintainTest, ParsesEntriesBySubstringAndAppends) {
-  root.Write("/list.xml",
-             "<Any><MYFILE filetype=\"2\" crcvalue=\"abc\">LOGCMD.xml</MYFILE>"
-             "<FILES filetype=\"5\"/><file>lower.xml</file></Any>");
-  root.Write("/bad.xml", "not xml at all");
-  FtpFileList_t list{};
-  int sum = 0;
-  for (const char* f : {"/list.xml", "/list.xml", "/bad.xml"})
-    sum += mng.ParseFileList(P(f).c_str(), &list);
-  ASSERT_EQ(Lines({std::to_string(sum), std::to_string(list.count)}), Lines({"-1", "2"}));
-  const FtpFileItem_t& a = list.pItems[1];
-  EXPECT_EQ(Lines({a.FileName, a.CrcValue, std::to_string(a.FileType)}),
-            Lines({"LOGCMD.xml", "abc", "2"}));
-  free(list.pItems);
-}
-
 // Entries of the periodic list are skipped for another device type, an expiry before now or
 // unreadable, out of scope, a name a shell would act on, the running version or MCU.
 TEST_F(MaintainTest, EntriesAreJudgedThenLoadedByType) {

@@ -257,22 +257,6 @@ TEST(UploadControlTableTest, TransferControl) {
   }
 }
 
-// A full database still loads, a corrupt one loads nothing; admission queues, rows unchanged.
-TEST(UploadControlTableTest, DatabaseFaults) {
-  for (bool corrupt : {false, true}) {
-    SCOPED_TRACE(corrupt ? "corrupt" : "full");
-    UploadBench b;
-    std::string sd1 = b.AddDisk(1, "/mnt/sd1");
-    b.StoreRows(sd1, 2, {"/data/a", "/data/b"});
-    (corrupt ? b.db.corrupt : b.db.full) = true;
-    b.mng.CheckDiskState(100);
-    EXPECT_EQ(b.Names().size(), corrupt ? 0u : 2u);
-    EXPECT_EQ(b.Admit(3, "/data/new"), 0);
-    EXPECT_EQ(b.Names().back(), "/data/new");
-    EXPECT_EQ(b.Seqs(sd1), (Ints{2, 2}));
-  }
-}
-
 const char kAviName[] = "/0001_0000000a_1_100_101_1_0.avi";
 const char kBadAvi[] = "/0001_0000000a_1_300_200_1_0.avi";  // ends before it starts
 

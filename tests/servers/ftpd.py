@@ -4,11 +4,12 @@ Serves --root for --user with --password (default "user", "secret") on 127.0.0.1
 port (or --port) that it prints as the first line of standard output. Ends by itself after
 --lifetime seconds in case whoever started it does not stop it. --throttle N reads uploads at
 about N bytes a second, to the end of the data even after the client is gone, as a server
-behind a slow link does (each connection then has a thread of its own). --events FILE appends a line per upload command
-("STOR path" / "APPE path") and per finished upload ("closed path size"), so that a test can
-wait for a transfer to end instead of for a quiet period. --tls CERT_AND_KEY (one PEM file)
-makes it an explicit FTPS server that requires TLS on the control and data connections;
---commands FILE appends every command line it receives, "tls LINE" or "clear LINE".
+behind a slow link does (each connection then has a thread of its own). --events FILE appends
+a line per upload command ("STOR path" / "APPE path") and per finished upload ("closed path
+size"), so that a test can wait for a transfer to end instead of for a quiet period. --tls
+CERT_AND_KEY (one PEM file) makes it an explicit FTPS server that requires TLS on the control
+and data connections; --commands FILE appends every command line it receives, "tls LINE" or
+"clear LINE".
 """
 import argparse
 import logging

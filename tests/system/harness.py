@@ -34,6 +34,13 @@ def read(path):
         return f.read().decode("utf-8", "replace")
 
 
+def write(path, data):
+    """Writes data (bytes or text) to path, making its directory."""
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    with open(path, "wb") as f:
+        f.write(data if isinstance(data, bytes) else data.encode())
+
+
 class SandboxRoot:
     """A temporary root filled from the example profile."""
 
@@ -72,23 +79,25 @@ class Velmar:
         wait_until(lambda: text in self.log() or self.proc.poll() is not None, timeout)
         return text in self.log()
 
-    def alive(self):
-        return self.proc is not None and self.proc.poll() is None
-
     def stop(self):
-        """Kills the service; raises AssertionError when a sanitizer of an instrumented build
-        reported something on its error output (the test then fails, also from tearDown)."""
-        if self.proc is None:
+        """Kills the service; raises AssertionError when it had ended by itself or a sanitizer
+        of an instrumented build reported something on its error output (the test then fails,
+        also from a cleanup)."""
+        proc, self.proc = self.proc, None
+        if proc is None:
             return
-        if self.proc.poll() is None:
-            os.killpg(self.proc.pid, signal.SIGKILL)
-        self.proc.wait(timeout=10)
+        ended = proc.poll()
+        if ended is None:
+            os.killpg(proc.pid, signal.SIGKILL)
+        proc.wait(timeout=10)
         lines = self.log().splitlines()
         marks = ("WARNING: ThreadSanitizer", "ERROR: AddressSanitizer", "runtime error:")
         reports = [l for i, line in enumerate(lines) if any(m in line for m in marks)
                    for l in lines[i:i + 12]]
         if reports:
             raise AssertionError("velmar: sanitizer report:\n" + "\n".join(reports))
+        if ended is not None:
+            raise AssertionError("velmar ended by itself (%d):\n" % ended + "\n".join(lines[-40:]))
 
 
 class ServiceTest(unittest.TestCase):

@@ -12,7 +12,7 @@ import subprocess
 import unittest
 
 from harness import (SOURCE_DIR, FtpServer, SandboxRoot, ServiceTest, Velmar, Watch,
-                     make_recording, probe, velmar_avi, wait_until)
+                     make_recording, probe, velmar_avi, wait_until, write)
 
 CERT_TOOL = os.path.join(SOURCE_DIR, "scripts", "ftps-cert")
 
@@ -24,8 +24,7 @@ def make_cert(path, *options):
 
 
 def write_policy(root, text):  # replaced whole, as an editor would
-    with open(root.under("/etc/velmar/ftps.tmp"), "w") as f:
-        f.write(text)
+    write(root.under("/etc/velmar/ftps.tmp"), text)
     os.replace(root.under("/etc/velmar/ftps.tmp"), root.under("/etc/velmar/ftps.conf"))
 
 
@@ -80,8 +79,7 @@ class FtpsTest(ServiceTest):
         write_policy(self.root, "127.0.0.1 require ca=%s/cert.pem verify_host=yes pin=sha256:%s\n"
                      % (tmp, pin))
         local, up = self.root.under("/file.bin"), tmp + "/root/up/"
-        with open(local, "wb") as f:
-            f.write(os.urandom(3 << 20))
+        write(local, os.urandom(3 << 20))
         # A copy cut short by an earlier pass: the upload must continue it with APPE.
         shutil.copyfile(local, up + "part.bin")
         os.truncate(up + "part.bin", 1 << 20)
