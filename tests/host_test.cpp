@@ -404,11 +404,14 @@ const char kProfile[] = R"(<recorder><state watchdogExpired="0"/>
 std::string Listed(int code) {
   PartStatus_t list;
   memset(&list, 1, sizeof(list));  // a count that shows when nothing cleared it
-  int rc = code == STATUS_PART_LIST_A ? GetStatus(STATUS_PART_LIST_A, &list)
-                                      : GetDiskForCommUsage(LOG_STATUS_E(code), &list, nullptr);
+  int rc = code == STATUS_PART_LIST_A
+               ? GetStatus(STATUS_PART_LIST_A, &list)
+               : GetDiskForCommUsage(static_cast<LOG_STATUS_E>(code), &list, nullptr);
   std::string out = rc == 0 ? "" : "fail";
-  for (int i = 0; i < list.count && i < 8; ++i)
-    out += std::to_string(list.part[i].type) + ":" + std::string(list.part[i].path) + " ";
+  for (int i = 0; i < list.count && i < 8; ++i) {
+    const PartEntry_t& e = list.part[i];
+    out += std::to_string(e.type) + ":" + std::string(e.path, strnlen(e.path, 128)) + " ";
+  }
   return out;
 }
 
