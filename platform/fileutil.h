@@ -10,6 +10,12 @@ int file_exist(const char* path);
 int fileisexist(const char* path);
 // Size of the file in bytes (capped at INT32_MAX), -1 when it cannot be examined.
 int getfilesize(const char* path);
+// Opens path for reading (flags may add O_RDWR or O_APPEND, never O_CREAT) so that the open
+// itself cannot wait: a FIFO, device, socket or directory is refused without blocking, and so
+// is a symbolic link loop. Returns a descriptor of a regular file, in blocking mode, with
+// close-on-exec; or -1 with *why (when not null) saying what was wrong. Every file the
+// service reads that may come from outside is opened through here.
+int OpenRegularFile(const char* path, int flags, std::string* why);
 // Reads the regular file at path, of at most maxBytes, into *out. False, with *why saying what
 // was wrong, for anything else (missing, a directory, a FIFO or device: never waits for a
 // writer, larger than maxBytes, unreadable).

@@ -179,24 +179,41 @@ int getfilesize(const char* path) {
   return st.st_size > INT_MAX ? INT_MAX : static_cast<int>(st.st_size);
 }
 
-bool ReadRegularFile(const char* path, size_t maxBytes, std::string* out, std::string* why) {
-  out->clear();
+int OpenRegularFile(const char* path, int flags, std::string* why) {
+  std::string ignored;
+  if (why == nullptr) why = &ignored;
   if (path == nullptr) {
     *why = "no path";
-    return false;
+    return -1;
   }
-  // O_NONBLOCK: opening a FIFO must not wait for a writer.
-  int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  // O_NONBLOCK: opening a FIFO must not wait for a writer; it is cleared again below.
+  int fd = open(path, (flags & ~O_CREAT) | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
   if (fd < 0) {
     *why = strerror(errno);
-    return false;
+    return -1;
   }
   struct stat st;
-  bool ok = false;
   if (fstat(fd, &st) != 0) {
     *why = strerror(errno);
   } else if (!S_ISREG(st.st_mode)) {
     *why = "not a regular file";
+  } else if (fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0) {
+    *why = strerror(errno);
+  } else {
+    return fd;
+  }
+  close(fd);
+  return -1;
+}
+
+bool ReadRegularFile(const char* path, size_t maxBytes, std::string* out, std::string* why) {
+  out->clear();
+  int fd = OpenRegularFile(path, O_RDONLY, why);
+  if (fd < 0) return false;
+  struct stat st;
+  bool ok = false;
+  if (fstat(fd, &st) != 0) {
+    *why = strerror(errno);
   } else if (static_cast<uint64_t>(st.st_size) > maxBytes) {
     *why = "larger than " + std::to_string(maxBytes) + " bytes";
   } else {
