@@ -1,9 +1,11 @@
-// Bringing one file-list entry from the maintenance server to a local directory with ftpget.
+// Bringing one file-list entry from the maintenance server to a local directory with ftpget,
+// past the entry's digest check.
 #include <cstdio>
 #include <cstring>
 #include <string>
 
 #include "maintain/ftp_maintain_mng.h"
+#include "maintain/trust_gate.h"
 #include "platform/config.h"
 #include "platform/env.h"
 #include "platform/fileutil.h"
@@ -65,6 +67,15 @@ int CFtpMaintainMng::DownloadFile(FtpFileItem_t* item, const UpgradeSet_t* accou
   }
   if (fileisexist(target) == 0) remove(target);
   m_env->RunCommand(command, 600);
+  // Nothing lands under its own name, where a loader or another service would take it, before
+  // it has passed its entry's digest; a refused copy is deleted, and the entry's check then
+  // finds no file and loads it again.
+  std::string why;
+  if (!JudgeDownload(*item, local, &why)) {
+    WriteDbgLog(2, "DownloadFile: %s refused and deleted: %s\n", item->FileName, why.c_str());
+    remove(local);
+    return 0;
+  }
   m_env->RunCommand(move, 10);
   return 0;
 }
