@@ -1,5 +1,6 @@
 #include "maintain/trust_gate.h"
 
+#include <strings.h>
 #include <tinyxml.h>
 
 #include <cctype>
@@ -19,18 +20,22 @@ constexpr size_t kSignatureMaxBytes = 4096;
 constexpr char kShaPrefix[] = "sha256:";
 constexpr size_t kShaPrefixLen = sizeof(kShaPrefix) - 1;
 
-// The 64 hex digits of an entry's "sha256:..." value, lowercase; empty when it names none.
-std::string NamedDigest(const FtpFileItem_t& item) {
+// What an entry's value says of its file's digest: kNone when it names no SHA-256, kBad when
+// it starts like one but is not 64 hex digits (never read as none), kNamed with *hex in
+// lowercase.
+enum class Digest { kNone, kBad, kNamed };
+
+Digest NamedDigest(const FtpFileItem_t& item, std::string* hex) {
   char value[sizeof(item.CrcValue) + 1] = {};
   memcpy(value, item.CrcValue, sizeof(item.CrcValue));
-  if (strncmp(value, kShaPrefix, kShaPrefixLen) != 0) return "";
-  std::string hex(value + kShaPrefixLen);
-  if (hex.size() != 64) return "";
-  for (char& c : hex) {
-    if (!isxdigit(static_cast<unsigned char>(c))) return "";
+  if (strncasecmp(value, kShaPrefix, kShaPrefixLen) != 0) return Digest::kNone;
+  *hex = value + kShaPrefixLen;
+  if (hex->size() != 64) return Digest::kBad;
+  for (char& c : *hex) {
+    if (!isxdigit(static_cast<unsigned char>(c))) return Digest::kBad;
     c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
   }
-  return hex;
+  return Digest::kNamed;
 }
 
 // The serial on the root element of a list: 0 when it has none; false when it is not a
@@ -103,14 +108,22 @@ bool JudgeFileList(const char* listPath, std::string* bytes, std::string* why) {
 }
 
 bool EntryIsVerifiable(const FtpFileItem_t& item, std::string* why) {
-  if (!NamedDigest(item).empty()) return true;
-  if (CurrentTrustMode(why) == TrustMode::kOpen) return true;
-  *why = "no sha256 value, and lists must be signed";
-  return false;
+  std::string hex;
+  switch (NamedDigest(item, &hex)) {
+    case Digest::kNamed:
+      return true;
+    case Digest::kBad:
+      *why = "its sha256 value is not 64 hex digits";
+      return false;
+    default:
+      if (CurrentTrustMode(why) == TrustMode::kOpen) return true;
+      *why = "no sha256 value, and lists must be signed";
+      return false;
+  }
 }
 
 bool JudgeDownload(const FtpFileItem_t& item, const char* localPath, std::string* why) {
-  std::string want = NamedDigest(item);
-  if (want.empty()) return EntryIsVerifiable(item, why);
-  return FileHasSha256(localPath, want, why);
+  std::string hex;
+  if (NamedDigest(item, &hex) != Digest::kNamed) return EntryIsVerifiable(item, why);
+  return FileHasSha256(localPath, hex, why);
 }

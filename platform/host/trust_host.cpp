@@ -67,8 +67,7 @@ bool VerifyWith(EVP_PKEY* key, const std::string& data, const std::string& sig) 
   const EVP_MD* md = (id == EVP_PKEY_ED25519 || id == EVP_PKEY_ED448) ? nullptr : EVP_sha256();
   bool ok = EVP_DigestVerifyInit(ctx, nullptr, md, nullptr, key) == 1 &&
             EVP_DigestVerify(ctx, reinterpret_cast<const unsigned char*>(sig.data()), sig.size(),
-                             reinterpret_cast<const unsigned char*>(data.data()),
-                             data.size()) == 1;
+                             reinterpret_cast<const unsigned char*>(data.data()), data.size()) == 1;
   EVP_MD_CTX_free(ctx);
   return ok;
 }
