@@ -150,7 +150,7 @@ class HostPublisher {
       if (digit < 0) return false;
       *mask = (*mask << 4) | static_cast<uint64_t>(digit);
     }
-    l = l.substr(17, l.size() - 18);  // the socket path may hold spaces
+    l = l.substr(17, l.find('\n') - 17);  // the socket path may hold spaces
     return true;
   }
 
