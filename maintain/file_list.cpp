@@ -64,7 +64,8 @@ int CFtpMaintainMng::ParseFileList(const char* path, FtpFileList_t* list) {
   TiXmlDocument doc;
   std::string why;
   if (!LoadXmlFile(path, &doc, &why)) {
-    WriteDbgLog(0, "LoadFile %s Failed: %s\n", path, why.c_str());
+    WriteDbgLog(0, "LoadFile %s Failed\n", path);
+    WriteDbgLog(0, "LoadFile: %s\n", why.c_str());
     return -1;
   }
   const TiXmlElement* root = doc.RootElement();

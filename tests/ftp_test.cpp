@@ -290,29 +290,36 @@ TEST(FtpParsersTest, PassivePortsAndFeatures) {
 
 TEST(FtpParsersTest, TlsPolicyIsStrictAndNeverFallsBackToOff) {
   // A policy file, and for host "h": the mode (0 off, 1 require, 2 broken), ca, verify_host
-  // and whether the pin (31 zero bytes and 0xab) was read.
-  const std::string pin = "pin=sha256:" + std::string(62, '0') + "Ab";
+  // and whether the pin read is the SHA-256 of the certificate "abc" (a wrong pin never is).
+  const std::string sha = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015";
+  const std::string pin = "pin=sha256:BA:78:16:" + sha.substr(6) + "aD";
+  const auto* abc = reinterpret_cast<const unsigned char*>("abc");
   // clang-format off
   for (auto [text, mode, ca, verify, pinned] :
        std::vector<std::tuple<std::string, int, const char*, bool, bool>>{
-      {"", 0, "", true, 0}, {"# h require\n\n", 0, "", true, 0},
-      {"h require ca=/c verify_host=no " + pin, 1, "/c", false, 1},
-      {"* require\nh off", 0, "", true, 0}, {"x off\n* require ca=/d", 1, "/d", true, 0},
-      {"h require ca=/c\n* off", 1, "/c", true, 0}, {"hh require", 0, "", true, 0},
-      {"h require ca=", 2, "", true, 0}, {"h require CA=/c", 2, "", true, 0},
-      {"h require verify_host=maybe", 2, "", true, 0}, {"h require ca=/a ca=/b", 2, "", true, 0},
-      {"h require pin=sha256:00", 2, "", true, 0}, {"h require pin=md5:" + std::string(32, '0'), 2, "", true, 0},
-      {"h off tls", 2, "", true, 0}, {"h", 2, "", true, 0}, {"h on", 2, "", true, 0},
-      {"h require\nh off", 2, "", true, 0}, {"h require x\nh off", 2, "", true, 0},
-      {"h off\n* require bad", 2, "", true, 0},
+      {"", 0, "", true, 0}, {"# h require\n\n", 0, "", true, 0}, {"hh require", 0, "", true, 0},
+      {"h require ca=/c verify_host=no " + pin, 1, "/c", false, 1}, {"* require\nh off", 0, "", true, 0},
+      {"h require pin=sha256:" + sha + "ae", 1, "", true, 0}, {"x off\n* require ca=/d", 1, "/d", true, 0},
+      {"h require ca=/c\n* off", 1, "/c", true, 0}, {"h require ca=", 2, "", true, 0}, {"h on", 2, "", true, 0},
+      {"h require CA=/c", 2, "", true, 0}, {"h require verify_host=maybe", 2, "", true, 0}, {"h", 2, "", true, 0},
+      {"h require ca=/a ca=/b", 2, "", true, 0}, {"h require pin=sha256:00", 2, "", true, 0},
+      {"h require pin=md5:" + std::string(32, '0'), 2, "", true, 0}, {"h off tls", 2, "", true, 0},
+      {"h require\nH. off", 2, "", true, 0}, {"x require bogus\nh off", 2, "", true, 0},
       {"h require pin=sha256:" + std::string(63, '0'), 2, "", true, 0}}) {
     // clang-format on
     FtpTlsPolicy p = ParseFtpTlsPolicy(text, "h", nullptr);
-    EXPECT_EQ(p.mode, mode) << text;
-    EXPECT_EQ(p.ca, ca) << text;
-    EXPECT_EQ(p.verifyHost, verify) << text;
-    EXPECT_EQ(p.pin, pinned ? std::string(31, '\0') + "\xab" : "") << text;
+    EXPECT_EQ(std::make_tuple(int{p.mode}, p.ca, p.verifyHost, FtpTlsPinMatches(p.pin, abc, 3)),
+              std::make_tuple(mode, std::string(ca), verify, pinned))
+        << text;
   }
+  // An entry's host word, a host, and whether it is the host's (names by case, addresses by value).
+  // clang-format off
+  for (auto [entry, host, same] : std::vector<std::tuple<const char*, const char*, int>>{
+      {"H.Example.", "h.example", 1}, {"h.example", "h.example.com", 0}, {"127.1", "0x7f.0.0.1", 1},
+      {"2130706433", "127.0.0.1", 1}, {"::FFFF:127.0.0.1", "127.0.0.1", 1}, {"0:0::1", "::1", 1},
+      {"127.0.0.2", "127.0.0.1", 0}})
+    EXPECT_EQ(ParseFtpTlsPolicy(std::string(entry) + " require", host, nullptr).mode, same) << entry;
+  // clang-format on
 }
 
 TEST(FtpParsersTest, ListingLines) {

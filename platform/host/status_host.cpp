@@ -6,6 +6,7 @@
 #include <tinyxml.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -202,7 +203,7 @@ class HostStatusService {
     std::string path = RootedPath("/etc/velmar/recorder.xml");
     struct stat st;
     if (stat(path.c_str(), &st) != 0) {
-      Fail(path, "missing");
+      Fail(path, errno == ENOENT ? "missing" : strerror(errno));
       return false;
     }
     bool same = m_valid && path == m_path && st.st_mtim.tv_sec == m_mtime.tv_sec &&

@@ -319,11 +319,8 @@ int FtpSession::Start() {
   std::string host = Field(m_server.host, sizeof(m_server.host));
   int port = m_server.port != 0 ? m_server.port : kDefaultPort;
   m_tls = LookupFtpTlsPolicy(host);
-  if (m_tls.mode == FtpTlsPolicy::kBroken) {
-    Log(2, "no connection to %s: its TLS policy is unusable (%s)", Printable(host).c_str(),
-        m_tls.why.c_str());
-    return -1;
-  }
+  // Refused without a line of its own: the policy logged why once, not once per attempt.
+  if (m_tls.mode == FtpTlsPolicy::kBroken) return -1;
   std::string err;
   std::unique_ptr<FtpConn> conn = m_transport->Connect(host, port, m_limits.connectMs, &err);
   if (conn == nullptr) {
