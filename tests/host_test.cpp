@@ -395,9 +395,12 @@ TEST(File2FtpDbTest, KeepsRowsInOrderDeletesExactlyAndRecoversFromBadFiles) {
   EXPECT_EQ(Rows(&other, &(got = {})), "91/a ");
 }
 
+// A disk is listed only while its directory is a mount point (/proc), unless its profile entry
+// says otherwise: the root is a plain directory, as a pulled card's mount point.
 const char kProfile[] = R"(<recorder><state watchdogExpired="0"/>
-  <disk id="1" mount="/sd1" present="1" usage="18 6"/><disk id="9" mount="/hdd" usage="14"/>
-  <disk id="6" mount="/sd2" present="0" usage="18 6"/>
+  <disk id="1" mount="/sd1" present="1" usage="18 6" requireMount="0"/>
+  <disk id="9" mount="/proc" usage="14"/><disk id="5" mount="${VELMAR_ROOT}" usage="18"/>
+  <disk id="6" mount="/sd2" present="0" usage="18 6" requireMount="0"/>
   <partition list="15" id="2" path="${VELMAR_ROOT}/rec"/></recorder>)";
 
 // The disks of a usage, or the partitions of list 15, as "id:path "; "fail" when refused.
@@ -430,14 +433,14 @@ TEST(HostStatusTest, AnswersFollowTheProfile) {
   EXPECT_EQ(Listed(DISK_USAGE_UPLOAD) + Join(GetStatus(STATUS_DISK, disk)), "fail-1|");  // none
   WriteProfile(kProfile);
   // The disk status: the count, and (id, reserved, present) for each disk.
-  std::vector<uint32_t> words(11);
+  std::vector<uint32_t> words(14);
   ASSERT_EQ(GetStatus(STATUS_DISK, disk), 0);
   for (size_t i = 0; i < words.size(); ++i) words[i] = LoadLE32(disk + 4 * i);
-  EXPECT_EQ(words, std::vector<uint32_t>({3, 1, 0, 1, 9, 0, 1, 6, 0, 0, 0}));
+  EXPECT_EQ(words, std::vector<uint32_t>({4, 1, 0, 1, 9, 0, 1, 5, 0, 1, 6, 0, 0, 0}));
   // Only present disks are mounted; a disk serves every usage it lists.
   EXPECT_EQ(Listed(DISK_USAGE_UPLOAD) + Listed(DISK_USAGE_MAINTAIN) + Listed(DISK_USAGE_TYPE9) +
                 Listed(STATUS_PART_LIST_A) + Join(CCommDog::Instance()->CheckDog()),
-            "1:/sd1 1:/sd1 9:/hdd 2:" + root.path() + "/rec 0|");
+            "1:/sd1 1:/sd1 9:/proc 2:" + root.path() + "/rec 0|");
   // The same size, the same file: only the time stamp tells of the edit.
   std::string edited = kProfile;
   edited.replace(edited.find("present=\"0\""), 11, "present=\"1\"");
