@@ -281,9 +281,10 @@ struct CFile2FtpDbMng::Impl {
   bool EnsureFileIsOurs() REQUIRES(mutex) {
     if (db == nullptr) return false;
     ino_t now = InodeOf(path);
-    if (now != 0 && now == inode) return true;
+    bool badJournal = !Unusable(path + "-journal").empty();  // SQLite would wait on a FIFO
+    if (now != 0 && now == inode && !badJournal) return true;
     WriteDbgLog(2, "new_file_op db %s %s under the service: opened anew\n", path.c_str(),
-                now == 0 ? "was deleted" : "was replaced");
+                now == 0 ? "was deleted" : (now != inode ? "was replaced" : "got a bad journal"));
     return Open(std::string(path));
   }
 };
@@ -387,9 +388,20 @@ void CFile2FtpDbMng::DropTable(int code) {
 int CFile2FtpDbMng::CheckTable() {
   CAutoLock guard(&m_pImpl->mutex);
   if (!m_pImpl->EnsureFileIsOurs()) return -1;
-  bool ok = Exec(m_pImpl->db, "SELECT COUNT(*) FROM ftp_log", nullptr, nullptr, m_pImpl->path);
-  if (!ok && MediumFailed(m_pImpl->db)) DropTable(sqlite3_errcode(m_pImpl->db));
-  return ok ? 0 : -1;
+  if (Exec(m_pImpl->db, "SELECT COUNT(*) FROM ftp_log", nullptr, nullptr, m_pImpl->path)) return 0;
+  if (MediumFailed(m_pImpl->db)) {
+    DropTable(sqlite3_errcode(m_pImpl->db));
+    return -1;
+  }
+  // A database without the table (the file emptied under the service): opening it anew
+  // makes the table.
+  const std::string at = m_pImpl->path;
+  if (!m_pImpl->Open(at)) {
+    m_bTabOpen = 0;
+    return -1;
+  }
+  m_pImpl->NoteRemade(at);
+  return 0;
 }
 
 std::string CFile2FtpDbMng::TakeRemade() {
