@@ -1,8 +1,10 @@
 // Upload control, the upload engine and the scheduler on one bench: a control manager and its
 // engine on a fake clock, status service, bus, database and FTP client, under a root of their own.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <thread>
 
 #include "control/ftp_ctrl_mng.h"
@@ -201,11 +203,16 @@ TEST_F(UploadControlTest, IntakeStoresQueuesAndLimits) {
   db.full = true;  // the limit is the list's; unstored tasks fill it faster
   for (int i = 2; i < 1000; ++i) ASSERT_EQ(Admit(11, "/data/n" + std::to_string(i)), 0) << i;
   db.full = false;
-  EXPECT_EQ(Admit(11, "/data/extra"), -1);  // the 1000th was admitted, the 1001st is not
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(Admit(11, "/data/extra"), -1);  // the 1001st is not
   EXPECT_EQ(Names().size(), 1000u);
-  EXPECT_EQ(Rows(sd1).size(), 2u);  // nor stored, until the next disk check
-  mng.CheckDiskState(105);
-  EXPECT_EQ(Rows(sd1).size(), 1000u);
+  clock.AdvanceMs(10000);  // the burst is over: its count is logged without another refusal
+  mng.ScheduleTask(1);
+  std::string log = ReadWholeFile(root.path() + "/var/log/velmar/velmar.log");
+  int logged = 0;
+  for (size_t at = log.find(" refused since"); at != std::string::npos;
+       at = log.find(" refused since", at + 1))
+    logged += atoi(&log[log.rfind("); ", at) + 3]);
+  EXPECT_EQ(logged, 5);  // the recording without a disk, and the four
 }
 
 // Transfer control over rows, list and engine (holding o, sending): "rows | list | engine".
@@ -254,6 +261,84 @@ TEST(UploadControlTableTest, TransferControl) {
              std::to_string(b.engine.m_nTransState.load());
     EXPECT_STREQ(held.fullName, "o");
     EXPECT_EQ(state, c.after);
+  }
+}
+
+// Disk and database faults on one disk: tasks a, b (seq 1) queued, the fault, c (seq 2) admitted,
+// the cure, then the queue drained. Every task is stored and sent once (in this order), and
+// each seq gets one status 0.
+TEST(UploadControlTableTest, DiskFaultsLoseNoTaskAndSendOneStatusPerSeq) {
+  using Step = std::function<void(UploadBench&)>;
+  auto place = [](std::function<void(const std::string&)> make) {  // at the database's path
+    return [make](UploadBench& b) { make(b.root.path() + "/mnt/sd1/new_file_op.db"); };
+  };
+  auto pull = [](UploadBench& b) {  // the mount point stays behind as an empty directory
+    b.SetPresent(1, 0);
+    std::string dir = b.root.path() + "/mnt/sd1";
+    ASSERT_EQ(rename(dir.c_str(), (dir + ".card").c_str()), 0);
+    MakeDirs(dir.c_str());
+    b.mng.CheckDiskState(150);
+  };
+  auto putBack = [](UploadBench& b) {
+    std::string dir = b.root.path() + "/mnt/sd1";
+    EXPECT_EQ(rmdir(dir.c_str()), 0);  // no database was made in the bare mount point
+    ASSERT_EQ(rename((dir + ".card").c_str(), dir.c_str()), 0);
+    b.SetPresent(1, 1);
+  };
+  auto pullDuringUpload = [pull](UploadBench& b) {
+    b.mng.ScheduleTask(120);  // a is handed over
+    pull(b);
+    StoreControlByte(&b.engine.m_stTask.result, 1);
+    b.mng.ScheduleTask(120);
+  };
+  auto flap = [](UploadBench& b) {  // away at every other pass
+    b.SetPresent(1, b.mng.m_diskMap.empty());
+    b.mng.CheckDiskState(400);
+  };
+  auto full = [](UploadBench& b) { b.db.full = !b.db.full; };
+  auto base = [](const char* path) { return std::string(strrchr(path, '/') + 1); };
+  // clang-format off
+  struct Case { const char* what; Step fault, cure, during; Strings queue; } cases[] = {
+      {"card pulled, mount point left", pull, putBack, nullptr, {"a", "b", "c"}},
+      {"card pulled during an upload", pullDuringUpload, putBack, nullptr, {"b", "c"}},
+      {"disk flapping", nullptr, nullptr, flap, {"a", "b", "c"}},
+      {"database full or read-only", full, full, nullptr, {"a", "b", "c"}},
+      {"database deleted", place([](auto& f) { unlink(f.c_str()); }), nullptr, nullptr, {"a", "b", "c"}},
+      {"garbage", place([](auto& f) { std::ofstream(f) << std::string(3000, 'g'); }), nullptr, nullptr, {"a", "b", "c"}},
+      {"truncated", place([](auto& f) { truncate(f.c_str(), 4096); }), nullptr, nullptr, {"a", "b", "c"}},
+      {"emptied", place([](auto& f) { std::ofstream{f}; }), nullptr, nullptr, {"a", "b", "c"}},
+      {"a directory", place([](auto& f) { unlink(f.c_str()); MakeDirs(f.c_str()); }), nullptr, nullptr, {"a", "b", "c"}},
+      {"a FIFO", place([](auto& f) { unlink(f.c_str()); mkfifo(f.c_str(), 0600); }), nullptr, nullptr, {"a", "b", "c"}},
+      {"a FIFO journal", place([](auto& f) { mkfifo((f + "-journal").c_str(), 0600); }), nullptr, nullptr, {"a", "b", "c"}},
+      {"a link loop", place([](auto& f) { unlink(f.c_str()); symlink(f.c_str(), f.c_str()); }), nullptr, nullptr, {"a", "b", "c"}},
+      {"a dangling link", place([](auto& f) { unlink(f.c_str()); symlink("/nonexistent/db", f.c_str()); }), nullptr, nullptr, {"a", "b", "c"}}};
+  // clang-format on
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    UploadBench b;
+    std::string sd1 = b.AddDisk(1, "/mnt/sd1");
+    b.mng.CheckDiskState(100);
+    EXPECT_EQ((Ints{b.Admit(1, b.File("a")), b.Admit(1, b.File("b"))}), (Ints{0, 0}));
+    if (c.fault) c.fault(b);
+    EXPECT_EQ(b.Admit(2, b.File("c")), 0);
+    if (c.cure) c.cure(b);
+    b.mng.CheckDiskState(200);
+    Strings stored, sent;
+    for (const __ftp_log& r : b.Rows(sd1)) stored.push_back(base(r.fullpath));
+    std::sort(stored.begin(), stored.end());
+    EXPECT_EQ(stored, c.queue);
+    for (uint32_t pass = 300; pass < 310; ++pass) {
+      if (c.during) c.during(b);
+      b.mng.ScheduleTask(pass);  // hands the head over
+      if (b.engine.SnapshotTask().valid == 1) {
+        sent.push_back(base(b.engine.SnapshotTask().fullName));
+        StoreControlByte(&b.engine.m_stTask.result, 1);
+        b.mng.ScheduleTask(pass);
+      }
+    }
+    EXPECT_EQ(sent, c.queue);
+    EXPECT_EQ(b.StatusEvents(), (Events{{0, 1}, {0, 2}}));
+    EXPECT_TRUE(b.Rows(sd1).empty());
   }
 }
 
