@@ -96,9 +96,13 @@ void CFtpCtrlMng::FollowEngineTask(const ftpFileInfo_t& held, uint32_t seconds) 
       db->SearchDelete(slot.second.path, held.fullName);
       remaining += db->SearchBySeqAndType(slot.second.path, static_cast<int>(held.seq), held.type);
     }
-    if ((held.result == 1 || held.result == 2) && remaining == 0) {
+    if (held.result == 1 && remaining == 0) {
       SendTaskStatus(static_cast<int>(held.seq), 0);
       if (held.delAfterUpload == 1) remove(held.fullName);
+    } else if (held.result == 2) {
+      // The source could not be read (gone, not a regular file): nothing was delivered, so the
+      // task is announced as given up and no file is removed.
+      SendTaskStatus(static_cast<int>(held.seq), 1);
     }
     m_taskList.erase(it);
     valid = 0;
