@@ -403,11 +403,10 @@ TEST_F(UploadEngineTest, AppendsOnlyToACopyThatHoldsStill) {
   ftp.onList = nullptr;
 }
 
-// Passes that end early or meet a fault of the source or the server, followed by the scheduler:
-// delivered (status 0, a flagged file removed) only with the whole file on the server; else
-// continued, stored anew (three times at most) or given up (status 1, the file kept). Valid
-// or trans cleared during a send stop it after that block: stopped (3) when valid is cleared,
-// open when only trans is.
+// Passes that end early or meet a source or server fault, followed by the scheduler: delivered
+// (status 0, a flagged file removed) only when the server holds the whole file; else continued,
+// stored anew (three times at most) or given up (status 1, file kept). A cleared valid stops a
+// send after its block (3); a cleared trans only ends it, the task stays open.
 TEST(UploadEngineFaultsTest, PassesThatEndEarly) {
   const int64_t kSelf = -1, kFifo = -2, kNoCopy = -1, kWhole = -2, k2G2 = (int64_t(11) << 30) / 5;
   using Change = std::function<void(UploadBench&, const std::string&)>;

@@ -153,8 +153,8 @@ void CFtpUploadFileMng::RunPass(ftpFileInfo_t* previous) {
   if (task.connFailTimes > 3) {
     WriteDbgLog(2, "seq:%d given up after four failed connections\n", static_cast<int>(task.seq));
     GiveUp(task);
-    m_nBusy = 0;  // a task given up gets no further connection
-    return;
+    m_nBusy = 0;
+    return;  // a task given up gets no further connection
   }
   if (memcmp(&task, previous, sizeof(task)) == 0) m_env->SleepUs(kRepeatPauseUs);
   CFtpClient* client = m_pFtpClient;
@@ -220,8 +220,7 @@ void CFtpUploadFileMng::ResumeFrom(const ftpFileInfo_t& task, int64_t serverSize
   int64_t localSize = 0;
   if (!source.XsizeIfExists(task.fullName, &localSize)) {
     WriteDbgLog(0, "\n\n%s:%d file:%s not exist!\n\n", "FileSyncProcess", 373, task.fullName);
-    // A copy cannot be checked against a source that is gone: not delivered, whatever it is.
-    StoreControlByte(&m_stTask.result, 2);
+    StoreControlByte(&m_stTask.result, 2);  // a copy cannot be checked: never delivered
     return;
   }
   bool sentBefore = SnapshotTask().sendTimes != 0;
