@@ -410,12 +410,10 @@ TEST_F(UploadEngineTest, AppendsOnlyToACopyThatHoldsStill) {
 TEST(UploadEngineFaultsTest, PassesThatEndEarly) {
   const int64_t kSelf = -1, kFifo = -2, kNoCopy = -1, kWhole = -2, k2G2 = (int64_t(11) << 30) / 5;
   using Change = std::function<void(UploadBench&, const std::string&)>;
-  Change cut = [](UploadBench& b, const std::string& path) {
-    unlink(path.c_str());
-    b.ftp.writeFailAfter = 16384;
+  Change vanish = [](UploadBench&, const std::string& path) { unlink(path.c_str()); };
+  auto resize = [](size_t size) {  // written anew: the same bytes, fewer or more of them
+    return [=](UploadBench& b, const std::string&) { b.root.Write("/src.bin", Bytes(size)); };
   };
-  Change shrink = [](UploadBench&, const std::string& path) { truncate(path.c_str(), 20000); };
-  Change grow = [](UploadBench& b, const std::string&) { b.root.Write("/src.bin", Bytes(8000)); };
   auto set = [](uint8_t valid, uint8_t trans) {
     return [=](UploadBench& b, const std::string&) { b.engine.SetTaskTrans(valid, trans); };
   };
@@ -424,13 +422,13 @@ TEST(UploadEngineFaultsTest, PassesThatEndEarly) {
                 int passes; Ints modes; int64_t copy; int result, status; bool kept; } cases[] = {
       {"read, not write: the running test program", kSelf, 1000, 0, false, nullptr, 2, {1}, kWhole, 1, 0, true},
       {"a FIFO: refused at once", kFifo, kNoCopy, 0, false, nullptr, 1, {}, kNoCopy, 2, 1, true},
-      {"vanishes, the connection cut", 100000, kNoCopy, 0, false, cut, 2, {0}, 16384, 2, 1, false},
+      {"vanishes, sent whole from the open file", 100000, kNoCopy, 0, false, vanish, 2, {0}, 100000, 2, 1, false},
       {"over 2 GiB", k2G2, 1000, 0, false, nullptr, 2, {1}, kWhole, 1, 0, false},
       {"listed whole, SIZE short", 5000, 1000, 1000, true, nullptr, 2, {1}, kWhole, 1, 0, false},
       {"listed short, SIZE whole", 5000, 0, -1000, true, nullptr, 1, {}, kWhole, 1, 0, false},
       {"always listed larger", 5000, kNoCopy, 1000, false, nullptr, 4, {0, 0, 0}, kWhole, 0, 1, true},
-      {"shrinks during the send", 100000, kNoCopy, 0, false, shrink, 3, {0, 0}, kWhole, 1, 0, false},
-      {"grows during the send", 5000, kNoCopy, 0, false, grow, 3, {0, 1}, kWhole, 1, 0, false},
+      {"shrinks during the send", 100000, kNoCopy, 0, false, resize(20000), 3, {0, 0}, kWhole, 1, 0, false},
+      {"grows during the send", 5000, kNoCopy, 0, false, resize(8000), 3, {0, 1}, kWhole, 1, 0, false},
       {"trans cleared", 100000, kNoCopy, 0, false, set(1, 0), 1, {0}, 16384, 0, -1, true},
       {"valid cleared", 100000, kNoCopy, 0, false, set(0, 1), 1, {0}, 16384, 3, -1, true},
       {"both cleared", 100000, kNoCopy, 0, false, set(0, 0), 1, {0}, 16384, 3, -1, true}};
