@@ -210,7 +210,6 @@ void CFtpUploadFileMng::StoreAnew(const ftpFileInfo_t& task) {
     GiveUp(task);
     return;
   }
-  ++m_nStoresAnew;
   SendFile2FtpServer(task.fullName, 0, 0);
   CountSend();
 }
@@ -312,6 +311,7 @@ void CFtpUploadFileMng::SendFile2FtpServer(const char* path, int mode, int64_t o
     m_env->SleepUs(kFailPauseUs);
     return;
   }
+  if (mode == 0) ++m_nStoresAnew;  // a store that reached the server
   if (source.Xseek(offset, SEEK_SET) != 0) {
     source.Xclose();
     m_nTransState = 2;

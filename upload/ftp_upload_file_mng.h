@@ -87,7 +87,7 @@ class CFtpUploadFileMng {
   // Tasks given up since the start (four failed connections, stored anew too often), and the
   // last one's seq.
   std::atomic<uint32_t> m_nGaveUp{0}, m_nLastGaveUpSeq{0};
-  // Times the held task was stored anew since it was handed over.
+  // Stores (data connections in mode 0) of the held task since it was handed over.
   std::atomic<int> m_nStoresAnew{0};
   CFtpClient* m_pFtpClient = nullptr;               // owned by the upload thread
   ftpFileInfo_t m_stTask GUARDED_BY(m_taskLock){};  // see the sharing rules above
