@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <list>
 #include <map>
+#include <set>
 #include <string>
 
 #include "platform/file2ftpdb.h"
@@ -81,6 +82,9 @@ class CFtpCtrlMng : public ITaskControl {
   // were deleted only from the disks present then; a disk that was away still holds them and
   // must not bring them back when it returns.
   std::list<std::string> m_done GUARDED_BY(m_lock);
+  // (seq, type) of numbers one of whose tasks could not be read while others are still queued:
+  // their status, sent when the last task ends, is 1. Bounded by the queue.
+  std::set<std::pair<uint32_t, int>> m_failedSeqs GUARDED_BY(m_lock);
   static constexpr size_t kDoneMax = 1000;
   // Refused tasks since the last refusal log line, and when that line was written (seconds
   // of the Env's monotonic clock; 0: never). Request thread.

@@ -106,9 +106,15 @@ void CFtpCtrlMng::FollowEngineTask(const ftpFileInfo_t& held, uint32_t seconds) 
         std::count_if(m_taskList.begin(), m_taskList.end(), [&](const ftpFileInfo_t& t) {
           return &t != &*it && t.seq == held.seq && t.type == held.type;
         }));
+    // A source that could not be read (gone, not a regular file) delivered nothing. The number
+    // gets one status when its last task ends: 1 when any of its tasks failed so, else 0; and
+    // a file is removed only when it was delivered.
+    std::pair<uint32_t, int> key(held.seq, held.type);
+    if (held.result == 2) m_failedSeqs.insert(key);
     if ((held.result == 1 || held.result == 2) && remaining == 0) {
-      SendTaskStatus(static_cast<int>(held.seq), 0);
-      if (held.delAfterUpload == 1) remove(held.fullName);
+      bool failed = m_failedSeqs.erase(key) > 0;
+      SendTaskStatus(static_cast<int>(held.seq), failed ? 1 : 0);
+      if (!failed && held.delAfterUpload == 1) remove(held.fullName);
     }
     RememberDone(held.fullName);
     m_taskList.erase(it);

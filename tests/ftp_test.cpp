@@ -98,10 +98,10 @@ struct Server : FtpTransport, FtpClock {
   int64_t now = 0;
 };
 
-// Calls: S start, L list, O store anew, A append, X mode 7, W write the payload in 20000-byte
-// blocks with the default limit (0), V the same with 3 s, w write on the control's id, C close,
-// T set the time limits (connect 1 s, reply 2 s, listing 3 s). Results: each call's, with the
-// record as "=name:size|..." after an L that leaves it not empty; W and V give the bytes the
+// Calls: S start, L list, Z size, O store anew, A append, X mode 7, W write the payload in
+// 20000-byte blocks with the default limit (0), V the same with 3 s, w write on the control's id, C
+// close, T set the time limits (connect 1 s, reply 2 s, listing 3 s). Results: each call's, with
+// the record as "=name:size|..." after an L that leaves it not empty; W and V give the bytes the
 // server holds, or -1.
 struct Case {
   const char *name, *calls;
@@ -132,7 +132,7 @@ std::vector<Case> Cases() {
                             "type=file;size=9; ...\r\ntype=file;size=15; " + std::string(127, 'k') +
                             "\r\ntype=file;modify=1; f.bin\r\ntype=file;size=9; with space\r\n" +
                             "type=file;size=99999999999; big";  // no line end
-  const std::string kNames = "...:9|" + std::string(127, 'k') + ":15|with space:9|big:2147483647";
+  const std::string kNames = "...:9|" + std::string(127, 'k') + ":15|with space:9|big:99999999999";
   std::string huge = "220-many lines\n";  // a reply over kFtpMaxReplyBytes
   while (huge.size() <= kFtpMaxReplyBytes) huge += std::string(1000, 'y') + "\n";
   std::vector<Case> cases;
@@ -183,6 +183,8 @@ std::vector<Case> Cases() {
      ">MLSD\n550\n" + epsv + ">LIST\n550\n" + epsv + ">MLSD\n425\n" + epsv + ">LIST\n450"},
     {"calls outside a session, unknown mode, foreign descriptor, unusable name", "LOwCSXwO",
      "-1 -1 -1 0 0 -1 -1 -1", in, 0, kNone, "", "", "", "../escape"},
+    {"SIZE: over 2 GiB, unknown when refused, -2 outside a session", "ZSZZ", "-2 0 3000000000 -1",
+     in + ">SIZE f.bin\n213 3000000000\n>SIZE f.bin\n502 no"},
     {"a second transfer ends the session", "SOOL", "0 4 -1 -1", stor + "226\n>QUIT\n221"},
   });
   // clang-format on
@@ -209,6 +211,7 @@ std::string Call(CFtpClient* c, char op, const Server& s, const std::string& pay
     case 'S': return std::to_string(c->FtpStart());
     case 'w': return std::to_string(c->FtpWriteDate(3, "x", 1, 0));
     case 'C': return std::to_string(c->FtpClose());
+    case 'Z': return std::to_string(c->FtpGetFileSize());
     case 'T': return c->FtpSetTimeLimits(FtpTimeLimits_t{1000, 2000, 3000}), "0";
     case 'L':
       r = std::to_string(c->FtpGetServerDirFile());

@@ -276,15 +276,9 @@ int FtpSession::RunListing(FtpListFormat fmt) {
   }
   if (parser.wantedWithoutSize()) {
     // Without its size the file would be stored anew on every pass: ask the server.
-    int64_t size = -1;
-    code = Step("SIZE", "SIZE " + m_name, &reply);
-    if (code < 0) return -1;
-    if (code == 213) size = ParseSizeReply(reply.text);
-    if (size >= 0) {
-      parser.KeepWanted(size);
-    } else {
-      Log(2, "size of %s unknown: %s", m_name.c_str(), Printable(reply.text).c_str());
-    }
+    int64_t size = GetFileSize();
+    if (size == -2) return -1;
+    parser.KeepWanted(size);  // an unknown size keeps nothing
   }
   m_data.entryCount = parser.count();
   Log(0, "%s: %d files kept, %d unusable names skipped, %d beyond capacity, %s %s", command,
@@ -409,6 +403,19 @@ int FtpSession::GetServerDirFile() {
     return 0;
   }
   return -1;
+}
+
+int64_t FtpSession::GetFileSize() {
+  if (!m_ctrl.open()) {
+    Log(2, "SIZE without a session");
+    return -2;
+  }
+  FtpReply reply;
+  int code = Step("SIZE", "SIZE " + m_name, &reply);
+  if (code < 0) return -2;
+  int64_t size = code == 213 ? ParseSizeReply(reply.text) : -1;
+  if (size < 0) Log(2, "size of %s unknown: %s", m_name.c_str(), Printable(reply.text).c_str());
+  return size;
 }
 
 int FtpSession::CreateDataConn(int mode) {
