@@ -1,7 +1,11 @@
 // Following the storage disks: the disk table, the current disk and loading each disk's
 // database into the task list.
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <string>
+#include <vector>
 
 #include "control/ftp_ctrl_mng.h"
 #include "platform/byteorder.h"
@@ -102,12 +106,15 @@ void CFtpCtrlMng::CheckDiskState(uint32_t seconds) {
     }
   }
 
+  ForgetGoneCurrentDisk();
+
   uint8_t recorder[kStatusRecorderSize] = {};
   if (m_env->GetStatus(STATUS_RECORDER, recorder) != 0 || LoadLE32(recorder + 128) != 1 ||
       m_diskMap.empty()) {
     return;
   }
   FollowSmallestSlot();
+  RestoreRemade();
   SaveUnsaved(CurDisk().path);
   bool idle;
   {
@@ -138,15 +145,79 @@ void CFtpCtrlMng::FollowSmallestSlot() {
   WriteDbgLog(0, "%s:%d disk changed [%d,%s]\n", "CheckDiskState", 349, first.id, first.path);
 }
 
+void CFtpCtrlMng::ForgetGoneCurrentDisk() {
+  ftpCurDisk_t cur = CurDisk();
+  if (cur.path[0] == '\0') return;
+  for (const auto& slot : m_diskMap) {
+    if (slot.second.id == cur.id && strcmp(slot.second.path, cur.path) == 0) return;
+  }
+  // Sending goes on, but intake must not write into the directory the disk left: a card
+  // pulled leaves its mount point behind, and a database made there is hidden when the card
+  // is mounted again. Tasks admitted meanwhile wait in memory and are stored once a disk is
+  // current again.
+  {
+    CAutoLock guard(&m_curDiskLock);
+    m_curDisk.path[0] = '\0';
+  }
+  m_env->TaskDb()->m_bTabOpen = 0;
+  WriteDbgLog(2, "current disk %d left %s: new tasks are kept in memory until a disk is back\n",
+              cur.id, cur.path);
+}
+
+void CFtpCtrlMng::RestoreRemade() {
+  CFile2FtpDbMng* db = m_env->TaskDb();
+  bool queued;
+  {
+    CAutoLock guard(&m_lock);
+    queued = !m_taskList.empty();
+  }
+  // A lost database is found here even when no task is admitted to notice it.
+  ftpCurDisk_t cur = CurDisk();
+  queued = queued && cur.path[0] != '\0';
+  if (queued && db->m_bTabOpen == 0) db->OpenTable(cur.path);
+  if (queued && db->m_bTabOpen != 0) db->CheckTable();
+  std::vector<std::string> dirs;  // taken first: writing may find another one to remake
+  for (std::string dir = db->TakeRemade(); !dir.empty(); dir = db->TakeRemade()) {
+    dirs.push_back(dir);
+  }
+  for (const std::string& dir : dirs) {
+    std::list<__ftp_log> stored, rows;
+    db->m_bTabOpen = 0;
+    if (db->OpenTable(dir.c_str()) == 0) db->SearchAll(stored);
+    CAutoLock guard(&m_lock);
+    for (const ftpFileInfo_t& task : m_taskList) {
+      bool found = std::any_of(stored.begin(), stored.end(), [&](const __ftp_log& row) {
+        return strncmp(row.fullpath, task.fullName, sizeof(row.fullpath)) == 0;
+      });
+      if (found) continue;
+      rows.emplace_back();
+      RowFromRecord(task, &rows.back());
+    }
+    size_t count = rows.size();
+    if (!rows.empty() && db->InsertMore(rows) < 0) {
+      m_unsaved.splice(m_unsaved.end(), rows);  // written at the next checks, to the current disk
+    }
+    m_unsaved.remove_if([&](const __ftp_log& row) {  // stored now
+      return std::any_of(rows.begin(), rows.end(), [&](const __ftp_log& written) {
+        return strncmp(row.fullpath, written.fullpath, sizeof(row.fullpath)) == 0;
+      });
+    });
+    db->m_bTabOpen = 0;  // the next intake reopens the current disk
+    WriteDbgLog(2, "task database on %s was made anew: %zu queued tasks written to it again\n",
+                dir.c_str(), count);
+  }
+}
+
 void CFtpCtrlMng::SyncDisk(char* mountDir) {
-  dataSync(m_env->TaskDb(), mountDir, m_taskList, &m_lock);
+  dataSync(m_env->TaskDb(), mountDir, m_taskList, &m_lock, &m_done);
 }
 
 void dataSync(char* mountDir, std::list<ftpFileInfo_t>& taskList, CLock* lock) {
   dataSync(CFile2FtpDbMng::Instance(), mountDir, taskList, lock);
 }
 
-void dataSync(CFile2FtpDbMng* db, char* mountDir, std::list<ftpFileInfo_t>& taskList, CLock* lock) {
+void dataSync(CFile2FtpDbMng* db, char* mountDir, std::list<ftpFileInfo_t>& taskList, CLock* lock,
+              const std::list<std::string>* done) {
   if (!strfind_s(mountDir, "/mnt/")) return;
   char dbFile[128];
   FormatBounded(dbFile, sizeof(dbFile), "%s/%s.db", mountDir, kDbBaseName);
@@ -171,15 +242,29 @@ void dataSync(CFile2FtpDbMng* db, char* mountDir, std::list<ftpFileInfo_t>& task
     loaded.push_back(rec);
   }
 
-  CAutoLock guard(lock);
-  for (const ftpFileInfo_t& queued : taskList) {
-    for (auto it = loaded.begin(); it != loaded.end(); ++it) {
-      if (strcmp(it->fullName, queued.fullName) == 0) {
-        loaded.erase(it);
-        break;
+  std::list<std::string> ended;
+  {
+    CAutoLock guard(lock);
+    for (const ftpFileInfo_t& queued : taskList) {
+      for (auto it = loaded.begin(); it != loaded.end(); ++it) {
+        if (strcmp(it->fullName, queued.fullName) == 0) {
+          loaded.erase(it);
+          break;
+        }
       }
     }
+    // Tasks that ended while this disk was away: completed once, never sent again.
+    for (auto it = loaded.begin(); done != nullptr && it != loaded.end();) {
+      bool gone = std::find(done->begin(), done->end(), it->fullName) != done->end();
+      if (gone) ended.emplace_back(it->fullName);
+      it = gone ? loaded.erase(it) : std::next(it);
+    }
+    taskList.splice(taskList.end(), loaded);
+    db->m_bTabOpen = 0;  // the next intake or transfer control reopens the current disk
   }
-  taskList.splice(taskList.end(), loaded);
-  db->m_bTabOpen = 0;  // the next intake or transfer control reopens the current disk
+  for (const std::string& name : ended) db->SearchDelete(mountDir, name.c_str());
+  if (!ended.empty()) {
+    WriteDbgLog(2, "%s: %zu stored tasks had ended while the disk was away; deleted\n", mountDir,
+                ended.size());
+  }
 }

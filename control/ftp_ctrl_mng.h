@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <list>
 #include <map>
+#include <set>
+#include <string>
 
 #include "platform/file2ftpdb.h"
 #include "platform/thread.h"
@@ -20,7 +22,9 @@ typedef void (*DataSync_f)(char* mountDir, std::list<ftpFileInfo_t>& taskList, C
 // Loads the tasks of the database of the disk mounted at mountDir that are not in taskList
 // yet, appending them under *lock. The first form uses the host database.
 void dataSync(char* mountDir, std::list<ftpFileInfo_t>& taskList, CLock* lock);
-void dataSync(CFile2FtpDbMng* db, char* mountDir, std::list<ftpFileInfo_t>& taskList, CLock* lock);
+// done: names of tasks completed in this run; their rows are deleted from the disk, not loaded.
+void dataSync(CFile2FtpDbMng* db, char* mountDir, std::list<ftpFileInfo_t>& taskList, CLock* lock,
+              const std::list<std::string>* done = nullptr);
 
 struct ftpDiskInfo_t {
   int32_t id;          // status identifier 1, 5, 6, 7, 8 or 9; never 0
@@ -74,6 +78,14 @@ class CFtpCtrlMng : public ITaskControl {
   std::map<int32_t, ftpDiskInfo_t> m_diskMap;
   // Rows of queued tasks that the database refused; written again at each disk check.
   std::list<__ftp_log> m_unsaved GUARDED_BY(m_lock);
+  // Names of the tasks that ended in this run (newest last, at most kDoneMax). Their rows
+  // were deleted only from the disks present then; a disk that was away still holds them and
+  // must not bring them back when it returns.
+  std::list<std::string> m_done GUARDED_BY(m_lock);
+  // (seq, type) of numbers one of whose tasks could not be read while others are still queued:
+  // their status, sent when the last task ends, is 1. Bounded by the queue.
+  std::set<std::pair<uint32_t, int>> m_failedSeqs GUARDED_BY(m_lock);
+  static constexpr size_t kDoneMax = 1000;
   // Refused tasks since the last refusal log line, and when that line was written (seconds
   // of the Env's monotonic clock; 0: never). Request thread.
   std::atomic<uint32_t> m_nRefused{0};
@@ -81,7 +93,7 @@ class CFtpCtrlMng : public ITaskControl {
   // The latest refused task and why (a string literal), published.
   std::atomic<uint32_t> m_nLastRefusedSeq{0};
   std::atomic<const char*> m_pLastRefusal{""};
-  int64_t m_lastRefusalLog = 0;
+  std::atomic<int64_t> m_lastRefusalLog{0};
   static constexpr int64_t kRefusalLogSeconds = 10;
 
   CFtpCtrlMng(const CFtpCtrlMng&) = delete;
@@ -109,6 +121,14 @@ class CFtpCtrlMng : public ITaskControl {
   void SaveUnsaved(const char* diskPath);
   // Counts a refused task and logs it, rate-limited.
   void LogRefusal(const ftpFileInfo_t& task, const char* why);
+  // Writes the refusal line when refusals are waiting for it and the last line is old enough.
+  void FlushRefusals();
+  // Notes that the task named fullName has ended. Caller holds m_lock.
+  void RememberDone(const char* fullName) REQUIRES(m_lock);
+  // The current disk keeps its id but no longer its directory once it has left the table.
+  void ForgetGoneCurrentDisk();
+  // Writes every queued task into each database the library had to make anew.
+  void RestoreRemade();
   // Database delete and list update of transfer control; see SetFtpTrans.
   void DeleteTasks(int fileType, int seq, const char* diskPath);
   void SwitchTasks(int fileType, unsigned int ctrType, int seq, const char* diskPath);

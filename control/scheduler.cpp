@@ -1,5 +1,6 @@
 // The upload scheduler: one pass every 200 ms on the main thread. It hands the head task to
 // the engine, follows the engine's task until it has an outcome, and then completes it.
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -56,7 +57,10 @@ void CFtpCtrlMng::DropHeadTask() {
 }
 
 void CFtpCtrlMng::ScheduleTask(uint32_t seconds) {
-  if (seconds != m_lastPublished) PublishState(seconds);
+  if (seconds != m_lastPublished) {
+    PublishState(seconds);
+    FlushRefusals();
+  }
   if (CurDisk().id == 0) return;
   if (seconds != m_lastSecond && !UpdateNetwork(seconds)) return;
   CAutoLock guard(&m_lock);
@@ -96,10 +100,23 @@ void CFtpCtrlMng::FollowEngineTask(const ftpFileInfo_t& held, uint32_t seconds) 
       db->SearchDelete(slot.second.path, held.fullName);
       remaining += db->SearchBySeqAndType(slot.second.path, static_cast<int>(held.seq), held.type);
     }
+    // Tasks of the number still queued count as well: their rows may be on a disk that is away
+    // or may not have been written at all.
+    remaining += static_cast<int>(
+        std::count_if(m_taskList.begin(), m_taskList.end(), [&](const ftpFileInfo_t& t) {
+          return &t != &*it && t.seq == held.seq && t.type == held.type;
+        }));
+    // A source that could not be read (gone, not a regular file) delivered nothing. The number
+    // gets one status when its last task ends: 1 when any of its tasks failed so, else 0; and
+    // a file is removed only when it was delivered.
+    std::pair<uint32_t, int> key(held.seq, held.type);
+    if (held.result == 2) m_failedSeqs.insert(key);
     if ((held.result == 1 || held.result == 2) && remaining == 0) {
-      SendTaskStatus(static_cast<int>(held.seq), 0);
-      if (held.delAfterUpload == 1) remove(held.fullName);
+      bool failed = m_failedSeqs.erase(key) > 0;
+      SendTaskStatus(static_cast<int>(held.seq), failed ? 1 : 0);
+      if (!failed && held.delAfterUpload == 1) remove(held.fullName);
     }
+    RememberDone(held.fullName);
     m_taskList.erase(it);
     valid = 0;
   }

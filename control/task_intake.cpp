@@ -29,16 +29,28 @@ void EnsureTableOpen(CFile2FtpDbMng* db, const char* diskPath, int line) {
 // Refusals are logged, but at most one line per kRefusalLogSeconds with the count since the
 // last line, so that a flood of requests cannot flood the log as well.
 void CFtpCtrlMng::LogRefusal(const ftpFileInfo_t& task, const char* why) {
-  ++m_nRefused;
   m_nLastRefusedSeq = task.seq;
   m_pLastRefusal = why;
   ++m_nRefusedTotal;
+  ++m_nRefused;
+  FlushRefusals();
+}
+
+// Also called once a second by the scheduler: the refusals of a burst that ends within the
+// interval are reported once it is over, not only when the next refusal comes.
+void CFtpCtrlMng::FlushRefusals() {
   int64_t now = m_env->NowMs() / 1000;
-  if (m_lastRefusalLog != 0 && now - m_lastRefusalLog < kRefusalLogSeconds) return;
-  WriteDbgLog(2, "task seq:%u refused (%s); %u refused since the last such line\n", task.seq, why,
-              m_nRefused.load());
-  m_nRefused = 0;
-  m_lastRefusalLog = now != 0 ? now : 1;
+  int64_t last = m_lastRefusalLog.load();
+  if (m_nRefused.load() == 0 || (last != 0 && now - last < kRefusalLogSeconds)) return;
+  // Request and main thread may both get here; the one that moves the time writes the line.
+  if (!m_lastRefusalLog.compare_exchange_strong(last, now != 0 ? now : 1)) return;
+  WriteDbgLog(2, "task seq:%u refused (%s); %u refused since the last such line\n",
+              m_nLastRefusedSeq.load(), m_pLastRefusal.load(), m_nRefused.exchange(0));
+}
+
+void CFtpCtrlMng::RememberDone(const char* fullName) {
+  m_done.emplace_back(fullName, strnlen(fullName, sizeof(ftpFileInfo_t::fullName)));
+  if (m_done.size() > kDoneMax) m_done.pop_front();
 }
 
 int CFtpCtrlMng::InsertFileInfo(ftpFileInfo_t* info) {
@@ -78,6 +90,7 @@ int CFtpCtrlMng::InsertFileInfo(ftpFileInfo_t* info) {
     memmove(path, path + 1, sizeof(info->server.path) - 1);
     path[sizeof(info->server.path) - 1] = '\0';
   }
+  m_done.remove(std::string(info->fullName, strnlen(info->fullName, sizeof(info->fullName))));
   m_taskList.push_back(*info);
   return 0;
 }
@@ -97,6 +110,9 @@ void CFtpCtrlMng::DeleteTasks(int fileType, int seq, const char* diskPath) {
   EnsureTableOpen(m_env->TaskDb(), diskPath, 368);
   m_env->TaskDb()->DeleteBySeqAndType(seq, static_cast<unsigned char>(fileType));
   CAutoLock guard(&m_lock);
+  for (const ftpFileInfo_t& rec : m_taskList) {
+    if (Matches(rec, fileType, seq)) RememberDone(rec.fullName);
+  }
   m_taskList.remove_if([&](const ftpFileInfo_t& rec) { return Matches(rec, fileType, seq); });
   m_pEngine->SetTaskTrans(0, 0);
 }

@@ -3,11 +3,15 @@
 #include "dbglog/upload_log.h"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string>
 
 #include "platform/clock.h"
 #include "platform/env.h"
@@ -115,18 +119,24 @@ int queryDiskInfo(Env* env, const char* device, const char* reportPath, int para
   env->RunCommandUnlimited(command);
   env->SleepMs(2000);
 
-  FILE* report = fopen(reportPath, "r");
-  if (report == nullptr) return -1;
+  // The report is opened as a regular file only: something else in its place must not stall
+  // the maintenance thread.
+  std::string why;
+  int report = OpenRegularFile(reportPath, O_RDONLY, &why);
+  if (report < 0) {
+    WriteDbgLog(2, "queryDiskInfo: report %s unusable: %s\n", reportPath, why.c_str());
+    return -1;
+  }
   // The tool may still be writing: wait until two sizes taken 500 ms apart agree.
   long previous = -1;
   for (int i = 0; i < 172; ++i) {
-    long size = -1;
-    if (fseek(report, 0, SEEK_END) == 0) size = ftell(report);
+    struct stat st;
+    long size = fstat(report, &st) == 0 ? static_cast<long>(st.st_size) : -1;
     if (i > 0 && size == previous) break;
     previous = size;
     if (i < 171) env->SleepMs(500);
   }
-  fclose(report);
+  close(report);
   puts("queryDiskInfo quit");
   return 0;
 }

@@ -46,6 +46,11 @@ void ApplyAttribute(const TiXmlAttribute* a, FtpFileItem_t* item) {
 
 }  // namespace
 
+void LogLoadFailed(const char* path, const std::string& why) {
+  WriteDbgLog(0, "LoadFile %s Failed\n", path);
+  WriteDbgLog(0, "LoadFile: %s\n", why.c_str());
+}
+
 int CFtpMaintainMng::GetFileList(const UpgradeSet_t* account, const char* dir) {
   char path[256];
   char sigPath[256];
@@ -76,7 +81,7 @@ int CFtpMaintainMng::ParseFileList(const char* path, FtpFileList_t* list) {
   std::string text;
   std::string why;
   if (!ReadRegularFile(path, kXmlMaxBytes, &text, &why)) {
-    WriteDbgLog(0, "LoadFile %s Failed: %s\n", path, why.c_str());
+    LogLoadFailed(path, why);
     return -1;
   }
   return ParseFileListText(path, text, list);
@@ -87,7 +92,7 @@ int CFtpMaintainMng::ParseFileListText(const char* path, const std::string& byte
   TiXmlDocument doc;
   std::string why;
   if (!ParseXmlText(bytes, &doc, &why)) {
-    WriteDbgLog(0, "LoadFile %s Failed: %s\n", path, why.c_str());
+    LogLoadFailed(path, why);
     return -1;
   }
   const TiXmlElement* root = doc.RootElement();

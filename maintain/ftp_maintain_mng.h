@@ -147,6 +147,9 @@ class CFtpMaintainMng {
 
 // Empties a list (count, index 0; array freed). Caller holds the manager's lock.
 void ClearFileList(FtpFileList_t* list);
+// Logs that the XML document at path cannot be used: the fixed line, then the reason in a line
+// of its own.
+void LogLoadFailed(const char* path, const std::string& why);
 
 // The body of the maintenance thread; arg is the CFtpMaintainMng.
 void FtpProc(CommonThread_st* thread, void* arg);

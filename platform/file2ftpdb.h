@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <list>
+#include <string>
 #include <utility>
 
 #include "platform/ftpserver.h"
@@ -65,6 +66,14 @@ class CFile2FtpDbMng {
   virtual int SearchBySeqAndType(const char* mountDir, int seq, unsigned char type);
   // Deletes the rows whose fullpath equals fullPath from the database at mountDir.
   virtual int SearchDelete(const char* mountDir, const char* fullPath);
+  // Checks that the open table's file is still the one opened and reads as a database; one
+  // that was deleted, replaced or corrupted is made anew (see TakeRemade). 0 when usable.
+  int CheckTable();
+  // The mount directory of a database that was made anew in place of a lost one (deleted or
+  // replaced under the service, or no database: corrupt, a directory, a FIFO, a link; set
+  // aside) and not yet taken; its rows are gone, so the caller writes again what it holds.
+  // Empty when there is none.
+  std::string TakeRemade();
 
   CFile2FtpDbMng(const CFile2FtpDbMng&) = delete;
   CFile2FtpDbMng& operator=(const CFile2FtpDbMng&) = delete;

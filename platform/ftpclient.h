@@ -8,13 +8,16 @@
 
 constexpr int kFtpListCapacity = 1024;  // entries kept from one directory listing
 
+// Sizes are 64-bit: files over 2 GiB are uploaded. The record stays inside the process (the
+// client and the engine share it in memory; it is never written to a file or sent), so no
+// wire format fixes the width.
 struct FtpDirEntry_t {
-  int32_t size;    // bytes
+  int64_t size;    // bytes
   char name[128];  // NUL-terminated
 };
 
 // The client's data record. Readers rely on: the data-connection descriptor at byte 4, the
-// entry count at byte 500 and the 132-byte entries from byte 504.
+// entry count at byte 500 and the 136-byte entries from byte 504.
 struct FtpClientData_t {
   int32_t ctrlFd;
   int32_t dataFd;
@@ -22,7 +25,7 @@ struct FtpClientData_t {
   int32_t entryCount;
   FtpDirEntry_t entries[kFtpListCapacity];
 };
-static_assert(sizeof(FtpDirEntry_t) == 132, "FtpDirEntry_t layout");
+static_assert(sizeof(FtpDirEntry_t) == 136, "FtpDirEntry_t layout");
 static_assert(offsetof(FtpClientData_t, dataFd) == 4, "dataFd offset");
 static_assert(offsetof(FtpClientData_t, entryCount) == 500, "entryCount offset");
 static_assert(offsetof(FtpClientData_t, entries) == 504, "entries offset");
@@ -53,6 +56,10 @@ class CFtpClient {
   // server holds the file. A 550 to LIST is an empty listing (0); other failures are -1.
   virtual int FtpGetServerDirFile();
   virtual FtpClientData_t* FtpGetClientData();
+  // The server's own answer for the size of the file named by FtpSetLocalInfo (SIZE), a second
+  // opinion beside its listing: the size in bytes; -1 when the server gives none (refused,
+  // unknown file, no such command); -2 when the session failed.
+  virtual int64_t FtpGetFileSize();
   // Opens the passive data connection (EPSV, else PASV; always to the control connection's
   // peer): mode 0 stores anew, mode 1 appends. Returns its descriptor, also stored at byte 4.
   // One data connection per session: FtpClose ends both, so the next store needs FtpStart.

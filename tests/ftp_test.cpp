@@ -98,10 +98,10 @@ struct Server : FtpTransport, FtpClock {
   int64_t now = 0;
 };
 
-// Calls: S start, L list, O store anew, A append, X mode 7, W write the payload in 20000-byte
-// blocks with the default limit (0), V the same with 3 s, w write on the control's id, C close,
-// T set the time limits (connect 1 s, reply 2 s, listing 3 s). Results: each call's, with the
-// record as "=name:size|..." after an L that leaves it not empty; W and V give the bytes the
+// Calls: S start, L list, Z size, O store anew, A append, X mode 7, W write the payload in
+// 20000-byte blocks with the default limit (0), V the same with 3 s, w write on the control's id, C
+// close, T set the time limits (connect 1 s, reply 2 s, listing 3 s). Results: each call's, with
+// the record as "=name:size|..." after an L that leaves it not empty; W and V give the bytes the
 // server holds, or -1.
 struct Case {
   const char *name, *calls;
@@ -132,7 +132,7 @@ std::vector<Case> Cases() {
                             "type=file;size=9; ...\r\ntype=file;size=15; " + std::string(127, 'k') +
                             "\r\ntype=file;modify=1; f.bin\r\ntype=file;size=9; with space\r\n" +
                             "type=file;size=99999999999; big";  // no line end
-  const std::string kNames = "...:9|" + std::string(127, 'k') + ":15|with space:9|big:2147483647";
+  const std::string kNames = "...:9|" + std::string(127, 'k') + ":15|with space:9|big:99999999999";
   std::string huge = "220-many lines\n";  // a reply over kFtpMaxReplyBytes
   while (huge.size() <= kFtpMaxReplyBytes) huge += std::string(1000, 'y') + "\n";
   std::vector<Case> cases;
@@ -183,6 +183,8 @@ std::vector<Case> Cases() {
      ">MLSD\n550\n" + epsv + ">LIST\n550\n" + epsv + ">MLSD\n425\n" + epsv + ">LIST\n450"},
     {"calls outside a session, unknown mode, foreign descriptor, unusable name", "LOwCSXwO",
      "-1 -1 -1 0 0 -1 -1 -1", in, 0, kNone, "", "", "", "../escape"},
+    {"SIZE: over 2 GiB, unknown when refused, -2 outside a session", "ZSZZ", "-2 0 3000000000 -1",
+     in + ">SIZE f.bin\n213 3000000000\n>SIZE f.bin\n502 no"},
     {"a second transfer ends the session", "SOOL", "0 4 -1 -1", stor + "226\n>QUIT\n221"},
   });
   // clang-format on
@@ -209,6 +211,7 @@ std::string Call(CFtpClient* c, char op, const Server& s, const std::string& pay
     case 'S': return std::to_string(c->FtpStart());
     case 'w': return std::to_string(c->FtpWriteDate(3, "x", 1, 0));
     case 'C': return std::to_string(c->FtpClose());
+    case 'Z': return std::to_string(c->FtpGetFileSize());
     case 'T': return c->FtpSetTimeLimits(FtpTimeLimits_t{1000, 2000, 3000}), "0";
     case 'L':
       r = std::to_string(c->FtpGetServerDirFile());
@@ -290,29 +293,36 @@ TEST(FtpParsersTest, PassivePortsAndFeatures) {
 
 TEST(FtpParsersTest, TlsPolicyIsStrictAndNeverFallsBackToOff) {
   // A policy file, and for host "h": the mode (0 off, 1 require, 2 broken), ca, verify_host
-  // and whether the pin (31 zero bytes and 0xab) was read.
-  const std::string pin = "pin=sha256:" + std::string(62, '0') + "Ab";
+  // and whether the pin read is the SHA-256 of the certificate "abc" (a wrong pin never is).
+  const std::string sha = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015";
+  const std::string pin = "pin=sha256:BA:78:16:" + sha.substr(6) + "aD";
+  const auto* abc = reinterpret_cast<const unsigned char*>("abc");
   // clang-format off
   for (auto [text, mode, ca, verify, pinned] :
        std::vector<std::tuple<std::string, int, const char*, bool, bool>>{
-      {"", 0, "", true, 0}, {"# h require\n\n", 0, "", true, 0},
-      {"h require ca=/c verify_host=no " + pin, 1, "/c", false, 1},
-      {"* require\nh off", 0, "", true, 0}, {"x off\n* require ca=/d", 1, "/d", true, 0},
-      {"h require ca=/c\n* off", 1, "/c", true, 0}, {"hh require", 0, "", true, 0},
-      {"h require ca=", 2, "", true, 0}, {"h require CA=/c", 2, "", true, 0},
-      {"h require verify_host=maybe", 2, "", true, 0}, {"h require ca=/a ca=/b", 2, "", true, 0},
-      {"h require pin=sha256:00", 2, "", true, 0}, {"h require pin=md5:" + std::string(32, '0'), 2, "", true, 0},
-      {"h off tls", 2, "", true, 0}, {"h", 2, "", true, 0}, {"h on", 2, "", true, 0},
-      {"h require\nh off", 2, "", true, 0}, {"h require x\nh off", 2, "", true, 0},
-      {"h off\n* require bad", 2, "", true, 0},
+      {"", 0, "", true, 0}, {"# h require\n\n", 0, "", true, 0}, {"hh require", 0, "", true, 0},
+      {"h require ca=/c verify_host=no " + pin, 1, "/c", false, 1}, {"* require\nh off", 0, "", true, 0},
+      {"h require pin=sha256:" + sha + "ae", 1, "", true, 0}, {"x off\n* require ca=/d", 1, "/d", true, 0},
+      {"h require ca=/c\n* off", 1, "/c", true, 0}, {"h require ca=", 2, "", true, 0}, {"h on", 2, "", true, 0},
+      {"h require CA=/c", 2, "", true, 0}, {"h require verify_host=maybe", 2, "", true, 0}, {"h", 2, "", true, 0},
+      {"h require ca=/a ca=/b", 2, "", true, 0}, {"h require pin=sha256:00", 2, "", true, 0},
+      {"h require pin=md5:" + std::string(32, '0'), 2, "", true, 0}, {"h off tls", 2, "", true, 0},
+      {"h require\nH. off", 2, "", true, 0}, {"x require bogus\nh off", 2, "", true, 0},
       {"h require pin=sha256:" + std::string(63, '0'), 2, "", true, 0}}) {
     // clang-format on
     FtpTlsPolicy p = ParseFtpTlsPolicy(text, "h", nullptr);
-    EXPECT_EQ(p.mode, mode) << text;
-    EXPECT_EQ(p.ca, ca) << text;
-    EXPECT_EQ(p.verifyHost, verify) << text;
-    EXPECT_EQ(p.pin, pinned ? std::string(31, '\0') + "\xab" : "") << text;
+    EXPECT_EQ(std::make_tuple(int{p.mode}, p.ca, p.verifyHost, FtpTlsPinMatches(p.pin, abc, 3)),
+              std::make_tuple(mode, std::string(ca), verify, pinned))
+        << text;
   }
+  // An entry's host word, a host, and whether it is the host's (names by case, addresses by value).
+  // clang-format off
+  for (auto [entry, host, same] : std::vector<std::tuple<const char*, const char*, int>>{
+      {"H.Example.", "h.example", 1}, {"h.example", "h.example.com", 0}, {"127.1", "0x7f.0.0.1", 1},
+      {"2130706433", "127.0.0.1", 1}, {"::FFFF:127.0.0.1", "127.0.0.1", 1}, {"0:0::1", "::1", 1},
+      {"127.0.0.2", "127.0.0.1", 0}})
+    EXPECT_EQ(ParseFtpTlsPolicy(std::string(entry) + " require", host, nullptr).mode, same) << entry;
+  // clang-format on
 }
 
 TEST(FtpParsersTest, ListingLines) {

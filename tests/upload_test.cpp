@@ -1,8 +1,10 @@
 // Upload control, the upload engine and the scheduler on one bench: a control manager and its
 // engine on a fake clock, status service, bus, database and FTP client, under a root of their own.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <thread>
 
 #include "control/ftp_ctrl_mng.h"
@@ -16,6 +18,7 @@ namespace {
 using Strings = std::vector<std::string>;
 using Events = std::vector<std::pair<int, int>>;  // (status, seq)
 using Ints = std::vector<int>;
+using Sizes = std::vector<int64_t>;
 
 // A valid, runnable task: transfer on, any link, server 127.0.0.1:21 "/up", remote "in/remote.bin".
 ftpFileInfo_t SampleTask(uint32_t seq, const std::string& fullName, uint8_t type = 0) {
@@ -201,11 +204,16 @@ TEST_F(UploadControlTest, IntakeStoresQueuesAndLimits) {
   db.full = true;  // the limit is the list's; unstored tasks fill it faster
   for (int i = 2; i < 1000; ++i) ASSERT_EQ(Admit(11, "/data/n" + std::to_string(i)), 0) << i;
   db.full = false;
-  EXPECT_EQ(Admit(11, "/data/extra"), -1);  // the 1000th was admitted, the 1001st is not
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(Admit(11, "/data/extra"), -1);  // the 1001st is not
   EXPECT_EQ(Names().size(), 1000u);
-  EXPECT_EQ(Rows(sd1).size(), 2u);  // nor stored, until the next disk check
-  mng.CheckDiskState(105);
-  EXPECT_EQ(Rows(sd1).size(), 1000u);
+  clock.AdvanceMs(10000);  // the burst is over: its count is logged without another refusal
+  mng.ScheduleTask(1);
+  std::string log = ReadWholeFile(root.path() + "/var/log/velmar/velmar.log");
+  int logged = 0;
+  for (size_t at = log.find(" refused since"); at != std::string::npos;
+       at = log.find(" refused since", at + 1))
+    logged += atoi(&log[log.rfind("); ", at) + 3]);
+  EXPECT_EQ(logged, 5);  // the recording without a disk, and the four
 }
 
 // Transfer control over rows, list and engine (holding o, sending): "rows | list | engine".
@@ -257,6 +265,84 @@ TEST(UploadControlTableTest, TransferControl) {
   }
 }
 
+// Disk and database faults on one disk: tasks a, b (seq 1) queued, the fault, c (seq 2) admitted,
+// the cure, then the queue drained. Every task is stored and sent once (in this order), and
+// each seq gets one status 0.
+TEST(UploadControlTableTest, DiskFaultsLoseNoTaskAndSendOneStatusPerSeq) {
+  using Step = std::function<void(UploadBench&)>;
+  auto place = [](std::function<void(const std::string&)> make) {  // at the database's path
+    return [make](UploadBench& b) { make(b.root.path() + "/mnt/sd1/new_file_op.db"); };
+  };
+  auto pull = [](UploadBench& b) {  // the mount point stays behind as an empty directory
+    b.SetPresent(1, 0);
+    std::string dir = b.root.path() + "/mnt/sd1";
+    ASSERT_EQ(rename(dir.c_str(), (dir + ".card").c_str()), 0);
+    MakeDirs(dir.c_str());
+    b.mng.CheckDiskState(150);
+  };
+  auto putBack = [](UploadBench& b) {
+    std::string dir = b.root.path() + "/mnt/sd1";
+    EXPECT_EQ(rmdir(dir.c_str()), 0);  // no database was made in the bare mount point
+    ASSERT_EQ(rename((dir + ".card").c_str(), dir.c_str()), 0);
+    b.SetPresent(1, 1);
+  };
+  auto pullDuringUpload = [pull](UploadBench& b) {
+    b.mng.ScheduleTask(120);  // a is handed over
+    pull(b);
+    StoreControlByte(&b.engine.m_stTask.result, 1);
+    b.mng.ScheduleTask(120);
+  };
+  auto flap = [](UploadBench& b) {  // away at every other pass
+    b.SetPresent(1, b.mng.m_diskMap.empty());
+    b.mng.CheckDiskState(400);
+  };
+  auto full = [](UploadBench& b) { b.db.full = !b.db.full; };
+  auto base = [](const char* path) { return std::string(strrchr(path, '/') + 1); };
+  // clang-format off
+  struct Case { const char* what; Step fault, cure, during; Strings queue; } cases[] = {
+      {"card pulled, mount point left", pull, putBack, nullptr, {"a", "b", "c"}},
+      {"card pulled during an upload", pullDuringUpload, putBack, nullptr, {"b", "c"}},
+      {"disk flapping", nullptr, nullptr, flap, {"a", "b", "c"}},
+      {"database full or read-only", full, full, nullptr, {"a", "b", "c"}},
+      {"database deleted", place([](auto& f) { unlink(f.c_str()); }), nullptr, nullptr, {"a", "b", "c"}},
+      {"garbage", place([](auto& f) { std::ofstream(f) << std::string(3000, 'g'); }), nullptr, nullptr, {"a", "b", "c"}},
+      {"truncated", place([](auto& f) { truncate(f.c_str(), 4096); }), nullptr, nullptr, {"a", "b", "c"}},
+      {"emptied", place([](auto& f) { std::ofstream{f}; }), nullptr, nullptr, {"a", "b", "c"}},
+      {"a directory", place([](auto& f) { unlink(f.c_str()); MakeDirs(f.c_str()); }), nullptr, nullptr, {"a", "b", "c"}},
+      {"a FIFO", place([](auto& f) { unlink(f.c_str()); mkfifo(f.c_str(), 0600); }), nullptr, nullptr, {"a", "b", "c"}},
+      {"a FIFO journal", place([](auto& f) { mkfifo((f + "-journal").c_str(), 0600); }), nullptr, nullptr, {"a", "b", "c"}},
+      {"a link loop", place([](auto& f) { unlink(f.c_str()); symlink(f.c_str(), f.c_str()); }), nullptr, nullptr, {"a", "b", "c"}},
+      {"a dangling link", place([](auto& f) { unlink(f.c_str()); symlink("/nonexistent/db", f.c_str()); }), nullptr, nullptr, {"a", "b", "c"}}};
+  // clang-format on
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    UploadBench b;
+    std::string sd1 = b.AddDisk(1, "/mnt/sd1");
+    b.mng.CheckDiskState(100);
+    EXPECT_EQ((Ints{b.Admit(1, b.File("a")), b.Admit(1, b.File("b"))}), (Ints{0, 0}));
+    if (c.fault) c.fault(b);
+    EXPECT_EQ(b.Admit(2, b.File("c")), 0);
+    if (c.cure) c.cure(b);
+    b.mng.CheckDiskState(200);
+    Strings stored, sent;
+    for (const __ftp_log& r : b.Rows(sd1)) stored.push_back(base(r.fullpath));
+    std::sort(stored.begin(), stored.end());
+    EXPECT_EQ(stored, c.queue);
+    for (uint32_t pass = 300; pass < 310; ++pass) {
+      if (c.during) c.during(b);
+      b.mng.ScheduleTask(pass);  // hands the head over
+      if (b.engine.SnapshotTask().valid == 1) {
+        sent.push_back(base(b.engine.SnapshotTask().fullName));
+        StoreControlByte(&b.engine.m_stTask.result, 1);
+        b.mng.ScheduleTask(pass);
+      }
+    }
+    EXPECT_EQ(sent, c.queue);
+    EXPECT_EQ(b.StatusEvents(), (Events{{0, 1}, {0, 2}}));
+    EXPECT_TRUE(b.Rows(sd1).empty());
+  }
+}
+
 const char kAviName[] = "/0001_0000000a_1_100_101_1_0.avi";
 const char kBadAvi[] = "/0001_0000000a_1_300_200_1_0.avi";  // ends before it starts
 
@@ -298,27 +384,28 @@ TEST_F(UploadEngineTest, SourcesOfEveryKind) {
   const char* path = local.c_str();
   char buf[32] = {};
   CXFile other(2, &env), plain(0, &env);  // 2: neither plain file nor recording, nothing works
-  EXPECT_EQ((Ints{other.Xexist(path), other.XsizeByPath(path), other.Xopen(path, "rb"),
-                  other.Xread(buf, 1, 4), other.Xseek(0, SEEK_SET), other.Xwrite(buf, 1, 4),
-                  other.Xclose(), plain.Xopen(none.c_str(), "rb"), plain.Xsize(),
-                  plain.XsizeByPath(none.c_str())}),
-            (Ints{0, 0, -1, -1, -1, -1, -1, -1, -1, 0}));
+  EXPECT_EQ((Sizes{other.Xexist(path), other.XsizeByPath(path), other.Xopen(path, "rb"),
+                   other.Xread(buf, 1, 4), other.Xseek(0, SEEK_SET), other.Xwrite(buf, 1, 4),
+                   other.Xclose(), plain.Xopen(none.c_str(), "rb"), plain.Xsize(),
+                   plain.XsizeByPath(none.c_str())}),
+            (Sizes{0, 0, -1, -1, -1, -1, -1, -1, -1, 0}));
   ASSERT_EQ(plain.Xopen(path, "r+b"), 0);
   EXPECT_EQ(plain.Xsize(), 10);
   ASSERT_EQ(unlink(path), 0);
-  EXPECT_EQ((Ints{plain.Xsize(), plain.Xseek(4, SEEK_SET), plain.Xread(buf, 1, 16)}),
-            (Ints{-1, 0, 6}));  // size by path, reads by stream
+  EXPECT_EQ((Sizes{plain.Xsize(), plain.Xseek(4, SEEK_SET), plain.Xread(buf, 1, 16)}),
+            (Sizes{-1, 0, 6}));  // size by path, reads by stream
   EXPECT_EQ(std::string(buf, 6), "456789");
   EXPECT_EQ(plain.Xclose(), 0);
   {
     CXFile avi(1, &env);
-    EXPECT_EQ((Ints{avi.Xsize(), avi.XsizeByPath(kBadAvi), avi.Xexist(kBadAvi)}), (Ints{-1, 0, 0}));
+    EXPECT_EQ((Sizes{avi.Xsize(), avi.XsizeByPath(kBadAvi), avi.Xexist(kBadAvi)}),
+              (Sizes{-1, 0, 0}));
     ASSERT_EQ(avi.Xopen(kAviName, "r+b"), 0);
-    int readers = recording.created, size = avi.Xsize();
+    int readers = recording.created, size = static_cast<int>(avi.Xsize());
     ASSERT_GT(size, 4096);
     // Existence answered from the open stream, without a reader of its own.
-    EXPECT_EQ((Ints{avi.Xexist(kAviName), recording.created, avi.XsizeByPath(kAviName)}),
-              (Ints{1, readers, size}));
+    EXPECT_EQ((Sizes{avi.Xexist(kAviName), recording.created, avi.XsizeByPath(kAviName)}),
+              (Sizes{1, readers, size}));
     std::string whole = ReadRest(&avi);
     EXPECT_EQ(whole.size(), static_cast<size_t>(size));
     EXPECT_EQ(avi.Xseek(size - 40, SEEK_END), 0);  // always absolute
@@ -400,39 +487,73 @@ TEST_F(UploadEngineTest, AppendsOnlyToACopyThatHoldsStill) {
   ftp.onList = nullptr;
 }
 
-// Failed listings, gone files, failed writes, and valid/trans cleared during a send (after that
-// block: stopped (3) when valid is cleared, open when only trans is).
-TEST_F(UploadEngineTest, PassesThatEndEarly) {
+// Passes that end early or meet a source or server fault, followed by the scheduler: delivered
+// (status 0, a flagged file removed) only when the server holds the whole file; else continued,
+// stored anew (three times at most) or given up (status 1, file kept). A cleared valid stops a
+// send after its block (3); a cleared trans only ends it, the task stays open.
+TEST(UploadEngineFaultsTest, PassesThatEndEarly) {
+  const int64_t kSelf = -1, kFifo = -2, kNoCopy = -1, kWhole = -2, k2G2 = (int64_t(11) << 30) / 5;
+  using Change = std::function<void(UploadBench&, const std::string&)>;
+  Change vanish = [](UploadBench&, const std::string& path) { unlink(path.c_str()); };
+  auto resize = [](size_t size) {  // written anew: the same bytes, fewer or more of them
+    return [=](UploadBench& b, const std::string&) { b.root.Write("/src.bin", Bytes(size)); };
+  };
+  auto set = [](uint8_t valid, uint8_t trans) {
+    return [=](UploadBench& b, const std::string&) { b.engine.SetTaskTrans(valid, trans); };
+  };
   // clang-format off
-  struct Case { int listResult; bool listed, localExists; int writeFailAfter; size_t clearAt;
-                uint8_t valid, trans, result; size_t written; } cases[] = {
-      {-1, false, true, -1, 0, 1, 1, 0, 0}, {-2, false, true, -1, 0, 1, 1, 0, 0},
-      {0, false, false, -1, 0, 1, 1, 2, 0}, {0, true, false, -1, 0, 1, 1, 1, 0},
-      {0, false, true, 32768, 0, 1, 1, 0, 32768}, {0, false, true, -1, 32768, 1, 0, 0, 32768},
-      {0, false, true, -1, 16384, 0, 1, 3, 16384}, {0, false, true, -1, 49152, 0, 0, 3, 49152}};
+  struct Case { const char* what; int64_t size, missing, listLie; bool sizeKnown; Change change;
+                int passes; Ints modes; int64_t copy; int result, status; bool kept; } cases[] = {
+      {"read, not write: the running test program", kSelf, 1000, 0, false, nullptr, 2, {1}, kWhole, 1, 0, true},
+      {"a FIFO: refused at once", kFifo, kNoCopy, 0, false, nullptr, 1, {}, kNoCopy, 2, 1, true},
+      {"vanishes, sent whole from the open file", 100000, kNoCopy, 0, false, vanish, 2, {0}, 100000, 2, 1, false},
+      {"over 2 GiB", k2G2, 1000, 0, false, nullptr, 2, {1}, kWhole, 1, 0, false},
+      {"listed whole, SIZE short", 5000, 1000, 1000, true, nullptr, 2, {1}, kWhole, 1, 0, false},
+      {"listed short, SIZE whole", 5000, 0, -1000, true, nullptr, 1, {}, kWhole, 1, 0, false},
+      {"always listed larger", 5000, kNoCopy, 1000, false, nullptr, 4, {0, 0, 0}, kWhole, 0, 1, true},
+      {"shrinks during the send", 100000, kNoCopy, 0, false, resize(20000), 3, {0, 0}, kWhole, 1, 0, false},
+      {"grows during the send", 5000, kNoCopy, 0, false, resize(8000), 3, {0, 1}, kWhole, 1, 0, false},
+      {"trans cleared", 100000, kNoCopy, 0, false, set(1, 0), 1, {0}, 16384, 0, -1, true},
+      {"valid cleared", 100000, kNoCopy, 0, false, set(0, 1), 1, {0}, 16384, 3, -1, true},
+      {"both cleared", 100000, kNoCopy, 0, false, set(0, 0), 1, {0}, 16384, 3, -1, true}};
   // clang-format on
-  std::string content = Bytes(100000);
   for (const Case& c : cases) {
-    SCOPED_TRACE(&c - cases);
-    ftp.listResult = c.listResult, ftp.writeFailAfter = c.writeFailAfter, ftp.written.clear();
-    ftp.listing = c.listed ? std::vector<FtpDirEntry_t>{FakeFtpClient::Entry("remote.bin", 10)}
-                           : std::vector<FtpDirEntry_t>{};
-    ftp.onWrite = [&](size_t total) {
-      if (total >= c.clearAt) engine.SetTaskTrans(c.valid, c.trans);
+    SCOPED_TRACE(c.what);
+    UploadBench b;
+    b.engine.m_pFtpClient = b.env.NewFtpClient();
+    std::string sd1 = b.AddDisk(1, "/mnt/sd1");
+    b.mng.CheckDiskState(100);
+    std::string path = c.size == kSelf
+                           ? "/proc/self/exe"
+                           : b.File("src.bin", Bytes(std::clamp<int64_t>(c.size, 1, 100000)));
+    EXPECT_EQ(c.size >= 0 ? truncate(path.c_str(), c.size) : 0, 0);  // sparse beyond 100000
+    struct stat st {};
+    stat(path.c_str(), &st);
+    ASSERT_EQ(b.Admit(5, path, 0, 7, c.size != kSelf), 0);
+    b.mng.ScheduleTask(100);  // handed over
+    EXPECT_EQ(c.size == kFifo ? unlink(path.c_str()) + mkfifo(path.c_str(), 0600) : 0, 0);
+    b.ftp.keepsCopy = true, b.ftp.sizeKnown = c.sizeKnown, b.ftp.listLie = c.listLie;
+    b.ftp.held = c.missing == kNoCopy ? -1 : st.st_size - c.missing;
+    b.ftp.onWrite = [&](size_t total) {
+      if (c.change && total <= 16384) c.change(b, path);  // after the first block
     };
-    int closes = ftp.closes;
-    Hold(SampleTask(5, c.localExists ? File("local.bin", content) : root.path() + "/gone.bin"));
-    Pass();
-    EXPECT_EQ(engine.SnapshotTask().result, c.result);
-    EXPECT_EQ(ftp.written, content.substr(0, c.written));
-    EXPECT_EQ(ftp.closes, closes + 1);
+    ftpFileInfo_t previous{};
+    for (int i = 0; i < c.passes; ++i) b.engine.RunPass(&previous);
+    stat(path.c_str(), &st);  // the size the source ended with
+    EXPECT_EQ(b.engine.SnapshotTask().result, c.result);
+    b.mng.ScheduleTask(101);
+    EXPECT_EQ(b.ftp.modes, c.modes);
+    EXPECT_EQ(b.ftp.held, c.copy == kWhole ? st.st_size : c.copy);
+    EXPECT_EQ(b.StatusEvents(), (c.status < 0 ? Events{} : Events{{c.status, 5}}));
+    EXPECT_EQ(access(path.c_str(), F_OK) == 0, c.kept);
+    int queued = c.status < 0;  // else gone from list and database
+    EXPECT_EQ((Ints{int(b.Names().size()), int(b.Rows(sd1).size())}), (Ints{queued, queued}));
   }
-  ftp.onWrite = nullptr;
 }
 
-// Failed logins, listings and data connections count (a partial send resets nothing); after
-// four the task is given up (status event 1, deleted from queue and database) and the next one
-// is handed over.
+// Failed logins, listings and data connections count (a partial send resets nothing) and pause
+// 10 s; after four the task is given up (status event 1, deleted from queue and database)
+// without another login, and the next one is handed over.
 TEST_F(UploadEngineTest, FourFailedConnectionsGiveTheTaskUp) {
   std::string sd1 = AddDisk(1, "/mnt/sd1");
   mng.CheckDiskState(100);
@@ -443,7 +564,6 @@ TEST_F(UploadEngineTest, FourFailedConnectionsGiveTheTaskUp) {
   ftp.startFailures = 2;
   Pass();
   Pass();
-  EXPECT_GE(clock.sleptUs(), 20000000u);  // 10 s after each failed login
   ftp.writeFailAfter = 16384;
   Pass();
   EXPECT_EQ((Ints{int(ftp.written.size()), engine.SnapshotTask().connFailTimes}), (Ints{16384, 2}));
@@ -451,6 +571,7 @@ TEST_F(UploadEngineTest, FourFailedConnectionsGiveTheTaskUp) {
   Pass();
   ftp.listResult = 0, ftp.dataFails = true;
   Pass();
+  EXPECT_GE(clock.sleptUs(), 44000000u);  // 10 s after each failed connection, 3 s after a send
   EXPECT_EQ(engine.SnapshotTask().connFailTimes, 4);
   EXPECT_TRUE(StatusEvents().empty());
   EXPECT_EQ(Seqs(sd1), (Ints{70000, 71}));
@@ -458,7 +579,7 @@ TEST_F(UploadEngineTest, FourFailedConnectionsGiveTheTaskUp) {
   Pass();
   EXPECT_EQ(StatusEvents(), (Events{{1, 70000 & 0xFFFF}}));
   ftpFileInfo_t held = engine.SnapshotTask();
-  EXPECT_EQ((Ints{held.valid, held.connFailTimes, held.result}), (Ints{0, 0, 3}));
+  EXPECT_EQ((Ints{held.valid, held.connFailTimes, held.result, ftp.starts}), (Ints{0, 0, 0, 5}));
   EXPECT_EQ((Ints{int(ftp.written.size()), int(List().size()), int(Seqs(sd1).size())}),
             (Ints{16384, 1, 1}));
   mng.ScheduleTask(100);  // the next task is handed over
@@ -495,6 +616,12 @@ TEST_F(SchedulerTest, HandOverFollowsTheNetworkLink) {
   EXPECT_EQ(LoadLE32(status.networkSets[0].data() + 4), 1u);
   mng.ScheduleTask(100);
   EXPECT_EQ(Held() + std::to_string(status.networkSets.size()), b + "1");
+  {
+    CAutoLock guard(&mng.m_lock);
+    mng.m_taskList.front().trans = 0;  // switched off by a transfer control: the engine follows
+  }
+  mng.ScheduleTask(100);
+  EXPECT_EQ((Ints{engine.SnapshotTask().trans, engine.SnapshotTask().valid}), (Ints{0, 1}));
   status.networkLink = 1;  // mask 4: b's link is gone
   mng.ScheduleTask(101);
   EXPECT_EQ(engine.SnapshotTask().valid, 0);
@@ -504,36 +631,6 @@ TEST_F(SchedulerTest, HandOverFollowsTheNetworkLink) {
     status.networkLink = m[0];
     mng.ScheduleTask(200 + static_cast<uint32_t>(m[0]));
     EXPECT_EQ(mng.m_netMask, static_cast<uint32_t>(m[1])) << "link " << m[0];
-  }
-}
-
-// An outcome ends the task everywhere; 1 and 2 complete the seq and remove a flagged file, 3 not.
-TEST_F(SchedulerTest, OutcomesOfTheEnginesTask) {
-  struct Case {
-    uint8_t result, del;
-    bool event, fileKept;
-  } cases[] = {{1, 1, true, false}, {1, 0, true, true}, {2, 1, true, false}, {3, 1, false, true}};
-  mng.CheckDiskState(100);
-  for (const Case& c : cases) {
-    int seq = static_cast<int>(10 + (&c - cases));
-    SCOPED_TRACE(seq);
-    Events events = StatusEvents();
-    std::string path = File("f" + std::to_string(seq));
-    EXPECT_EQ(Admit(static_cast<uint32_t>(seq), path, 0, 7, c.del), 0);
-    mng.ScheduleTask(100);
-    {
-      CAutoLock guard(&mng.m_lock);
-      mng.m_taskList.front().trans = 0;
-    }
-    mng.ScheduleTask(100);
-    EXPECT_EQ((Ints{engine.SnapshotTask().trans, engine.SnapshotTask().valid}), (Ints{0, 1}));
-    Finish(c.result);
-    mng.ScheduleTask(100);
-    if (c.event) events.emplace_back(0, seq);
-    EXPECT_EQ(StatusEvents(), events);
-    EXPECT_EQ((Ints{access(path.c_str(), F_OK) == 0, Stored(seq), engine.SnapshotTask().valid,
-                    int(Names().size())}),
-              (Ints{c.fileKept, 0, 0, 0}));
   }
 }
 

@@ -29,6 +29,8 @@ constexpr uint64_t kPassPauseUs = 3000000;
 // how long a pass waits at most for that.
 constexpr uint64_t kHoldStillUs = 2000000;
 constexpr int kMaxHoldStillChecks = 60;
+// Times a task is stored anew in one hand-over before it is given up (see StoreAnew).
+constexpr int kMaxStoresAnew = 3;
 
 std::atomic<bool> g_niceRefusalLogged{false};
 
@@ -150,14 +152,9 @@ void CFtpUploadFileMng::RunPass(ftpFileInfo_t* previous) {
   ftpFileInfo_t task = SnapshotTask();
   if (task.connFailTimes > 3) {
     WriteDbgLog(2, "seq:%d given up after four failed connections\n", static_cast<int>(task.seq));
-    m_nLastGaveUpSeq = task.seq;
-    ++m_nGaveUp;
-    SendTaskStatus(static_cast<int>(task.seq), 1);
-    if (m_pTaskControl != nullptr) {
-      m_pTaskControl->SetFtpTrans(task.type, 2, static_cast<int>(task.seq));
-    }
-    ResetConnFail();
-    task = SnapshotTask();
+    GiveUp(task);
+    m_nBusy = 0;
+    return;  // a task given up gets no further connection
   }
   if (memcmp(&task, previous, sizeof(task)) == 0) m_env->SleepUs(kRepeatPauseUs);
   CFtpClient* client = m_pFtpClient;
@@ -179,65 +176,107 @@ void CFtpUploadFileMng::RunPass(ftpFileInfo_t* previous) {
   } else {
     const FtpDirEntry_t* match = FindListed(client, task.fileName);
     if (match == nullptr) {
-      SendFile2FtpServer(task.fullName, 0, 0);
-      CountSend();
+      StoreAnew(task);
     } else {
       ResumeFrom(task, match->size);
     }
   }
   m_nBusy = 0;
   client->FtpClose();
-  m_env->SleepUs(kPassPauseUs);
+  // A connection that failed after the login (listing, data connection, SIZE) is paced like a
+  // failed login: with the short pause a hiccup of a few seconds in the server's data port
+  // used up the four tries in 12 s.
+  bool failed = SnapshotTask().connFailTimes > task.connFailTimes;
+  m_env->SleepUs(failed ? kLoginFailPauseUs : kPassPauseUs);
 }
 
-void CFtpUploadFileMng::ResumeFrom(const ftpFileInfo_t& task, int32_t serverSize) {
+void CFtpUploadFileMng::GiveUp(const ftpFileInfo_t& task) {
+  m_nLastGaveUpSeq = task.seq;
+  ++m_nGaveUp;
+  SendTaskStatus(static_cast<int>(task.seq), 1);
+  if (m_pTaskControl != nullptr) {
+    m_pTaskControl->SetFtpTrans(task.type, 2, static_cast<int>(task.seq));
+  }
+  ResetConnFail();
+}
+
+// A server whose copy never comes out as the whole file (its listing or SIZE misreports, the
+// file keeps changing under the send) would be sent the whole file pass after pass without
+// end: after kMaxStoresAnew stores in one hand-over the task is given up instead.
+void CFtpUploadFileMng::StoreAnew(const ftpFileInfo_t& task) {
+  if (m_nStoresAnew >= kMaxStoresAnew) {
+    WriteDbgLog(2, "seq:%d file:%s: stored anew %d times, never complete on the server: given up\n",
+                static_cast<int>(task.seq), task.fullName, kMaxStoresAnew);
+    GiveUp(task);
+    return;
+  }
+  SendFile2FtpServer(task.fullName, 0, 0);
+  CountSend();
+}
+
+void CFtpUploadFileMng::ResumeFrom(const ftpFileInfo_t& task, int64_t serverSize) {
   CXFile source(task.type, m_env);
-  int32_t localSize = 0;
+  int64_t localSize = 0;
   if (!source.XsizeIfExists(task.fullName, &localSize)) {
     WriteDbgLog(0, "\n\n%s:%d file:%s not exist!\n\n", "FileSyncProcess", 373, task.fullName);
-    StoreControlByte(&m_stTask.result, 1);
+    StoreControlByte(&m_stTask.result, 2);  // a copy cannot be checked: never delivered
     return;
   }
   bool sentBefore = SnapshotTask().sendTimes != 0;
-  ServerCopy copy = JudgeServerCopy(task.type, serverSize, localSize, sentBefore);
-  if (copy == ServerCopy::kAppend) {
+  if (JudgeServerCopy(task.type, serverSize, localSize, sentBefore) == ServerCopy::kAppend) {
     if (!SizeHoldsStill(task, &serverSize)) {
       if (Sending(LoadTaskControl(&m_stTask))) CountConnFail();  // not when switched off
       return;
     }
-    copy = JudgeServerCopy(task.type, serverSize, localSize, sentBefore);
   }
-  WriteDbgLog(0, "seq:%d file:%s size[%d,%d] %s\n", static_cast<int>(task.seq), task.fullName,
-              serverSize, localSize,
-              copy == ServerCopy::kComplete    ? "finish!"
-              : copy == ServerCopy::kStoreAnew ? "larger than the file: stored anew"
-                                               : "...");
-  if (copy == ServerCopy::kComplete) {
-    StoreControlByte(&m_stTask.result, 1);
+  // A listing line is the server's word on a directory; SIZE asks it about the file itself.
+  // Where the two differ, SIZE decides (a copy listed as whole but short is continued, one
+  // listed short but whole is complete); a server offering no SIZE is taken at its listing.
+  int64_t second = m_pFtpClient->FtpGetFileSize();
+  if (second == -2) {
+    CountConnFail();
     return;
   }
-  bool append = copy == ServerCopy::kAppend;
-  SendFile2FtpServer(task.fullName, append ? 1 : 0, append ? serverSize : 0);
-  CountSend();
+  if (second >= 0 && second != serverSize) {
+    WriteDbgLog(2, "seq:%d file:%s: listed with %lld bytes, SIZE %lld: judged on SIZE\n",
+                static_cast<int>(task.seq), task.fileName, static_cast<long long>(serverSize),
+                static_cast<long long>(second));
+    serverSize = second;
+  }
+  ServerCopy copy = JudgeServerCopy(task.type, serverSize, localSize, sentBefore);
+  WriteDbgLog(0, "seq:%d file:%s size[%lld,%lld] %s\n", static_cast<int>(task.seq), task.fullName,
+              static_cast<long long>(serverSize), static_cast<long long>(localSize),
+              copy == ServerCopy::kComplete ? "finish!" : "...");
+  if (copy == ServerCopy::kComplete) {
+    StoreControlByte(&m_stTask.result, 1);
+  } else if (copy == ServerCopy::kAppend) {
+    SendFile2FtpServer(task.fullName, 1, serverSize);
+    CountSend();
+  } else {
+    WriteDbgLog(0, "seq:%d file:%s: stored anew: the server's copy is larger\n",
+                static_cast<int>(task.seq), task.fullName);
+    StoreAnew(task);
+  }
 }
 
 // A connection that has not ended yet (of an earlier pass, or of a process that died and
 // whose data is still queued on the way or at the server) may still be feeding the server's
 // copy; appending behind it would put two writers in one file. The directory is listed again
 // every kHoldStillUs until the size stops changing; *size is then the size to append to.
-bool CFtpUploadFileMng::SizeHoldsStill(const ftpFileInfo_t& task, int32_t* size) {
+bool CFtpUploadFileMng::SizeHoldsStill(const ftpFileInfo_t& task, int64_t* size) {
   for (int check = 0; check < kMaxHoldStillChecks; ++check) {
     m_env->SleepUs(kHoldStillUs);
     if (!Sending(LoadTaskControl(&m_stTask))) return false;
     if (m_pFtpClient->FtpGetServerDirFile() < 0) return false;
     const FtpDirEntry_t* again = FindListed(m_pFtpClient, task.fileName);
-    int32_t now = again != nullptr ? again->size : -1;
+    int64_t now = again != nullptr ? again->size : -1;
     if (now == *size) return true;
     if (check == 0) {
       WriteDbgLog(2,
-                  "seq:%d file:%s: the server's copy is still growing (%d, then %d bytes); "
+                  "seq:%d file:%s: the server's copy is still growing (%lld, then %lld bytes); "
                   "waiting for it to end\n",
-                  static_cast<int>(task.seq), task.fileName, *size, now);
+                  static_cast<int>(task.seq), task.fileName, static_cast<long long>(*size),
+                  static_cast<long long>(now));
     }
     if (now < 0) return false;
     *size = now;
@@ -247,32 +286,37 @@ bool CFtpUploadFileMng::SizeHoldsStill(const ftpFileInfo_t& task, int32_t* size)
   return false;
 }
 
-void CFtpUploadFileMng::SendFile2FtpServer(const char* path, int mode, int offset) {
+void CFtpUploadFileMng::SendFile2FtpServer(const char* path, int mode, int64_t offset) {
   char* buffer = static_cast<char*>(malloc(kBlockSize));
   if (buffer == nullptr) return;
   SendPriority priority;
   ftpFileInfo_t task = SnapshotTask();
   CFtpClient* client = m_pFtpClient;
   FtpClientData_t* data = client->FtpGetClientData();
-  if (client->FtpCreateDateSockFd(mode) < 0 || data == nullptr) {
-    CountConnFail();
-    WriteDbgLog(0, "ftp Create DateSockFd faild cnt:%d\n", SnapshotTask().connFailTimes);
-    free(buffer);
-    m_env->SleepUs(kFailPauseUs);
-    return;
-  }
+  // The source is opened first, for reading only: a source that cannot be read leaves no empty
+  // file on the server, and one the service may read but not write is sent.
   CXFile source(task.type, m_env);
-  if (source.Xopen(path, "r+b") == -1) {
+  if (source.Xopen(path, "rb") == -1) {
     WriteDbgLog(0, "ftp Xopen file:%s faild\n", path);
     StoreControlByte(&m_stTask.result, 2);
     free(buffer);
     m_env->SleepUs(kFailPauseUs);
     return;
   }
+  if (client->FtpCreateDateSockFd(mode) < 0 || data == nullptr) {
+    source.Xclose();
+    CountConnFail();
+    WriteDbgLog(0, "ftp Create DateSockFd faild cnt:%d\n", SnapshotTask().connFailTimes);
+    free(buffer);
+    m_env->SleepUs(kFailPauseUs);
+    return;
+  }
+  if (mode == 0) ++m_nStoresAnew;  // a store that reached the server
   if (source.Xseek(offset, SEEK_SET) != 0) {
     source.Xclose();
     m_nTransState = 2;
-    WriteDbgLog(0, "ftp Xseek file:%d faild cnt:%d\n", offset, task.sendTimes);
+    WriteDbgLog(0, "ftp Xseek file:%lld faild cnt:%d\n", static_cast<long long>(offset),
+                task.sendTimes);
     free(buffer);
     m_env->SleepUs(kFailPauseUs);
     return;
@@ -280,7 +324,7 @@ void CFtpUploadFileMng::SendFile2FtpServer(const char* path, int mode, int offse
   m_nSendFrom = offset;
   m_nSent = 0;
   // The open source's own size: a recording is not opened and counted through once more.
-  int32_t sendTotal = source.Xsize();
+  int64_t sendTotal = source.Xsize();
   m_nSendTotal = sendTotal > 0 ? sendTotal : 0;
   m_nSendStartMs = m_env->NowMs();
   time_t start = m_env->WallSeconds();

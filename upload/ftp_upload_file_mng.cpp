@@ -54,6 +54,7 @@ void CFtpUploadFileMng::SetTask(const ftpFileInfo_t* task) {
   WriteDbgLog(0, "set task seq:%d trans:%d file:%s\n", static_cast<int>(task->seq), task->trans,
               task->fullName);
   m_nTransState = 0;
+  m_nStoresAnew = 0;
   CAutoLock guard(&m_taskLock);
   CopyPlainBytes(&m_stTask, task);
   StoreControlByte(&m_stTask.valid, task->valid);

@@ -63,13 +63,15 @@ class CFtpUploadFileMng {
   // send or resume. Returns after the pass's closing pause. Upload thread only.
   void RunPass(ftpFileInfo_t* previous);
   // Sends path from offset (mode 0 anew, 1 append) while the task stays runnable.
-  void SendFile2FtpServer(const char* path, int mode, int offset);
-  // The server holds serverSize bytes of the task's file: counts it complete, appends to it
-  // once its size holds still, or stores the file anew when the copy is larger.
-  void ResumeFrom(const ftpFileInfo_t& task, int32_t serverSize);
+  void SendFile2FtpServer(const char* path, int mode, int64_t offset);
+  // The server lists serverSize bytes of the task's file. Once that size holds still (when it
+  // is to be appended to) and SIZE has had its say: counts it complete when it is the whole
+  // file, appends to a shorter copy, stores the file anew over a larger one. A source that is
+  // gone is never complete (result 2).
+  void ResumeFrom(const ftpFileInfo_t& task, int64_t serverSize);
   // Lists the directory again after pauses until the file's size (in and out: *size) stops
   // changing: true then; false when it would not, or the pass is to end.
-  bool SizeHoldsStill(const ftpFileInfo_t& task, int32_t* size);
+  bool SizeHoldsStill(const ftpFileInfo_t& task, int64_t* size);
 
   // Constant after construction (and SetTaskControl).
   Env* const m_env;
@@ -82,8 +84,11 @@ class CFtpUploadFileMng {
   // the bytes sent since, the file's whole size and when it started (Env's monotonic ms).
   // Written by the upload thread, read by any.
   std::atomic<int64_t> m_nSendFrom{0}, m_nSent{0}, m_nSendTotal{0}, m_nSendStartMs{0};
-  // Tasks given up after four failed connections since the start, and the last one's seq.
+  // Tasks given up since the start (four failed connections, stored anew too often), and the
+  // last one's seq.
   std::atomic<uint32_t> m_nGaveUp{0}, m_nLastGaveUpSeq{0};
+  // Stores (data connections in mode 0) of the held task since it was handed over.
+  std::atomic<int> m_nStoresAnew{0};
   CFtpClient* m_pFtpClient = nullptr;               // owned by the upload thread
   ftpFileInfo_t m_stTask GUARDED_BY(m_taskLock){};  // see the sharing rules above
   CommonCthread m_thread;
@@ -102,6 +107,10 @@ class CFtpUploadFileMng {
   void CountSend();
   void CountConnFail();
   void ResetConnFail();
+  // Announces the task given up (status 1) and has transfer control delete it.
+  void GiveUp(const ftpFileInfo_t& task);
+  // Sends the whole file, unless it was stored anew too often: then gives the task up.
+  void StoreAnew(const ftpFileInfo_t& task);
 
  private:
   static CFtpUploadFileMng* m_pInstance;

@@ -1,11 +1,14 @@
 #include "upload/xfile.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <string>
 
 #include "avi/read_avi.h"
 #include "platform/fileutil.h"
@@ -42,9 +45,15 @@ int CXFile::Xopen(const char* path, const char* mode) {
   // Paths longer than 127 characters are cut; the task record cannot carry more.
   CopyText(m_szPath, sizeof(m_szPath), path);
   if (m_nType == XFILE_NORMAL) {
-    FILE* f = fopen(m_szPath, mode);
+    std::string why;
+    int fd = OpenRegularFile(m_szPath, strpbrk(mode, "+wa") != nullptr ? O_RDWR : O_RDONLY, &why);
+    FILE* f = fd >= 0 ? fdopen(fd, mode) : nullptr;
     if (f == nullptr) {
-      printf("fopen faild %s\n", strerror(errno));
+      if (fd >= 0) {
+        why = strerror(errno);
+        close(fd);
+      }
+      printf("fopen faild %s\n", why.c_str());
       return -1;
     }
     // Uploads read in 16 KiB pieces; a larger stream buffer makes that one read system call
@@ -61,39 +70,39 @@ int CXFile::Xopen(const char* path, const char* mode) {
   return m_pHandle != nullptr ? 0 : -1;
 }
 
-int32_t CXFile::Xsize() {
+int64_t CXFile::Xsize() {
   if (m_pHandle == nullptr) return -1;
   if (m_nType == XFILE_NORMAL) {
     struct stat st;
     if (stat(m_szPath, &st) != 0) return -1;
-    return static_cast<int32_t>(st.st_size);
+    return st.st_size;
   }
   if (m_nType == XFILE_AVI && m_pAviReader != nullptr) {
-    return static_cast<int32_t>(m_pAviReader->ReadAviGetSize(Avi()));
+    return m_pAviReader->ReadAviGetSize(Avi());
   }
   return -1;
 }
 
-int32_t CXFile::XsizeByPath(const char* path) {
+int64_t CXFile::XsizeByPath(const char* path) {
   if (m_nType == XFILE_NORMAL) {
     struct stat st;
     if (path == nullptr || stat(path, &st) != 0) return 0;
-    return static_cast<int32_t>(st.st_size);
+    return st.st_size;
   }
   if (m_nType != XFILE_AVI) return 0;
   CReadAvi reader(m_env);
   AviFileInfo_t* h = reader.ReadAviOpen(path);
-  int32_t size = h != nullptr ? static_cast<int32_t>(reader.ReadAviGetSize(h)) : 0;
+  int64_t size = h != nullptr ? reader.ReadAviGetSize(h) : 0;
   reader.ReadAviClose(h);
   return size;
 }
 
-bool CXFile::XsizeIfExists(const char* path, int32_t* size) {
+bool CXFile::XsizeIfExists(const char* path, int64_t* size) {
   if (m_nType == XFILE_AVI && m_pHandle == nullptr) {
     CReadAvi reader(m_env);
     AviFileInfo_t* h = reader.ReadAviOpen(path);
     if (h == nullptr) return false;
-    *size = static_cast<int32_t>(reader.ReadAviGetSize(h));
+    *size = reader.ReadAviGetSize(h);
     reader.ReadAviClose(h);
     return true;
   }
@@ -119,10 +128,13 @@ int32_t CXFile::Xread(void* buf, int size, int count) {
   return length;
 }
 
-int CXFile::Xseek(long offset, int whence) {
+int CXFile::Xseek(int64_t offset, int whence) {
   if (m_pHandle == nullptr) return -1;
-  if (m_nType == XFILE_NORMAL) return fseek(static_cast<FILE*>(m_pHandle), offset, whence);
+  if (m_nType == XFILE_NORMAL) {
+    return fseeko(static_cast<FILE*>(m_pHandle), static_cast<off_t>(offset), whence);
+  }
   if (m_nType != XFILE_AVI || m_pAviReader == nullptr) return -1;
+  if (offset < 0 || offset > UINT32_MAX) return -1;  // beyond any recording's stream
   return m_pAviReader->ReadAviSeek(Avi(), static_cast<uint32_t>(offset));  // always absolute
 }
 

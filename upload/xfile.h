@@ -24,15 +24,18 @@ class CXFile {
   CXFile(const CXFile&) = delete;
   CXFile& operator=(const CXFile&) = delete;
 
-  int Xexist(const char* path);                   // 1 when the file (recording) can be found
-  int Xopen(const char* path, const char* mode);  // 0 or -1
-  int32_t Xsize();                                // size of the open source, -1
-  int32_t XsizeByPath(const char* path);          // size without opening; 0 on failure
+  int Xexist(const char* path);  // 1 when the file (recording) can be found
+  // 0 or -1. A plain file is opened only when it is a regular file, and without waiting (a
+  // FIFO or device is refused at once); for reading only unless mode asks to write ("+", "w",
+  // "a"), so that a file the service may read but not write can be sent.
+  int Xopen(const char* path, const char* mode);
+  int64_t Xsize();                        // size of the open source, -1
+  int64_t XsizeByPath(const char* path);  // size without opening; 0 on failure
   // Xexist and XsizeByPath in one: false when the file (recording) cannot be found, else true
   // and *size as XsizeByPath gives it. A recording is opened, and its frames counted, once.
-  bool XsizeIfExists(const char* path, int32_t* size);
+  bool XsizeIfExists(const char* path, int64_t* size);
   int32_t Xread(void* buf, int size, int count);
-  int Xseek(long offset, int whence);  // recordings: absolute offset
+  int Xseek(int64_t offset, int whence);  // recordings: absolute offset
   int Xclose();
   int32_t Xwrite(const void* buf, int size, int count);
   const char* XgetPath();  // the open path, or null

@@ -13,9 +13,11 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cctype>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <new>
 #include <string>
 
@@ -25,11 +27,14 @@
 #include "platform/host/atomic_file.h"
 #include "platform/log.h"
 #include "platform/paths.h"
+#include "platform/thread.h"
 
 namespace {
 
 const char kMagic[4] = {'E', 'V', 'B', '1'};
 constexpr size_t kRecvBufferSize = 16384;
+constexpr size_t kEntryMaxBytes = 1024;  // a registry entry is one line of some 100 bytes
+constexpr size_t kTrackedEntries = 64;   // unusable entries remembered for the log
 
 std::string RegistryDir() { return RootedPath("/run/evbus"); }
 
@@ -109,29 +114,64 @@ class HostPublisher {
 
  private:
   // Sends to the receiver registered in file when its mask has the event's bit.
-  static bool SendTo(int sock, const std::string& file, EVENT_E event,
-                     const unsigned char* datagram, int size) {
-    FILE* f = fopen(file.c_str(), "re");
-    if (f == nullptr) return false;
-    char line[512];
-    bool got = fgets(line, sizeof(line), f) != nullptr;
-    fclose(f);
+  bool SendTo(int sock, const std::string& file, EVENT_E event, const unsigned char* datagram,
+              int size) {
+    std::string line, why;
     uint64_t mask = 0;
-    int pathAt = 0;
-    if (!got || sscanf(line, "%16" SCNx64 " %n", &mask, &pathAt) != 1 || pathAt == 0) {
+    if (!ReadRegularFile(file.c_str(), kEntryMaxBytes, &line, &why)) {
+      Skip(file, why);
       return false;
     }
+    if (!ParseEntry(&line, &mask)) {
+      Skip(file, "not one line \"<16 hex digits> <socket path>\"");
+      return false;
+    }
+    Skip(file, "");
     if ((mask & (1ULL << static_cast<unsigned>(event))) == 0) return false;
-    // The socket path is the rest of the line: it may hold spaces.
-    char* path = line + pathAt;
-    path[strcspn(path, "\n")] = '\0';
     sockaddr_un addr;
     socklen_t addrLen;
-    if (*path == '\0' || !SocketAddress(path, &addr, &addrLen)) return false;
+    if (!SocketAddress(line.c_str(), &addr, &addrLen)) return false;
     ssize_t n = sendto(sock, datagram, static_cast<size_t>(size), MSG_DONTWAIT,
                        reinterpret_cast<sockaddr*>(&addr), addrLen);
     return n == size;
   }
+
+  // Reads "<16 hex digits> <path>\n" and nothing else; leaves the path in *line.
+  static bool ParseEntry(std::string* line, uint64_t* mask) {
+    std::string& l = *line;
+    if (l.size() < 19 || l[16] != ' ' || l.find('\n') != l.size() - 1 ||
+        l.find('\0') != std::string::npos) {
+      return false;
+    }
+    for (size_t i = 0; i < 16; ++i) {
+      int digit = isdigit(static_cast<unsigned char>(l[i])) ? l[i] - '0'
+                  : (l[i] >= 'a' && l[i] <= 'f')            ? l[i] - 'a' + 10
+                                                            : -1;
+      if (digit < 0) return false;
+      *mask = (*mask << 4) | static_cast<uint64_t>(digit);
+    }
+    l = l.substr(17, l.find('\n') - 17);  // the socket path may hold spaces
+    return true;
+  }
+
+  // Logs an unusable entry once while it stays unusable for the same reason (why empty: the
+  // entry is usable). At most kTrackedEntries entries are remembered, so the log stays bounded
+  // whatever lands in the directory.
+  void Skip(const std::string& file, const std::string& why) {
+    CAutoLock guard(&m_lock);
+    auto at = m_skipped.find(file);
+    if (why.empty()) {
+      if (at != m_skipped.end()) m_skipped.erase(at);
+      return;
+    }
+    if (at != m_skipped.end() && at->second == why) return;
+    if (at == m_skipped.end() && m_skipped.size() >= kTrackedEntries) return;
+    m_skipped[file] = why;
+    WriteDbgLog(2, "evbus: receiver entry %.300s skipped: %s\n", file.c_str(), why.c_str());
+  }
+
+  CLock m_lock;
+  std::map<std::string, std::string> m_skipped GUARDED_BY(m_lock);  // entry file, why
 };
 
 HostPublisher g_hostPublisher;

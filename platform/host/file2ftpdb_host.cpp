@@ -12,12 +12,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "platform/file2ftpdb.h"
 #include "platform/log.h"
@@ -60,7 +62,8 @@ bool NotADatabase(int code) { return code == SQLITE_CORRUPT || code == SQLITE_NO
 // and the old one examined. True when the path is free afterwards.
 bool SetAside(const std::string& path) {
   std::string aside = path + ".corrupt-" + std::to_string(static_cast<long long>(time(nullptr)));
-  if (rename(path.c_str(), aside.c_str()) != 0) {
+  // A bad journal beside no database at all is moved alone.
+  if (rename(path.c_str(), aside.c_str()) != 0 && errno != ENOENT) {
     WriteDbgLog(2, "new_file_op db %s is corrupt and cannot be moved aside: %s\n", path.c_str(),
                 strerror(errno));
     return false;
@@ -78,10 +81,33 @@ ino_t InodeOf(const std::string& path) {
   return stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
 }
 
+// Why the file at path must not reach SQLite, which would wait for ever on a FIFO and follow a
+// link wherever it points; empty for a regular file or none at all.
+std::string Unusable(const std::string& path) {
+  struct stat st;
+  if (lstat(path.c_str(), &st) != 0) return errno == ENOENT ? "" : strerror(errno);
+  if (S_ISLNK(st.st_mode)) return "a symbolic link";
+  return S_ISREG(st.st_mode) ? "" : "not a regular file";
+}
+
+// Unusable for the database file or its journal, with a log line; a file that is no regular
+// file counts as no database (SQLITE_NOTADB in *code), so that it is set aside.
+bool Refused(const std::string& path, int* code) {
+  for (const std::string& file : {path, path + "-journal"}) {
+    std::string why = Unusable(file);
+    if (why.empty()) continue;
+    WriteDbgLog(2, "new_file_op db %s refused: %s\n", file.c_str(), why.c_str());
+    if (code != nullptr) *code = SQLITE_NOTADB;
+    return true;
+  }
+  return false;
+}
+
 // Opens an existing database file (create: or makes it) with the durable settings and the
 // schema in place. Null on failure, with one log line and the SQLite error code in *code.
 sqlite3* OpenDb(const std::string& path, bool create, int* code = nullptr) {
   sqlite3* db = nullptr;
+  if (Refused(path, code)) return nullptr;
   // A disk that never held a task has no database: nothing to find there, nothing to log.
   if (!create && access(path.c_str(), F_OK) != 0 && errno == ENOENT) {
     if (code != nullptr) *code = SQLITE_CANTOPEN;
@@ -215,6 +241,13 @@ struct CFile2FtpDbMng::Impl {
   sqlite3* db GUARDED_BY(mutex) = nullptr;
   std::string path GUARDED_BY(mutex);  // file of the open table
   ino_t inode GUARDED_BY(mutex) = 0;   // its identity when it was opened
+  // Mount directories whose database was made anew in place of a lost one, for TakeRemade.
+  std::vector<std::string> remade GUARDED_BY(mutex);
+
+  void NoteRemade(const std::string& file) REQUIRES(mutex) {
+    std::string dir = file.substr(0, file.rfind('/'));
+    if (std::find(remade.begin(), remade.end(), dir) == remade.end()) remade.push_back(dir);
+  }
 
   void Close() REQUIRES(mutex) {
     if (db != nullptr) sqlite3_close(db);
@@ -226,11 +259,17 @@ struct CFile2FtpDbMng::Impl {
   // Opens (making it when needed) the database at path as the table; a file that is no
   // database is set aside and replaced by a new one. False when none could be opened.
   bool Open(const std::string& at) REQUIRES(mutex) {
+    // The file open here until now has gone or been replaced: its rows went with it.
+    bool lost = db != nullptr && at == path && InodeOf(at) != inode;
     Close();
     int code;
     sqlite3* opened = OpenDb(at, true, &code);
-    if (opened == nullptr && NotADatabase(code) && SetAside(at)) opened = OpenDb(at, true);
+    if (opened == nullptr && NotADatabase(code) && SetAside(at)) {
+      lost = true;
+      opened = OpenDb(at, true);
+    }
     if (opened == nullptr) return false;
+    if (lost) NoteRemade(at);
     db = opened;
     path = at;
     inode = InodeOf(at);
@@ -242,9 +281,10 @@ struct CFile2FtpDbMng::Impl {
   bool EnsureFileIsOurs() REQUIRES(mutex) {
     if (db == nullptr) return false;
     ino_t now = InodeOf(path);
-    if (now != 0 && now == inode) return true;
+    bool badJournal = !Unusable(path + "-journal").empty();  // SQLite would wait on a FIFO
+    if (now != 0 && now == inode && !badJournal) return true;
     WriteDbgLog(2, "new_file_op db %s %s under the service: opened anew\n", path.c_str(),
-                now == 0 ? "was deleted" : "was replaced");
+                now == 0 ? "was deleted" : (now != inode ? "was replaced" : "got a bad journal"));
     return Open(std::string(path));
   }
 };
@@ -338,9 +378,38 @@ int CFile2FtpDbMng::Rewrite(const std::pair<int, unsigned char>* key, std::list<
 // held.
 void CFile2FtpDbMng::DropTable(int code) {
   m_pImpl->mutex.AssertHeld();
-  if (m_pImpl->db != nullptr && NotADatabase(code)) SetAside(m_pImpl->path);
+  if (m_pImpl->db != nullptr && NotADatabase(code) && SetAside(m_pImpl->path)) {
+    m_pImpl->NoteRemade(m_pImpl->path);
+  }
   m_pImpl->Close();
   m_bTabOpen = 0;
+}
+
+int CFile2FtpDbMng::CheckTable() {
+  CAutoLock guard(&m_pImpl->mutex);
+  if (!m_pImpl->EnsureFileIsOurs()) return -1;
+  if (Exec(m_pImpl->db, "SELECT COUNT(*) FROM ftp_log", nullptr, nullptr, m_pImpl->path)) return 0;
+  if (MediumFailed(m_pImpl->db)) {
+    DropTable(sqlite3_errcode(m_pImpl->db));
+    return -1;
+  }
+  // A database without the table (the file emptied under the service): opening it anew
+  // makes the table.
+  const std::string at = m_pImpl->path;
+  if (!m_pImpl->Open(at)) {
+    m_bTabOpen = 0;
+    return -1;
+  }
+  m_pImpl->NoteRemade(at);
+  return 0;
+}
+
+std::string CFile2FtpDbMng::TakeRemade() {
+  CAutoLock guard(&m_pImpl->mutex);
+  if (m_pImpl->remade.empty()) return "";
+  std::string dir = m_pImpl->remade.front();
+  m_pImpl->remade.erase(m_pImpl->remade.begin());
+  return dir;
 }
 
 int CFile2FtpDbMng::SearchAll(std::list<__ftp_log>& rows) {
@@ -428,6 +497,7 @@ int ReadQueuedRows(const char* mountDir, std::list<__ftp_log>* rows) {
   if (mountDir == nullptr || mountDir[0] == '\0') return -1;
   const std::string path = DbPath(mountDir);
   sqlite3* db = nullptr;
+  if (Refused(path, nullptr)) return -1;
   if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr) !=
       SQLITE_OK) {
     sqlite3_close(db);

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "platform/byteorder.h"
+#include "platform/fileutil.h"
 #include "platform/framestore.h"
 #include "platform/log.h"
 #include "platform/readdisk.h"
@@ -77,9 +78,10 @@ bool Fetch(ReadHandle* h, void* buf, size_t len, uint64_t at) {
 int OpenStore(const char* dir, const RecordItem_t* item, EncodeParam_t* param, uint64_t* size) {
   char path[300];
   if (FrameStorePath(dir, item->channel, item->fileNo, path, sizeof(path)) != 0) return -1;
-  int fd = open(path, O_RDONLY | O_CLOEXEC);
+  std::string why;
+  int fd = OpenRegularFile(path, O_RDONLY, &why);
   if (fd < 0) {
-    WriteDbgLog(0, "CReadDisk: cannot open %s: %s\n", path, strerror(errno));
+    WriteDbgLog(0, "CReadDisk: cannot open %s: %s\n", path, why.c_str());
     return -1;
   }
   uint8_t head[kFrameStoreHeadLen];

@@ -6,6 +6,7 @@
 #include <tinyxml.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -28,6 +29,7 @@ struct DiskDef {
   int id = 0;
   std::string mount;
   bool present = false;
+  bool requireMount = true;  // listed only while its directory is a mount point
   std::vector<int> usages;
 };
 
@@ -106,6 +108,7 @@ bool ParseProfile(const std::string& path, Profile* out, std::string* why) {
       d.id = IntAttr(e, "id");
       d.mount = ExpandRoot(e->Attribute("mount"));
       d.present = IntAttr(e, "present", 1) != 0;
+      d.requireMount = IntAttr(e, "requireMount", 1) != 0;
       d.usages = ParseUsages(e->Attribute("usage"));
       if (out->disks.size() < static_cast<size_t>(kStatusDiskMax)) out->disks.push_back(d);
     } else if (strcmp(name, "partition") == 0) {
@@ -117,6 +120,18 @@ bool ParseProfile(const std::string& path, Profile* out, std::string* why) {
     }
   }
   return true;
+}
+
+// True when dir is the root of a mounted file system: its device differs from its parent's
+// (or it is its own parent). A card pulled leaves its mount point behind as a plain directory
+// of the parent file system, which must not be listed as the card.
+bool IsMountPoint(const std::string& dir) {
+  struct stat at, up;
+  if (dir.empty() || stat(dir.c_str(), &at) != 0 || !S_ISDIR(at.st_mode) ||
+      stat((dir + "/..").c_str(), &up) != 0) {
+    return false;
+  }
+  return at.st_dev != up.st_dev || at.st_ino == up.st_ino;
 }
 
 class HostStatusService {
@@ -181,7 +196,7 @@ class HostStatusService {
       if (!d.present || list->count >= 8) continue;
       bool listed = false;
       for (int u : d.usages) listed = listed || u == static_cast<int>(usage);
-      if (!listed) continue;
+      if (!listed || (d.requireMount && !IsMountPoint(d.mount))) continue;
       PartEntry_t& e = list->part[list->count++];
       e.type = d.id;
       CopyText(e.path, sizeof(e.path), d.mount.c_str());
@@ -202,7 +217,7 @@ class HostStatusService {
     std::string path = RootedPath("/etc/velmar/recorder.xml");
     struct stat st;
     if (stat(path.c_str(), &st) != 0) {
-      Fail(path, "missing");
+      Fail(path, errno == ENOENT ? "missing" : strerror(errno));
       return false;
     }
     bool same = m_valid && path == m_path && st.st_mtim.tv_sec == m_mtime.tv_sec &&

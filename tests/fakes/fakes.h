@@ -167,6 +167,10 @@ class FakeFtpClient : public CFtpClient {
     std::function<void(size_t)> onWrite;  // called after each write with the total so far
     std::function<void(int)> onList;      // called (under the lock) with each listing's number
     int lists = 0;
+    // With keepsCopy the server holds a copy of `held` bytes (-1: none): a store empties it,
+    // writes add to it, listings show it listLie bytes larger, SIZE tells it when sizeKnown.
+    bool keepsCopy = false, sizeKnown = false;
+    int64_t held = -1, listLie = 0;
     // Observed:
     int starts = 0, closes = 0;
     std::vector<int> modes;  // modes of the data connections
@@ -175,7 +179,7 @@ class FakeFtpClient : public CFtpClient {
   };
   static inline Script* script = nullptr;
 
-  static FtpDirEntry_t Entry(const std::string& name, int32_t size) {
+  static FtpDirEntry_t Entry(const std::string& name, int64_t size) {
     FtpDirEntry_t e{};
     e.size = size;
     strncpy(e.name, name.c_str(), sizeof(e.name) - 1);
@@ -200,13 +204,21 @@ class FakeFtpClient : public CFtpClient {
     if (script->onList) script->onList(++script->lists);
     m_data.entryCount = int32_t(std::min<size_t>(script->listing.size(), kFtpListCapacity));
     std::copy_n(script->listing.begin(), m_data.entryCount, m_data.entries);
+    if (script->keepsCopy && script->held >= 0) {
+      m_data.entries[m_data.entryCount++] = Entry(script->name, script->held + script->listLie);
+    }
     return 0;
+  }
+  int64_t FtpGetFileSize() override {
+    std::lock_guard<std::mutex> g(script->mutex);
+    return script->sizeKnown ? script->held : -1;
   }
   FtpClientData_t* FtpGetClientData() override { return &m_data; }
   int FtpCreateDateSockFd(int mode) override {
     std::lock_guard<std::mutex> g(script->mutex);
     if (script->dataFails) return -1;
     script->modes.push_back(mode);
+    if (script->keepsCopy && mode == 0) script->held = 0;
     return m_data.dataFd = 99;
   }
   int FtpWriteDate(int fd, const char* buf, int len, int) override {
@@ -214,6 +226,7 @@ class FakeFtpClient : public CFtpClient {
     std::string& w = script->written;
     if (fd != 99 || w.size() >= static_cast<size_t>(script->writeFailAfter)) return -1;
     w.append(buf, static_cast<size_t>(len));
+    if (script->keepsCopy) script->held += len;
     std::function<void(size_t)> hook = script->onWrite;
     size_t total = w.size();
     g.unlock();  // the hook may change the script

@@ -268,9 +268,10 @@ int QueueCommand(int argc, char**) {
       const bool held = sending && Num(s, "seq") == r.seq && Str(s, "file") == file;
       const std::string attempts =
           held ? Str(s, "attempts") + "/" + Str(s, "conn_fails") : std::string("-");
-      printf("%-8u %-4s %-10d %-5s %-8s %-40s %s:%u%s/%s/%s  [%s]\n", r.seq,
-             r.type == 1 ? "rec" : "file", source.XsizeByPath(file), r.trans ? "on" : "off",
-             attempts.c_str(), file, host, r.server.port, path, rdir, name, dir.c_str());
+      printf("%-8u %-4s %-10lld %-5s %-8s %-40s %s:%u%s/%s/%s  [%s]\n", r.seq,
+             r.type == 1 ? "rec" : "file", static_cast<long long>(source.XsizeByPath(file)),
+             r.trans ? "on" : "off", attempts.c_str(), file, host, r.server.port, path, rdir, name,
+             dir.c_str());
     }
   }
   return 0;

@@ -47,6 +47,8 @@ int CFtpClient::FtpGetServerDirFile() { return m_pImpl->session.GetServerDirFile
 
 FtpClientData_t* CFtpClient::FtpGetClientData() { return m_pImpl->session.ClientData(); }
 
+int64_t CFtpClient::FtpGetFileSize() { return m_pImpl->session.GetFileSize(); }
+
 int CFtpClient::FtpCreateDateSockFd(int mode) { return m_pImpl->session.CreateDataConn(mode); }
 
 int CFtpClient::FtpWriteDate(int fd, const char* buf, int len, int timeout) {

@@ -227,6 +227,6 @@ void FtpListingParser::Keep(const FtpListItem& item) {
   }
   if (wanted) m_haveWanted = true;
   FtpDirEntry_t& e = m_entries[slot];
-  e.size = item.size > INT32_MAX ? INT32_MAX : static_cast<int32_t>(item.size);
+  e.size = item.size;
   CopyText(e.name, sizeof(e.name), item.name.c_str());
 }

@@ -276,15 +276,9 @@ int FtpSession::RunListing(FtpListFormat fmt) {
   }
   if (parser.wantedWithoutSize()) {
     // Without its size the file would be stored anew on every pass: ask the server.
-    int64_t size = -1;
-    code = Step("SIZE", "SIZE " + m_name, &reply);
-    if (code < 0) return -1;
-    if (code == 213) size = ParseSizeReply(reply.text);
-    if (size >= 0) {
-      parser.KeepWanted(size);
-    } else {
-      Log(2, "size of %s unknown: %s", m_name.c_str(), Printable(reply.text).c_str());
-    }
+    int64_t size = GetFileSize();
+    if (size == -2) return -1;
+    parser.KeepWanted(size);  // an unknown size keeps nothing
   }
   m_data.entryCount = parser.count();
   Log(0, "%s: %d files kept, %d unusable names skipped, %d beyond capacity, %s %s", command,
@@ -319,11 +313,8 @@ int FtpSession::Start() {
   std::string host = Field(m_server.host, sizeof(m_server.host));
   int port = m_server.port != 0 ? m_server.port : kDefaultPort;
   m_tls = LookupFtpTlsPolicy(host);
-  if (m_tls.mode == FtpTlsPolicy::kBroken) {
-    Log(2, "no connection to %s: its TLS policy is unusable (%s)", Printable(host).c_str(),
-        m_tls.why.c_str());
-    return -1;
-  }
+  // Refused without a line of its own: the policy logged why once, not once per attempt.
+  if (m_tls.mode == FtpTlsPolicy::kBroken) return -1;
   std::string err;
   std::unique_ptr<FtpConn> conn = m_transport->Connect(host, port, m_limits.connectMs, &err);
   if (conn == nullptr) {
@@ -412,6 +403,19 @@ int FtpSession::GetServerDirFile() {
     return 0;
   }
   return -1;
+}
+
+int64_t FtpSession::GetFileSize() {
+  if (!m_ctrl.open()) {
+    Log(2, "SIZE without a session");
+    return -2;
+  }
+  FtpReply reply;
+  int code = Step("SIZE", "SIZE " + m_name, &reply);
+  if (code < 0) return -2;
+  int64_t size = code == 213 ? ParseSizeReply(reply.text) : -1;
+  if (size < 0) Log(2, "size of %s unknown: %s", m_name.c_str(), Printable(reply.text).c_str());
+  return size;
 }
 
 int FtpSession::CreateDataConn(int mode) {

@@ -29,6 +29,7 @@ class FtpSession {
   int Start();
   int GetServerDirFile();
   FtpClientData_t* ClientData() { return &m_data; }
+  int64_t GetFileSize();
   int CreateDataConn(int mode);
   int WriteData(int fd, const char* buf, int len, int timeout);
   int Close();

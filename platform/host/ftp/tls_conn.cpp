@@ -71,11 +71,11 @@ std::string VerifyReason(long result) {
 // True when the SHA-256 of the peer's DER certificate is pin (32 bytes).
 bool PinMatches(SSL* ssl, const std::string& pin) {
   X509* cert = SSL_get0_peer_certificate(ssl);
-  if (cert == nullptr || pin.size() != 32) return false;
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned int len = 0;
-  if (X509_digest(cert, EVP_sha256(), digest, &len) != 1 || len != 32) return false;
-  return CRYPTO_memcmp(digest, pin.data(), 32) == 0;
+  unsigned char* der = nullptr;
+  int len = cert != nullptr ? i2d_X509(cert, &der) : -1;
+  bool same = len > 0 && FtpTlsPinMatches(pin, der, static_cast<size_t>(len));
+  OPENSSL_free(der);
+  return same;
 }
 
 // A context for one control connection and its data connections.

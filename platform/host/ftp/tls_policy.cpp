@@ -1,19 +1,27 @@
 #include "platform/host/ftp/tls_policy.h"
 
+#include <arpa/inet.h>
+#include <errno.h>
+#include <openssl/crypto.h>
+#include <openssl/sha.h>
 #include <sys/stat.h>
 
-#include <fstream>
-#include <mutex>
+#include <cctype>
+#include <cstdio>
+#include <set>
 #include <sstream>
 #include <vector>
 
+#include "platform/fileutil.h"
 #include "platform/log.h"
 #include "platform/paths.h"
+#include "platform/thread.h"
 
 namespace {
 
 constexpr size_t kMaxPolicyBytes = 256 * 1024;  // a larger file is refused as a whole
 constexpr const char* kPinPrefix = "sha256:";
+constexpr const char* kUtf8Bom = "\xEF\xBB\xBF";
 
 int HexDigit(char c) {
   if (c >= '0' && c <= '9') return c - '0';
@@ -78,22 +86,88 @@ bool ParseEntry(const std::vector<std::string>& words, FtpTlsPolicy* p) {
   return true;
 }
 
+// One form of a host for comparison: an address as its bytes (IPv4 in any form inet_aton reads,
+// IPv6 in any form inet_pton reads, an IPv4-mapped IPv6 address as its IPv4 address), a name
+// in lower case without a final dot.
+std::string HostKey(const std::string& host) {
+  in_addr v4;
+  in6_addr v6;
+  if (inet_aton(host.c_str(), &v4) != 0) {
+    return "4:" + std::string(reinterpret_cast<const char*>(&v4.s_addr), 4);
+  }
+  if (inet_pton(AF_INET6, host.c_str(), &v6) == 1) {
+    const char* b = reinterpret_cast<const char*>(v6.s6_addr);
+    if (IN6_IS_ADDR_V4MAPPED(&v6)) return "4:" + std::string(b + 12, 4);
+    return "6:" + std::string(b, 16);
+  }
+  std::string name = host;
+  if (name.size() > 1 && name.back() == '.') name.pop_back();
+  for (char& c : name) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+  return "n:" + name;
+}
+
+// The policy file as last read: what it was (its signature) and its text, or why it is unusable.
 struct Cached {
-  bool valid = false;
-  std::string path;
-  timespec mtime{};
-  off_t size = -1;
-  ino_t ino = 0;
+  std::string signature;  // empty: never read; "absent": no file
   std::string text;
-  bool unreadable = false;
+  std::string unusable;  // why the whole file refuses every host; empty when it is usable
 };
+
+CLock g_policyLock;
+Cached g_policy GUARDED_BY(g_policyLock);
+
+// What identifies one version of the file at path (also a broken one): "" when it does not
+// exist at all. A link is followed for its target's version.
+std::string Signature(const std::string& path) {
+  struct stat st;
+  if (lstat(path.c_str(), &st) != 0 && errno == ENOENT) return "";
+  char sig[160];
+  if (stat(path.c_str(), &st) != 0) {
+    snprintf(sig, sizeof(sig), "error %d", errno);
+  } else {
+    snprintf(sig, sizeof(sig), "%lu %lu %lld %lld.%09ld %o", static_cast<unsigned long>(st.st_dev),
+             static_cast<unsigned long>(st.st_ino), static_cast<long long>(st.st_size),
+             static_cast<long long>(st.st_mtim.tv_sec), st.st_mtim.tv_nsec,
+             static_cast<unsigned>(st.st_mode));
+  }
+  return sig;
+}
+
+// Reads the file at path into *c and logs what makes it unusable or what was changed.
+void ReadPolicy(const std::string& path, Cached* c) {
+  std::string why;
+  if (!ReadRegularFile(path.c_str(), kMaxPolicyBytes, &c->text, &why)) {
+    c->unusable = why;
+  } else if (c->text.empty()) {
+    // A file cut to nothing is a failed edit far more often than a wish for clear text.
+    c->unusable = "empty";
+  } else {
+    if (c->text.compare(0, 3, kUtf8Bom) == 0) {
+      WriteDbgLog(2, "TLS policy %s: UTF-8 byte-order mark ignored\n", path.c_str());
+      c->text.erase(0, 3);
+    }
+    std::string problems;
+    ParseFtpTlsPolicy(c->text, "", &problems);
+    if (!problems.empty()) {
+      WriteDbgLog(2, "TLS policy %s: entries refused:\n%s", path.c_str(), problems.c_str());
+      c->unusable = "unusable entries";
+    }
+  }
+  if (!c->unusable.empty()) {
+    WriteDbgLog(2, "TLS policy %s unusable (%s): every FTP connection refused\n", path.c_str(),
+                c->unusable.c_str());
+  }
+}
 
 }  // namespace
 
 FtpTlsPolicy ParseFtpTlsPolicy(const std::string& text, const std::string& host,
                                std::string* problems) {
-  FtpTlsPolicy own, any;
+  FtpTlsPolicy own, any, broken;
   bool haveOwn = false, haveAny = false;
+  broken.mode = FtpTlsPolicy::kBroken;
+  const std::string key = HostKey(host);
+  std::set<std::string> seen;
   std::istringstream lines(text);
   std::string line;
   for (int number = 1; std::getline(lines, line); ++number) {
@@ -102,81 +176,55 @@ FtpTlsPolicy ParseFtpTlsPolicy(const std::string& text, const std::string& host,
     for (std::string w; in >> w;) words.push_back(w);
     if (words.empty() || words[0][0] == '#') continue;
     FtpTlsPolicy p;
+    bool star = words[0] == "*";
+    std::string entryKey = star ? "*" : HostKey(words[0]);
     bool ok = ParseEntry(words, &p);
-    bool mine = words[0] == host, star = words[0] == "*";
-    if (ok && ((mine && haveOwn) || (star && haveAny))) {
+    if (ok && !seen.insert(entryKey).second) {
       ok = false;
       p.why = "second entry for " + words[0].substr(0, 64);
     }
-    if (!ok && problems != nullptr) {
-      *problems += "line " + std::to_string(number) + ": " + p.why + "\n";
-    }
-    if (!ok) {  // nothing of a broken entry is used
-      FtpTlsPolicy broken;
-      broken.mode = FtpTlsPolicy::kBroken;
-      broken.why = "line " + std::to_string(number) + ": " + p.why;
-      p = broken;
-    }
-    if (mine) {
-      // A broken entry stays broken whatever follows.
-      if (!haveOwn || own.mode != FtpTlsPolicy::kBroken) own = p;
-      haveOwn = true;
+    if (!ok) {  // one unusable line makes the whole file unusable, for every host
+      std::string why = "line " + std::to_string(number) + ": " + p.why;
+      if (problems != nullptr) *problems += why + "\n";
+      if (broken.why.empty()) broken.why = why;
     } else if (star) {
-      if (!haveAny || any.mode != FtpTlsPolicy::kBroken) any = p;
+      any = p;
       haveAny = true;
+    } else if (entryKey == key) {
+      own = p;
+      haveOwn = true;
     }
   }
-  if (haveAny && any.mode == FtpTlsPolicy::kBroken) return any;
+  if (!broken.why.empty()) return broken;
   if (haveOwn) return own;
-  return any;
+  return haveAny ? any : FtpTlsPolicy();
+}
+
+bool FtpTlsPinMatches(const std::string& pin, const unsigned char* der, size_t len) {
+  unsigned char digest[SHA256_DIGEST_LENGTH];
+  if (pin.size() != sizeof(digest) || der == nullptr) return false;
+  SHA256(der, len, digest);
+  return CRYPTO_memcmp(digest, pin.data(), sizeof(digest)) == 0;
 }
 
 FtpTlsPolicy LookupFtpTlsPolicy(const std::string& host) {
-  static std::mutex mutex;
-  static Cached* cache = new Cached();
   std::string path = RootedPath("/etc/velmar/ftps.conf");
-  std::lock_guard<std::mutex> lock(mutex);
-  struct stat st;
-  if (stat(path.c_str(), &st) != 0) {
-    cache->valid = false;
-    return FtpTlsPolicy();
+  CAutoLock guard(&g_policyLock);
+  Cached& cache = g_policy;
+  // The path is part of the signature: another root is another file.
+  std::string signature = Signature(path);
+  signature = signature.empty() ? "absent" : path + " " + signature;
+  if (signature != cache.signature) {
+    cache = Cached();
+    cache.signature = signature;
+    if (signature != "absent") ReadPolicy(path, &cache);
   }
-  bool same = cache->valid && cache->path == path && st.st_ino == cache->ino &&
-              st.st_size == cache->size && st.st_mtim.tv_sec == cache->mtime.tv_sec &&
-              st.st_mtim.tv_nsec == cache->mtime.tv_nsec;
-  if (!same) {
-    *cache = Cached();
-    cache->valid = true;
-    cache->path = path;
-    cache->mtime = st.st_mtim;
-    cache->size = st.st_size;
-    cache->ino = st.st_ino;
-    cache->unreadable = !S_ISREG(st.st_mode) || static_cast<size_t>(st.st_size) > kMaxPolicyBytes;
-    std::ifstream in(path, std::ios::binary);
-    if (!cache->unreadable && in.is_open()) {
-      std::vector<char> buf(kMaxPolicyBytes + 1);
-      in.read(buf.data(), static_cast<std::streamsize>(buf.size()));
-      size_t got = static_cast<size_t>(in.gcount());
-      cache->unreadable = in.bad() || got > kMaxPolicyBytes;
-      cache->text.assign(buf.data(), got);
-    } else {
-      cache->unreadable = true;
-    }
-    if (cache->unreadable) {
-      WriteDbgLog(2, "TLS policy %s unreadable: every FTP connection refused\n", path.c_str());
-    } else {
-      std::string problems;
-      ParseFtpTlsPolicy(cache->text, "", &problems);
-      if (!problems.empty()) {
-        WriteDbgLog(2, "TLS policy %s: entries refused:\n%s", path.c_str(), problems.c_str());
-      }
-    }
-  }
-  if (cache->unreadable) {
+  if (signature == "absent") return FtpTlsPolicy();
+  if (!cache.unusable.empty()) {
     FtpTlsPolicy p;
     p.mode = FtpTlsPolicy::kBroken;
-    p.why = "policy file unreadable";
+    p.why = "policy file unusable: " + cache.unusable;
     return p;
   }
-  return ParseFtpTlsPolicy(cache->text, host, nullptr);
+  return ParseFtpTlsPolicy(cache.text, host, nullptr);
 }

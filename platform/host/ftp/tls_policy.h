@@ -3,6 +3,7 @@
 // TLS setting, so the policy is chosen by the server's host name alone.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 struct FtpTlsPolicy {
@@ -19,14 +20,20 @@ struct FtpTlsPolicy {
 };
 
 // Parses the whole text of the policy file. Returns the policy for host: its own entry, else
-// the "*" entry, else kOff. An entry that breaks the format is never dropped and never read
-// as "off": it yields kBroken for its host (for every host when the host word is "*"), and a
-// host named by two entries is kBroken too. Each unusable line appends one line to *problems
-// (when not null).
+// the "*" entry, else kOff. Host words compare as hosts, not as texts: names without regard to
+// case or a final dot, addresses by value in any form inet_aton or inet_pton reads. A file with
+// one unusable line (a broken entry, or a second entry for one host) is never read in part:
+// it yields kBroken for every host. Each unusable line appends one line to *problems (when
+// not null).
 FtpTlsPolicy ParseFtpTlsPolicy(const std::string& text, const std::string& host,
                                std::string* problems);
 
+// True when pin (32 bytes) is the SHA-256 of the len bytes at der (a DER certificate).
+bool FtpTlsPinMatches(const std::string& pin, const unsigned char* der, size_t len);
+
 // The policy for host from the host's file, re-read whenever it changes (path, inode, size or
-// modification time). A missing file is kOff for every host; one that cannot be read is
-// kBroken. Problems are logged once per version of the file. Safe from any thread.
+// modification time). Only a file that does not exist at all (not even as a dangling link) is
+// kOff for every host. Fails closed: a file that cannot be read whole as a regular file, or is
+// empty, or has an unusable line, is kBroken for every host. A leading UTF-8 byte-order mark
+// is dropped. Problems are logged once per version of the file. Safe from any thread.
 FtpTlsPolicy LookupFtpTlsPolicy(const std::string& host);
