@@ -20,6 +20,7 @@
 #include "platform/text.h"
 #include "platform/xml_file.h"
 #include "rules/date_text.h"
+#include "rules/maintain_ftp.h"
 #include "rules/scope.h"
 #include "rules/shell_words.h"
 
@@ -54,25 +55,19 @@ void LogLoadFailed(const char* path, const std::string& why) {
 int CFtpMaintainMng::GetFileList(const UpgradeSet_t* account, const char* dir) {
   char path[256];
   char sigPath[256];
-  char command[255];
   bool pathFits = FormatBounded(path, sizeof(path), "%s/%s", dir, "FileList.xml") == 0 &&
                   FormatBounded(sigPath, sizeof(sigPath), "%s%s", path, kListSignatureSuffix) == 0;
   if (pathFits) {
     remove(path);  // a cut path could name another file
     remove(sigPath);
   }
-  if (!pathFits || FtpToolCommand("ftpget", *account, path, "FileList.xml", command,
-                                  sizeof(command)) != FTP_COMMAND_OK) {
+  if (!pathFits || MaintainFetch(m_env, *account, path, "FileList.xml", 600) != FTP_COMMAND_OK) {
     WriteDbgLog(2, "GetFileList: the maintenance account or directory is unusable\n");
     return 0;
   }
-  WriteDbgLog(0, "%s\n", command);
-  m_env->RunCommand(command, 600);
   std::string why;
-  if (CurrentTrustMode(&why) != TrustMode::kOpen &&
-      FtpToolCommand("ftpget", *account, sigPath, "FileList.xml.sig", command, sizeof(command)) ==
-          FTP_COMMAND_OK) {
-    m_env->RunCommand(command, 600);
+  if (CurrentTrustMode(&why) != TrustMode::kOpen) {
+    MaintainFetch(m_env, *account, sigPath, "FileList.xml.sig", 600);
   }
   return 0;
 }

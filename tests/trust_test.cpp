@@ -1,5 +1,8 @@
 // The maintenance trust gate: which file lists and downloads may be used.
+#include "platform/trust.h"
+
 #include <gtest/gtest.h>
+
 #include <cstring>
 #include <string>
 #include <vector>
@@ -7,7 +10,6 @@
 #include "fakes/fakes.h"
 #include "maintain/ftp_maintain_mng.h"
 #include "maintain/trust_gate.h"
-#include "platform/trust.h"
 
 namespace {
 
@@ -56,7 +58,7 @@ TEST(TrustGateTest, FileListsNeedATrustedSignatureAndNoLowerSerial) {
   const std::string pubs = std::string(kPubA) + kPubB;
   struct Row {
     const char* what;
-    std::string trust;  // "-": no trust file; "dir": a directory in its place
+    std::string trust;             // "-": no trust file; "dir": a directory in its place
     std::string bytes, sig, kept;  // kept "-": no serial file
     bool used;
     const char* keptAfter;
@@ -72,8 +74,8 @@ TEST(TrustGateTest, FileListsNeedATrustedSignatureAndNoLowerSerial) {
       {"no serial after a serial", kPubA, unnumbered, Sign(kKeyA, unnumbered), "7\n", false, "7\n"},
       {"a higher serial is kept", kPubA, newer, Sign(kKeyA, newer), "7\n", true, "9\n"},
       {"a private key as trust", kKeyA, list, Sign(kKeyA, list), "-", false, "-"},
-      {"a key and garbage", pubs + "-----BEGIN PUBLIC KEY-----\nxx\n", list, Sign(kKeyA, list),
-       "-", false, "-"},
+      {"a key and garbage", pubs + "-----BEGIN PUBLIC KEY-----\nxx\n", list, Sign(kKeyA, list), "-",
+       false, "-"},
       {"an empty trust file", "", list, Sign(kKeyA, list), "-", false, "-"},
       {"a directory as trust file", "dir", list, Sign(kKeyA, list), "-", false, "-"},
       {"a kept serial that is no number", kPubA, list, Sign(kKeyA, list), "7x\n", false, "7x\n"},
@@ -113,9 +115,12 @@ TEST(TrustGateTest, DownloadsMustHaveTheirListedDigest) {
     bool signedUsed;
   };
   const std::vector<Row> rows = {
-      {"sha256:" + digest, true, true},        {"SHA256:" + upper, true, true},
-      {"sha256:" + wrong, false, false},       {"sha256:" + digest.substr(1), false, false},
-      {"sha256:" + digest + "0", false, false}, {"", true, false},
+      {"sha256:" + digest, true, true},
+      {"SHA256:" + upper, true, true},
+      {"sha256:" + wrong, false, false},
+      {"sha256:" + digest.substr(1), false, false},
+      {"sha256:" + digest + "0", false, false},
+      {"", true, false},
       {"1234abcd", true, false},
   };
   for (bool trusted : {false, true}) {

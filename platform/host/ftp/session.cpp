@@ -1,10 +1,13 @@
 #include "platform/host/ftp/session.h"
 
+#include <errno.h>
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <vector>
 
+#include "platform/host/atomic_file.h"
 #include "platform/log.h"
 
 namespace {
@@ -485,6 +488,63 @@ int FtpSession::WriteData(int fd, const char* buf, int len, int timeout) {
     return -1;
   }
   return len;
+}
+
+int64_t FtpSession::Retrieve(int fd, int64_t maxBytes, int seconds) {
+  if (!m_ctrl.open()) {
+    Log(2, "RETR without a session");
+    return -1;
+  }
+  if (!IsUsableFtpName(m_name.data(), m_name.size()) || m_dataConn != nullptr) {
+    Log(2, "RETR refused: unusable remote file name or a transfer already open");
+    return -1;
+  }
+  std::unique_ptr<FtpConn> conn = OpenPassive();
+  if (conn == nullptr) return -1;
+  std::string command = "RETR " + m_name;
+  std::string err;
+  FtpReply reply;
+  int code = -1;
+  if (m_ctrl.Send(command, m_limits.replyMs, &err) == 0) {
+    code = m_ctrl.ReadReply(&reply, m_limits.replyMs, &err);
+  }
+  if (code != 125 && code != 150) {
+    if (code >= 0) Log(2, "%s refused: %s", command.c_str(), Printable(reply.text).c_str());
+    if (code < 0) Log(2, "%s: %s", command.c_str(), err.c_str());
+    CloseSession();
+    return -1;
+  }
+  if (!SecureData(&conn)) {
+    CloseSession();
+    return -1;
+  }
+  int64_t deadline = m_clock->NowMs() + static_cast<int64_t>(seconds) * 1000;
+  int64_t total = 0;
+  char buf[16384];
+  ssize_t n;
+  for (;;) {
+    int64_t left = deadline - m_clock->NowMs();
+    n = conn->Recv(buf, sizeof(buf), left > 0 ? static_cast<int>(left) : 0, &err);
+    if (n <= 0) break;
+    total += n;
+    if (total > maxBytes) {
+      err = "larger than " + std::to_string(maxBytes) + " bytes";
+      n = -1;
+    } else if (!WriteAll(fd, buf, static_cast<size_t>(n))) {
+      err = std::string("local write: ") + strerror(errno);
+      n = -1;
+    }
+    if (n < 0) break;
+  }
+  conn.reset();
+  if (n == 0) code = m_ctrl.ReadReply(&reply, m_limits.replyMs, &err);
+  if (n < 0 || !Is2xx(code)) {
+    Log(2, "%s: %s", command.c_str(),
+        n < 0 || code < 0 ? err.c_str() : Printable(reply.text).c_str());
+    CloseSession();
+    return -1;
+  }
+  return total;
 }
 
 // Returns -1 when a transfer was open and the server did not confirm it with a 2xx reply;

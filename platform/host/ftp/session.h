@@ -32,6 +32,7 @@ class FtpSession {
   int64_t GetFileSize();
   int CreateDataConn(int mode);
   int WriteData(int fd, const char* buf, int len, int timeout);
+  int64_t Retrieve(int fd, int64_t maxBytes, int seconds);
   int Close();
 
  private:
