@@ -249,14 +249,15 @@ TEST_F(MaintainTest, CommandFilesActByTheirMarker) {
       {"<LOGCMD><UsrDefineCmd><CMDITEM>true no</CMDITEM></UsrDefineCmd></LOGCMD>", ""},
       {"<UsrDefineCmd><CMDITEM scope=\"all\">true a</CMDITEM><CMDITEM scope=\"140~160\">true b"
        "</CMDITEM><CMDITEM scope=\"1~5\">true c</CMDITEM></UsrDefineCmd>",
-       "true a @-1\ntrue b @-1\ntrue c @-1\n"},
+       "true a @600\ntrue b @600\ntrue c @600\n"},
       {"<UsrDefineCmd><ExpiryDate>20000101-000000</ExpiryDate><CMDITEM>rm -rf *.db</CMDITEM>"
        "<CMDITEM>rm -rf ./*.db</CMDITEM><CMDITEM></CMDITEM><CMDITEM>rm -rf REC-ALARM</CMDITEM>"
        "<CMDITEM>" +
            std::string(200, 'x') + "</CMDITEM></UsrDefineCmd>",
-       "rm -rf *.db @-1\nrm -rf " + r + "/mnt/sd1/*.db;rm -rf " + r + "/mnt/sd2/*.db @5\n" +
-           "rm -rf ./*.db @-1\nrm -rf REC-ALARM @-1\nrm -rf " + r + "/mnt/sd1/REC-ALARM/*;rm -rf " +
-           r + "/mnt/sd2/REC-ALARM/* @100\n" + std::string(127, 'x') + " @-1\n"},
+       "rm -rf *.db @600\nrm -rf " + r + "/mnt/sd1/*.db;rm -rf " + r + "/mnt/sd2/*.db @5\n" +
+           "rm -rf ./*.db @600\nrm -rf REC-ALARM @600\nrm -rf " + r +
+           "/mnt/sd1/REC-ALARM/*;rm -rf " + r + "/mnt/sd2/REC-ALARM/* @100\n" +
+           std::string(127, 'x') + " @600\n"},
       {"<Other><CMDITEM>true nothing</CMDITEM></Other>", ""}};
   for (const auto& row : rows) {
     mng.FtpConnectTo("maint", "pw", "10.1.1.1", 21, "/");
