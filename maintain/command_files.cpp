@@ -76,6 +76,11 @@ char* ScopeAttribute(const TiXmlElement* e) {
   return nullptr;
 }
 
+// A user command, with everything it started, is ended after this time (a firmware step may
+// take minutes). Background processes it starts belong to it: a lasting service is started by
+// the recorder, not by a maintenance command.
+constexpr int kUsrCmdSeconds = 600;
+
 struct FollowUp {
   const char* text;
   const char* format;  // %1$s is the quoted /mnt/sd1, %2$s the quoted /mnt/sd2
@@ -386,8 +391,9 @@ int CFtpMaintainMng::HandleUsrDefineCmd(const char* path) {
   WriteDbgLog(0, "CmdCount: %d\n", count);
   for (int i = 0; i < count; ++i) {
     WriteDbgLog(0, "Cmd: %s, %s\n", items[i].command, ScopeText(items[i].scope));
-    // The maintenance server's own command line: run as it stands, like a remote shell.
-    m_env->RunCommandUnlimited(items[i].command);
+    // The maintenance server's own command line: run as it stands, like a remote shell, but
+    // within a limit, so that one that never ends cannot stop maintenance for good.
+    m_env->RunCommand(items[i].command, kUsrCmdSeconds);
     free(items[i].scope);
     items[i].scope = nullptr;
     std::string followUp;

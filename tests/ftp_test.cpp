@@ -117,7 +117,7 @@ std::vector<Case> Cases() {
   const std::string epsv = ">EPSV\n229 Extended Passive Mode (|||5000|)\n>data 5000\n";
   const std::string mlsd = ">FEAT\n211-Features:\n MLST type*;size*;\n EPSV\n211 End\n" + epsv;
   const std::string list = in + ">FEAT\n211\n" + epsv + ">LIST\n150\n",
-                    stor = in + epsv + ">STOR f.bin\n150\n";
+                    stor = in + epsv + ">STOR f.bin\n125\n";
   auto ls = [](const std::string& name, int size) {
     return "-rw-r--r--   1 owner group " + std::to_string(size) + " Jan 31 10:15 " + name + "\r\n";
   };
@@ -138,16 +138,17 @@ std::vector<Case> Cases() {
   std::vector<Case> cases;
   for (const std::string& bad : std::vector<std::string>{
            "620 bad class", "22 short", "220x", "SSH-2.0-OpenSSH_9.2", std::string("220 ok\0", 7),
-           huge, "220 " + std::string(kFtpMaxReplyLine - 3, 'x')}) {  // a byte over the limit
-    cases.push_back({"unreadable greeting", "S", "-1", bad});
+           huge, "220 " + std::string(kFtpMaxReplyLine - 3, 'x'), "200 not a greeting",
+           "220 ok\n>USER u\n332 account wanted", "220 ok\n>USER u\n331\n>PASS p\n200 what"}) {
+    cases.push_back({"unreadable greeting, no login", "S", "-1", bad});
   }
   // clang-format off
   cases.insert(cases.end(), {
     {"the longest reply line", "S", "-1", "220 " + std::string(kFtpMaxReplyLine - 4, 'x') +
      "\n>USER u", 30000},
     {"multi-line replies; the path is joined, then walked and made", "SC", "0 0",
-     "220-Welcome\n220x not the end\n 220 indented\n331 not the end\n220 ready\n>USER u\n331-user\n"
-     "331 password\n>PASS p\n230-Hello\n230 in\n>TYPE I\n200\n>CWD up/day\n550\n>CWD up\n250\n"
+     "220-Welcome\n220-still\n220x not the end\n 220 indented\n331 not the end\n220 ready\n>USER u\n331-user\n"
+     "331 password\n>PASS p\n230-Hello\n230 in\n>TYPE I\n110 mark\n200\n>CWD up/day\n550\n>CWD up\n250\n"
      ">CWD day\n550\n>MKD day\n257 \"day\" made\n>CWD day\n250\n>QUIT\n221-bye\n221 bye", 0, kNone,
      "", "up/", "/day/"},
     {"120 first, no password asked, absolute walk; a refused MKD is judged by the CWD after it",
@@ -158,7 +159,11 @@ std::vector<Case> Cases() {
      "0 0=a:5 0=a:5 4 200000 0", in + ">FEAT\n211 no features\n>EPSV\n502 no\n>PASV\n"
      "227 Entering Passive Mode (10,255,255,1,19,137)\n>data 5001\n>LIST\n150\n226\n>PASV\n"
      "227 =10,0,0,1,19,138\n>data 5002\n>LIST\n150\n226\n>PASV\n227 (10,0,0,1,19,139)\n"
-     ">data 5003\n>STOR f.bin\n150\n226\n>QUIT\n221", 0, kNone, ls("a", 5)},
+     ">data 5003\n>STOR f.bin\n150\n250\n>QUIT\n221", 0, kNone, ls("a", 5)},
+    {"a 4xx to EPSV is asked again; a 2xx other than 229 or 227 gives no port", "SLL", "0 0 -1",
+     in + ">FEAT\n211\n>EPSV\n425\n>PASV\n227 (1,2,3,4,19,137)\n>data 5001\n>LIST\n150\n226\n"
+     ">EPSV\n200 (|||5000|)\n>PASV\n200 (1,2,3,4,19,139)"},
+    {"a store answered 110 has no go-ahead", "SO", "0 -1", in + epsv + ">STOR f.bin\n110 MARK"},
     {"a CR never reaches the server", "S", "-1", in, 0, kNone, "", "", "day\rDELE keep.avi"},
     {"an LF never reaches the server", "S", "-1", in, 0, kNone, "", "", "day\nDELE keep.avi"},
     {"closes at once", "S", "-1", "", 0, kHangsUp},
@@ -174,13 +179,13 @@ std::vector<Case> Cases() {
      in + epsv + ">APPE f.bin\n150 go\n426 aborted\n>QUIT", 2000, kCloses},
     {"listing cut half-way", "SL", "0 -1", list + "426", 0, kNone, ls("a", 1) + "-rw-r--r-- 1 o g"},
     {"20,000 entries, the wanted file last", "SLC", "0 0=" + kept + "f.bin:7 0",
-     in + ">FEAT\n211-Features:\n EPSV\n211 End\n" + epsv + ">LIST\n150\n226\n>QUIT\n221", 0,
+     in + ">FEAT\n211-Features:\n EPSV\n211 End\n" + epsv + ">LIST\n125\n250\n>QUIT\n221", 0,
      kNone, many + ls("f.bin", 7)},
     {"unusable names skipped, not cut; the wanted file's missing size asked, then refused", "SLL",
      "0 0=" + kNames + "|f.bin:16 0=" + kNames, in + mlsd + ">MLSD\n150\n226\n>SIZE f.bin\n"
      "213 16\n" + epsv + ">MLSD\n150\n226\n>SIZE f.bin\n550", 0, kNone, names},
-    {"550 to MLSD, then to LIST: an empty listing; 4xx to both fail", "SLL", "0 0 -1", in + mlsd +
-     ">MLSD\n550\n" + epsv + ">LIST\n550\n" + epsv + ">MLSD\n425\n" + epsv + ">LIST\n450"},
+    {"550 to MLSD, then to LIST: an empty listing; 425, then 553 fail", "SLL", "0 0 -1", in + mlsd +
+     ">MLSD\n550\n" + epsv + ">LIST\n550\n" + epsv + ">MLSD\n425\n" + epsv + ">LIST\n553"},
     {"calls outside a session, unknown mode, foreign descriptor, unusable name", "LOwCSXwO",
      "-1 -1 -1 0 0 -1 -1 -1", in, 0, kNone, "", "", "", "../escape"},
     {"SIZE: over 2 GiB, unknown when refused, -2 outside a session", "ZSZZ", "-2 0 3000000000 -1",
