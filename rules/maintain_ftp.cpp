@@ -105,38 +105,42 @@ void TlsSend(Env* env, const UpgradeSet_t& account, const char* remote, const ch
               ok ? "done" : "failed");
 }
 
-}  // namespace
-
-FtpCommandResult MaintainFetch(Env* env, const UpgradeSet_t& account, const char* local,
-                               const char* remote, int seconds) {
+bool NeedsTls(const UpgradeSet_t& account) {
   char host[sizeof(account.host) + 1];
   CopyField(host, sizeof(host), account.host, sizeof(account.host));
-  if (FtpTlsRequiredFor(host)) {
-    if (local == nullptr || !IsSafeFileName(remote)) return FTP_COMMAND_BAD_SECOND;
-    TlsFetch(env, account, local, remote, seconds);
-    return FTP_COMMAND_OK;
-  }
-  char command[255];
-  FtpCommandResult r = FtpToolCommand("ftpget", account, local, remote, command, sizeof(command));
+  return FtpTlsRequiredFor(host);
+}
+
+// The busybox tool's line, logged at logLevel and run within seconds; nothing runs unless it
+// could be composed whole.
+FtpCommandResult ViaBusybox(Env* env, const char* tool, const UpgradeSet_t& account,
+                            const char* first, const char* second, int seconds, int logLevel) {
+  char command[256];
+  FtpCommandResult r = FtpToolCommand(tool, account, first, second, command, sizeof(command));
   if (r != FTP_COMMAND_OK) return r;
-  WriteDbgLog(0, "%s\n", command);
+  WriteDbgLog(logLevel, "%s\n", command);
   env->RunCommand(command, seconds);
   return FTP_COMMAND_OK;
 }
 
+}  // namespace
+
+FtpCommandResult MaintainFetch(Env* env, const UpgradeSet_t& account, const char* local,
+                               const char* remote, int seconds) {
+  if (NeedsTls(account)) {
+    if (local == nullptr || !IsSafeFileName(remote)) return FTP_COMMAND_BAD_SECOND;
+    TlsFetch(env, account, local, remote, seconds);
+    return FTP_COMMAND_OK;
+  }
+  return ViaBusybox(env, "ftpget", account, local, remote, seconds, 0);
+}
+
 FtpCommandResult MaintainSend(Env* env, const UpgradeSet_t& account, const char* remote,
                               const char* local, int seconds) {
-  char host[sizeof(account.host) + 1];
-  CopyField(host, sizeof(host), account.host, sizeof(account.host));
-  if (FtpTlsRequiredFor(host)) {
+  if (NeedsTls(account)) {
     if (!IsSafeFileName(remote) || local == nullptr) return FTP_COMMAND_BAD_FIRST;
     TlsSend(env, account, remote, local);
     return FTP_COMMAND_OK;
   }
-  char command[256];
-  FtpCommandResult r = FtpToolCommand("ftpput", account, remote, local, command, sizeof(command));
-  if (r != FTP_COMMAND_OK) return r;
-  WriteDbgLog(2, "%s\n", command);
-  env->RunCommand(command, seconds);
-  return FTP_COMMAND_OK;
+  return ViaBusybox(env, "ftpput", account, remote, local, seconds, 2);
 }
