@@ -21,6 +21,7 @@
 #include "platform/status.h"
 #include "platform/text.h"
 #include "rules/date_text.h"
+#include "rules/maintain_ftp.h"
 #include "rules/scope.h"
 #include "rules/shell_words.h"
 
@@ -71,7 +72,6 @@ void UploadOne(Env* env, const UpgradeSet_t* settings, long long deviceNo, const
 
   char remote[160];
   char local[512];
-  char command[256];
   const char* refusal = nullptr;
   if (deviceNo < 0) {
     refusal = "a negative device number would make the remote name read as an option";
@@ -79,16 +79,12 @@ void UploadOne(Env* env, const UpgradeSet_t* settings, long long deviceNo, const
              FormatBounded(local, sizeof(local), "%s/%s", dir, name) != 0) {
     refusal = "command line too long";
   } else {
-    refusal =
-        FtpRefusal(FtpToolCommand("ftpput", *settings, remote, local, command, sizeof(command)));
+    refusal = FtpRefusal(MaintainSend(env, *settings, remote, local, 600));
   }
   if (refusal != nullptr) {
     // A cut command line could name another file or break a quote: never run it.
     WriteDbgLog(2, "UploadDiskLog: %s/%s not sent: %s\n", dir, name, refusal);
-    return;
   }
-  WriteDbgLog(2, "%s\n", command);
-  env->RunCommand(command, 600);
 }
 
 }  // namespace

@@ -30,8 +30,7 @@ const char* ScopeText(const char* scope) { return scope != nullptr ? scope : "(n
 const TiXmlElement* LoadRoot(TiXmlDocument* doc, const char* path) {
   std::string why;
   if (LoadXmlFile(path, doc, &why)) return doc->RootElement();
-  WriteDbgLog(0, "LoadFile %s Failed\n", path);
-  WriteDbgLog(0, "LoadFile: %s\n", why.c_str());
+  LogLoadFailed(path, why);
   return nullptr;
 }
 

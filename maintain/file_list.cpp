@@ -9,6 +9,7 @@
 #include <string>
 
 #include "maintain/ftp_maintain_mng.h"
+#include "maintain/trust_gate.h"
 #include "platform/byteorder.h"
 #include "platform/config.h"
 #include "platform/env.h"
@@ -19,6 +20,7 @@
 #include "platform/text.h"
 #include "platform/xml_file.h"
 #include "rules/date_text.h"
+#include "rules/maintain_ftp.h"
 #include "rules/scope.h"
 #include "rules/shell_words.h"
 
@@ -45,27 +47,47 @@ void ApplyAttribute(const TiXmlAttribute* a, FtpFileItem_t* item) {
 
 }  // namespace
 
+void LogLoadFailed(const char* path, const std::string& why) {
+  WriteDbgLog(0, "LoadFile %s Failed\n", path);
+  WriteDbgLog(0, "LoadFile: %s\n", why.c_str());
+}
+
 int CFtpMaintainMng::GetFileList(const UpgradeSet_t* account, const char* dir) {
   char path[256];
-  char command[255];
-  bool pathFits = FormatBounded(path, sizeof(path), "%s/%s", dir, "FileList.xml") == 0;
-  if (pathFits) remove(path);  // a cut path could name another file
-  if (!pathFits || FtpToolCommand("ftpget", *account, path, "FileList.xml", command,
-                                  sizeof(command)) != FTP_COMMAND_OK) {
+  char sigPath[256];
+  bool pathFits = FormatBounded(path, sizeof(path), "%s/%s", dir, "FileList.xml") == 0 &&
+                  FormatBounded(sigPath, sizeof(sigPath), "%s%s", path, kListSignatureSuffix) == 0;
+  if (pathFits) {
+    remove(path);  // a cut path could name another file
+    remove(sigPath);
+  }
+  if (!pathFits || MaintainFetch(m_env, *account, path, "FileList.xml", 600) != FTP_COMMAND_OK) {
     WriteDbgLog(2, "GetFileList: the maintenance account or directory is unusable\n");
     return 0;
   }
-  WriteDbgLog(0, "%s\n", command);
-  m_env->RunCommand(command, 600);
+  std::string why;
+  if (CurrentTrustMode(&why) != TrustMode::kOpen) {
+    MaintainFetch(m_env, *account, sigPath, "FileList.xml.sig", 600);
+  }
   return 0;
 }
 
 int CFtpMaintainMng::ParseFileList(const char* path, FtpFileList_t* list) {
+  std::string text;
+  std::string why;
+  if (!ReadRegularFile(path, kXmlMaxBytes, &text, &why)) {
+    LogLoadFailed(path, why);
+    return -1;
+  }
+  return ParseFileListText(path, text, list);
+}
+
+int CFtpMaintainMng::ParseFileListText(const char* path, const std::string& bytes,
+                                       FtpFileList_t* list) {
   TiXmlDocument doc;
   std::string why;
-  if (!LoadXmlFile(path, &doc, &why)) {
-    WriteDbgLog(0, "LoadFile %s Failed\n", path);
-    WriteDbgLog(0, "LoadFile: %s\n", why.c_str());
+  if (!ParseXmlText(bytes, &doc, &why)) {
+    LogLoadFailed(path, why);
     return -1;
   }
   const TiXmlElement* root = doc.RootElement();
@@ -105,6 +127,11 @@ int CFtpMaintainMng::IsNeedLoadFile(const FtpFileItem_t* item) {
   if (!IsSafeFileName(item->FileName)) {
     WriteDbgLog(2, "IsNeedLoadFile: refused file name \"%s\": not a plain file name\n",
                 item->FileName);
+    return -1;
+  }
+  std::string why;
+  if (!EntryIsVerifiable(*item, &why)) {
+    WriteDbgLog(2, "IsNeedLoadFile: refused \"%s\": %s\n", item->FileName, why.c_str());
     return -1;
   }
   uint8_t device[kStatusDeviceSize] = {};

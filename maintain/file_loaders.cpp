@@ -1,9 +1,11 @@
-// Bringing one file-list entry from the maintenance server to a local directory with ftpget.
+// Bringing one file-list entry from the maintenance server to a local directory, past the
+// entry's digest check.
 #include <cstdio>
 #include <cstring>
 #include <string>
 
 #include "maintain/ftp_maintain_mng.h"
+#include "maintain/trust_gate.h"
 #include "platform/config.h"
 #include "platform/env.h"
 #include "platform/fileutil.h"
@@ -11,6 +13,7 @@
 #include "platform/paths.h"
 #include "platform/status.h"
 #include "platform/text.h"
+#include "rules/maintain_ftp.h"
 #include "rules/shell_words.h"
 
 namespace {
@@ -48,23 +51,32 @@ int CFtpMaintainMng::DownloadFile(FtpFileItem_t* item, const UpgradeSet_t* accou
   char target[256];
   char local[256];
   char where[200];
-  char command[255];
   char move[255];
   // The file name goes into the commands as it stands, so it must be plain; a cut path could
   // name another file.
-  if (!IsSafeFileName(item->FileName) ||
-      FormatBounded(target, sizeof(target), "%s/%s", dir, item->FileName) != 0 ||
-      FormatBounded(local, sizeof(local), "%s/%s", dir, kTmpLoadName) != 0 ||
-      !ShellWord(dir, where, sizeof(where)) ||
-      FtpToolCommand("ftpget", *account, local, item->FileName, command, sizeof(command)) !=
-          FTP_COMMAND_OK ||
-      FormatBounded(move, sizeof(move), "mv %s/%s %s/%s", where, kTmpLoadName, where,
-                    item->FileName) != 0) {
+  bool usable = IsSafeFileName(item->FileName) &&
+                FormatBounded(target, sizeof(target), "%s/%s", dir, item->FileName) == 0 &&
+                FormatBounded(local, sizeof(local), "%s/%s", dir, kTmpLoadName) == 0 &&
+                ShellWord(dir, where, sizeof(where)) &&
+                FormatBounded(move, sizeof(move), "mv %s/%s %s/%s", where, kTmpLoadName, where,
+                              item->FileName) == 0;
+  if (usable) {
+    if (fileisexist(target) == 0) remove(target);
+    usable = MaintainFetch(m_env, *account, local, item->FileName, 600) == FTP_COMMAND_OK;
+  }
+  if (!usable) {
     WriteDbgLog(2, "DownloadFile: refused %s: unsafe name, account or directory\n", item->FileName);
     return 0;
   }
-  if (fileisexist(target) == 0) remove(target);
-  m_env->RunCommand(command, 600);
+  // Nothing lands under its own name, where a loader or another service would take it, before
+  // it has passed its entry's digest; a refused copy is deleted, and the entry's check then
+  // finds no file and loads it again.
+  std::string why;
+  if (!JudgeDownload(*item, local, &why)) {
+    WriteDbgLog(2, "DownloadFile: %s refused and deleted: %s\n", item->FileName, why.c_str());
+    remove(local);
+    return 0;
+  }
   m_env->RunCommand(move, 10);
   return 0;
 }

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <string>
 
 #include "platform/config.h"
 #include "platform/thread.h"
@@ -31,7 +32,7 @@ struct FtpFileItem_t {
   int32_t DevType;
   char ExpiryDate[32];  // 20YYMMDD-hhmmss
   char Scope[256];      // lo~hi;lo~hi;...
-  char CrcValue[128];   // kept and logged, not verified
+  char CrcValue[128];   // "sha256:<64 hex digits>" is checked after the download
   char FileName[128];
   int32_t ErrTimes;
   int32_t Status;
@@ -70,6 +71,8 @@ class CFtpMaintainMng {
   int GetFileList(const UpgradeSet_t* account, const char* dir);
   // Appends the entries of the XML file at path to list: 0 when at least one was added.
   int ParseFileList(const char* path, FtpFileList_t* list);
+  // The same for a list already read (path only names it in log lines).
+  int ParseFileListText(const char* path, const std::string& bytes, FtpFileList_t* list);
   // Parses a FileDownloadCmd file into the online list.
   int HandleFileDownloadCmd(const char* path);
   // 0 when this recorder needs the entry, -1 when not (also for a file name that is not one
@@ -144,6 +147,9 @@ class CFtpMaintainMng {
 
 // Empties a list (count, index 0; array freed). Caller holds the manager's lock.
 void ClearFileList(FtpFileList_t* list);
+// Logs that the XML document at path cannot be used: the fixed line, then the reason in a line
+// of its own.
+void LogLoadFailed(const char* path, const std::string& why);
 
 // The body of the maintenance thread; arg is the CFtpMaintainMng.
 void FtpProc(CommonThread_st* thread, void* arg);

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "maintain/ftp_maintain_mng.h"
+#include "maintain/trust_gate.h"
 #include "platform/clock.h"
 #include "platform/config.h"
 #include "platform/env.h"
@@ -242,10 +243,18 @@ int CFtpMaintainMng::setconfig(int mode) {
       epoch = m_nEpoch;
     }
     if (fileisexist(path) != 0 || getfilesize(path) <= 0) return -1;
-    // Parsed into a list of its own, then swapped in, so that the lock is never held while
-    // the file is read.
+    // Judged, then parsed from the very bytes that were judged into a list of its own, then
+    // swapped in, so that the lock is never held while the file is read. A refused list
+    // leaves no entry behind.
+    std::string bytes;
+    std::string why;
     FtpFileList_t parsed{};
-    int r = ParseFileList(path, &parsed);
+    int r = -1;
+    if (JudgeFileList(path, &bytes, &why)) {
+      r = ParseFileListText(path, bytes, &parsed);
+    } else {
+      WriteDbgLog(2, "FileList.xml refused, nothing of it is used: %s\n", why.c_str());
+    }
     CAutoLock guard(&m_lock);
     FtpFileList_t& list = m_pData->fileList;
     if (m_nEpoch != epoch) {

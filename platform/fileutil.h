@@ -16,6 +16,10 @@ int getfilesize(const char* path);
 // close-on-exec; or -1 with *why (when not null) saying what was wrong. Every file the
 // service reads that may come from outside is opened through here.
 int OpenRegularFile(const char* path, int flags, std::string* why);
+// Creates (or empties) the regular file at path for writing, mode 0644, without following a
+// symbolic link and without waiting on a FIFO. A descriptor with close-on-exec, or -1 with
+// *why.
+int CreateRegularFile(const char* path, std::string* why);
 // Reads the regular file at path, of at most maxBytes, into *out. False, with *why saying what
 // was wrong, for anything else (missing, a directory, a FIFO or device: never waits for a
 // writer, larger than maxBytes, unreadable).

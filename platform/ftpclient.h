@@ -67,6 +67,11 @@ class CFtpClient {
   // Writes all len bytes on the open data connection or fails (-1); timeout: seconds without
   // progress. Returns len.
   virtual int FtpWriteDate(int fd, const char* buf, int len, int timeout);
+  // Fetches the file named by FtpSetLocalInfo from the directory FtpStart entered into the
+  // open descriptor fd: RETR over a passive data connection (TLS when the session is), at
+  // most maxBytes, within seconds. Returns the bytes written and confirmed by the server's
+  // 2xx reply, or -1.
+  virtual int64_t FtpGetFile(int fd, int64_t maxBytes, int seconds);
   // Finishes a transfer (waiting for the server's reply; -1 unless it is 2xx), QUIT and close.
   // Safe to call in any state.
   virtual int FtpClose();
@@ -78,6 +83,11 @@ class CFtpClient {
   struct Impl;
   Impl* m_pImpl = nullptr;
 };
+
+// True when the TLS policy requires TLS for host, or cannot be read for it: a transfer with
+// host must then go through CFtpClient, which speaks TLS or nothing, never through a tool
+// that speaks clear text.
+bool FtpTlsRequiredFor(const char* host);
 
 // The host client: one session over sockets. Service code gets its clients through
 // Env::NewFtpClient() (platform/env.h), whose host implementation calls this.

@@ -17,6 +17,10 @@ constexpr int kXmlMaxDepth = 32;              // nesting of elements; our docume
 bool LoadXmlFile(const char* path, TiXmlDocument* doc, std::string* why,
                  size_t maxBytes = kXmlMaxBytes);
 
+// Parses text (already read, e.g. bytes whose signature was checked) under the same bounds
+// as LoadXmlFile. False with *why.
+bool ParseXmlText(const std::string& text, TiXmlDocument* doc, std::string* why);
+
 // The deepest nesting of elements in text, counted as a parser sees them (comments, CDATA,
 // declarations and quoted attribute values do not count); stops counting above limit.
 int XmlNestingDepth(const std::string& text, int limit);

@@ -5,10 +5,13 @@
 #include <unistd.h>
 
 #include <climits>
+#include <iterator>
+#include <sstream>
 
 #include "core/command_worker.h"
 #include "maintain/command_files.h"
 #include "maintain/ftp_maintain_mng.h"
+#include "platform/trust.h"
 #include "rules/date_text.h"
 #include "rules/scope.h"
 #include "rules/shell_words.h"
@@ -309,12 +312,13 @@ class MaintainCycleTest : public MaintainTest {
     mng.FtpConnectTo("maint", "pw", "10.1.1.1", 21, "/");
     strcpy(mng.m_pData->fileList.dir, P("/mnt/sd1").c_str());
     mng.m_lastStepTime = clock.WallSeconds();
-    // A download lands its file when the loader moves it into place, if the test says so.
+    // ftpget lands what the server serves under the remote name; mv moves a download.
     shell.onCommand = [this](const std::string& command) {
-      size_t slash = command.rfind('/'), at = command.rfind(" @");
-      if (command.rfind("mv ", 0) != 0 || slash == std::string::npos) return;
-      auto f = served.find(command.substr(slash + 1, at - slash - 1));
-      if (f != served.end()) root.Write("/mnt/sd1/" + f->first, f->second);
+      std::istringstream line(command.substr(0, command.rfind(" @")));
+      std::vector<std::string> w{std::istream_iterator<std::string>(line), {}};
+      if (w.size() == 3 && w[0] == "mv") rename(w[1].c_str(), w[2].c_str());
+      auto f = w.size() > 2 && w[0] == "ftpget" ? served.find(w.back()) : served.end();
+      if (f != served.end()) root.Write(w[w.size() - 2].substr(root.path().size()), f->second);
     };
   }
   // Passes of the thread's loop, one second apart, until the state changed n times: the passes
@@ -363,6 +367,56 @@ TEST_F(MaintainCycleTest, PeriodicCycleFollowsTheStateTableAndItsIntervals) {
   // The finish step rests 900 s; then the cycle starts over.
   EXPECT_EQ(Steps(2), std::vector<int>({6, 901, 1}));
   EXPECT_EQ(interval, 5);
+}
+
+// With a trust file a list is used only when a trusted key signed it and its serial is not
+// below the one kept; a download only with the SHA-256 its entry names. Whatever is refused
+// runs nothing; the cycle goes on (list fetched again, download loaded again).
+TEST_F(MaintainCycleTest, SignedListsAndDigestsDecideWhatRuns) {
+  const std::string cmd = "<UsrDefineCmd><CMDITEM>true signed</CMDITEM></UsrDefineCmd>";
+  std::string bad = cmd;
+  bad[bad.find("true")] = 'T';  // changed, kept at its size
+  auto list = [&](const std::string& serial, const std::string& crc) {
+    return "<L serial=\"" + serial + "\"><FILE filetype=\"3\" size=\"" +
+           std::to_string(cmd.size()) + "\" devtype=\"3\" expirydate=\"" + kFar + "\" crcvalue=\"" +
+           crc + "\">u.xml</FILE></L>";
+  };
+  const std::string sha = "sha256:" + Sha256OfText(cmd);
+  struct Row {
+    const char* what;
+    bool trusted;
+    std::string listText, signer, kept, served;
+    int runs, state;  // the command's runs; the cycle's state after 40 s (0: a pass ended)
+  };
+  const std::vector<Row> rows = {
+      {"no trust file, no signature", false, list("1", "0"), "", "", cmd, 1, 0},
+      {"a changed download without a trust file", false, list("1", sha), "", "", bad, 0, 3},
+      {"signed, digest right", true, list("5", sha), kTestKeyA, "5", cmd, 1, 0},
+      {"unsigned", true, list("5", sha), "", "", cmd, 0, 1},
+      {"signed by an unknown key", true, list("5", sha), kTestKeyB, "", cmd, 0, 1},
+      {"a lower serial than kept", true, list("4", sha), kTestKeyA, "5", cmd, 0, 1},
+      {"a changed command file", true, list("5", sha), kTestKeyA, "", bad, 0, 3},
+      {"an entry without a digest", true, list("5", "0"), kTestKeyA, "", cmd, 0, 0},
+  };
+  for (const Row& row : rows) {
+    unlink(P("/etc/velmar/maintain-trust.pem").c_str());
+    if (row.trusted) root.Write("/etc/velmar/maintain-trust.pem", kTestPubA);
+    unlink(P("/etc/velmar/maintain-serial").c_str());
+    if (!row.kept.empty()) root.Write("/etc/velmar/maintain-serial", row.kept + "\n");
+    served = {{"FileList.xml", row.listText}, {"u.xml", row.served}};
+    std::string sig;
+    std::string why;
+    if (!row.signer.empty()) SignDetached(row.signer, row.listText, &sig, &why);
+    if (!sig.empty()) served["FileList.xml.sig"] = sig;
+    const int before = shell.Count("true signed");
+    mng.FtpConnectTo("maint", "pw", "10.1.1.1", 21, "/");
+    for (int pass = 0; pass < 40; ++pass) {
+      mng.ProcPass(&interval);
+      clock.AdvanceMs(1000);
+    }
+    EXPECT_EQ(shell.Count("true signed") - before, row.runs) << row.what;
+    EXPECT_EQ(mng.m_pData->state, row.state) << row.what;
+  }
 }
 
 // A new account empties the lists and restarts the cycle at once.

@@ -206,6 +206,26 @@ int OpenRegularFile(const char* path, int flags, std::string* why) {
   return -1;
 }
 
+int CreateRegularFile(const char* path, std::string* why) {
+  if (path == nullptr) {
+    *why = "no path";
+    return -1;
+  }
+  int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
+  struct stat st;
+  if (fd < 0 || fstat(fd, &st) != 0) {
+    *why = strerror(errno);
+  } else if (!S_ISREG(st.st_mode)) {
+    *why = "not a regular file";
+  } else if (fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) == 0) {
+    return fd;
+  } else {
+    *why = strerror(errno);
+  }
+  if (fd >= 0) close(fd);
+  return -1;
+}
+
 bool ReadRegularFile(const char* path, size_t maxBytes, std::string* out, std::string* why) {
   out->clear();
   int fd = OpenRegularFile(path, O_RDONLY, why);

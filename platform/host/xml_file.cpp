@@ -58,6 +58,14 @@ int XmlNestingDepth(const std::string& text, int limit) {
 bool LoadXmlFile(const char* path, TiXmlDocument* doc, std::string* why, size_t maxBytes) {
   std::string text;
   if (!ReadRegularFile(path, maxBytes, &text, why)) return false;
+  return ParseXmlText(text, doc, why);
+}
+
+bool ParseXmlText(const std::string& text, TiXmlDocument* doc, std::string* why) {
+  if (text.size() > kXmlMaxBytes) {
+    *why = "larger than " + std::to_string(kXmlMaxBytes) + " bytes";
+    return false;
+  }
   if (XmlNestingDepth(text, kXmlMaxDepth) > kXmlMaxDepth) {
     *why = "elements nested more than " + std::to_string(kXmlMaxDepth) + " deep";
     return false;

@@ -42,6 +42,12 @@ class TempRoot {
 // that run millions of inputs. Once per process.
 void DiscardLogFiles();
 
+// Two Ed25519 key pairs (made with `openssl genpkey -algorithm ed25519`) for signed lists.
+extern const char kTestKeyA[];
+extern const char kTestPubA[];
+extern const char kTestKeyB[];
+extern const char kTestPubB[];
+
 // The whole content of a file; empty when it cannot be read.
 std::string ReadWholeFile(const std::string& path);
 

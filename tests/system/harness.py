@@ -56,16 +56,18 @@ class SandboxRoot:
 
 
 class Velmar:
-    """The real velmar binary running in root, on a PATH with busybox's ftpget/ftpput; its
-    output goes to files in the root, and user commands run in the root."""
+    """The real velmar binary running in root, on a PATH with busybox's ftpget/ftpput (after
+    the folders of path_first); its output goes to files in the root, and user commands run in
+    the root."""
 
     def __init__(self, root):
-        self.root, self.proc = root, None
+        self.root, self.proc, self.path_first = root, None, []
         self.out_path, self.err_path = root.under("/velmar.out"), root.under("/velmar.err")
 
     def start(self):
         env = _run_env(self.root)
-        env["PATH"] = os.path.join(BUILD_DIR, "busybox-bin") + ":" + env.get("PATH", "")
+        env["PATH"] = ":".join(self.path_first + [os.path.join(BUILD_DIR, "busybox-bin"),
+                                                   env.get("PATH", "")])
         with open(self.out_path, "ab") as out, open(self.err_path, "ab") as err:
             self.proc = subprocess.Popen(built("velmar"), env=env,
                                          stdout=out, stderr=err, cwd=self.root.path,

@@ -1,14 +1,20 @@
-"""Remote maintenance end to end: the real velmar against pyftpdlib as maintenance server.
+"""Remote maintenance end to end: the real velmar against pyftpdlib as maintenance server,
+over explicit FTPS (the TLS policy requires it for the server; the server requires TLS on the
+control and data connections) with a signed file list and a SHA-256 for every entry.
 
 The server lists an upgrade package, a configuration archive that changes the device number,
 a log command for the debug logs of one day and a user command that creates a marker file.
+Nothing but AUTH TLS reaches the server in clear, and busybox's ftpget/ftpput never run. After
+a restart, a list signed with a lower serial than the one accepted runs nothing.
 """
+import hashlib
 import io
 import os
+import subprocess
 import tarfile
 import unittest
 
-from harness import FtpServer, ServiceTest, read, wait_until, write
+from harness import SOURCE_DIR, FtpServer, ServiceTest, read, wait_until, write
 
 PACKAGE = "VLM-1.0.4-2.4-20261201-A.sw"
 NEW_DEVICE = "200456"
@@ -19,8 +25,10 @@ OUT_OF_SPAN = ["/mnt/sd1/debug/dbglog-20240101-000000.log"]  # the start itself:
 
 
 def entry(name, file_type, data):
+    data = data if isinstance(data, bytes) else data.encode()
     return ('<FILE filetype="%d" filesize="%d" devtype="3" expirydate="20371231-235959" '
-            'crcvalue="0">%s</FILE>' % (file_type, len(data), name))
+            'crcvalue="sha256:%s">%s</FILE>' % (file_type, len(data),
+                                                hashlib.sha256(data).hexdigest(), name))
 
 
 def config_archive():
@@ -36,15 +44,33 @@ def config_archive():
 class MaintenanceCycleTest(ServiceTest):
     def setUp(self):
         super().setUp()
+        cert, self.key = self.root.under("/cert.pem"), self.root.under("/list-key.pem")
+        subprocess.run([os.path.join(SOURCE_DIR, "scripts", "ftps-cert"), cert], check=True,
+                       capture_output=True)
+        write(self.root.under("/etc/velmar/ftps.conf"), "127.0.0.1 require ca=%s\n" % cert)
+        subprocess.run(["openssl", "genpkey", "-algorithm", "ed25519", "-out", self.key],
+                       check=True, capture_output=True)
+        subprocess.run(["openssl", "pkey", "-in", self.key, "-pubout", "-out",
+                        self.root.under("/etc/velmar/maintain-trust.pem")], check=True)
+        # Stand-ins that leave a mark if the service ever ran ftpget or ftpput.
+        self.tools = self.root.under("/tools")
+        for tool in ("ftpget", "ftpput"):
+            write(os.path.join(self.tools, tool), '#!/bin/sh\ntouch "$0.ran"\nexit 1\n')
+            os.chmod(os.path.join(self.tools, tool), 0o755)
+        self.velmar.path_first = [self.tools]
         self.served = self.root.under("/served")
-        self.server = FtpServer(self.served, lifetime=400).start()
+        self.server = FtpServer(self.served, lifetime=400, tls=cert).start()
         self.addCleanup(self.server.stop)
 
-    def serve(self, directory, files):
-        listing = "<FileList>" + "".join(entry(n, t, d) for n, t, d in files) + "</FileList>"
+    def serve(self, directory, files, serial):
+        listing = ('<FileList serial="%d">' % serial + "".join(entry(n, t, d) for n, t, d in files)
+                   + "</FileList>")
         for name, _, data in files:
             write(os.path.join(directory, name), data)
-        write(os.path.join(directory, "FileList.xml"), listing)
+        path = os.path.join(directory, "FileList.xml")
+        write(path, listing)
+        subprocess.run(["openssl", "pkeyutl", "-sign", "-rawin", "-inkey", self.key, "-in", path,
+                        "-out", path + ".sig"], check=True)
 
     def test_cycle_imports_runs_uploads_and_announces(self):
         marker = self.root.under("/marker")
@@ -55,7 +81,7 @@ class MaintenanceCycleTest(ServiceTest):
         self.serve(self.served, [(PACKAGE, 1, b"\x7fpackage" * 1000),
                                  ("config.tar", 5, config_archive()),
                                  ("LOGCMD.xml", 2, logcmd),
-                                 ("UsrDefineCmd.xml", 3, usrcmd)])
+                                 ("UsrDefineCmd.xml", 3, usrcmd)], serial=5)
         for p in IN_SPAN + OUT_OF_SPAN:
             write(self.root.under(p), "log of %s\n" % p)
         write(self.root.under("/etc/velmar/config/upgrade.xml"),
@@ -90,6 +116,19 @@ class MaintenanceCycleTest(ServiceTest):
         self.assertTrue(self.velmar.wait_log("NewVer=CurVer=" + PACKAGE, 60),
                         self.velmar.log()[-4000:])
         self.assertEqual(self.velmar.log().count("LocalVersion="), 1)
+        self.assertEqual({c for c in self.server.commands() if c.startswith("clear ")},
+                         {"clear AUTH TLS"})
+        self.assertEqual([f for f in os.listdir(self.tools) if f.endswith(".ran")], [])
+
+        # Restarted, the service refuses an older list, properly signed: nothing of it runs.
+        self.velmar.stop()
+        marker2 = self.root.under("/marker2")
+        self.serve(self.served, [("UsrDefineCmd.xml", 3, '<UsrDefineCmd><CMDITEM>touch %s'
+                                  '</CMDITEM></UsrDefineCmd>' % marker2)], serial=4)
+        self.velmar.start()
+        self.assertTrue(self.velmar.wait_log("serial 4 is lower than 5, accepted before", 60),
+                        self.velmar.log()[-4000:])
+        self.assertFalse(os.path.exists(marker2))
 
 
 if __name__ == "__main__":

@@ -3,6 +3,7 @@
 
 #include "platform/host/ftp/session.h"
 #include "platform/host/ftp/socket_transport.h"
+#include "platform/host/ftp/tls_policy.h"
 
 struct CFtpClient::Impl {
   Impl(std::unique_ptr<FtpTransport> transport, FtpClock* clock)
@@ -53,6 +54,14 @@ int CFtpClient::FtpCreateDateSockFd(int mode) { return m_pImpl->session.CreateDa
 
 int CFtpClient::FtpWriteDate(int fd, const char* buf, int len, int timeout) {
   return m_pImpl->session.WriteData(fd, buf, len, timeout);
+}
+
+int64_t CFtpClient::FtpGetFile(int fd, int64_t maxBytes, int seconds) {
+  return m_pImpl->session.Retrieve(fd, maxBytes, seconds);
+}
+
+bool FtpTlsRequiredFor(const char* host) {
+  return LookupFtpTlsPolicy(host != nullptr ? host : "").mode != FtpTlsPolicy::kOff;
 }
 
 int CFtpClient::FtpClose() { return m_pImpl->session.Close(); }

@@ -1,10 +1,13 @@
 #include "platform/host/ftp/session.h"
 
+#include <errno.h>
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <vector>
 
+#include "platform/host/atomic_file.h"
 #include "platform/log.h"
 
 namespace {
@@ -210,6 +213,47 @@ bool FtpSession::SecureData(std::unique_ptr<FtpConn>* conn) {
   return *conn != nullptr;
 }
 
+int FtpSession::StartTransfer(const std::string& command, std::unique_ptr<FtpConn>* conn) {
+  *conn = OpenPassive();
+  if (*conn == nullptr) return -1;
+  std::string err;
+  FtpReply reply;
+  int code = -1;
+  if (m_ctrl.Send(command, m_limits.replyMs, &err) == 0) {
+    code = m_ctrl.ReadReply(&reply, m_limits.replyMs, &err);
+  }
+  if (code != 125 && code != 150) {
+    conn->reset();
+    if (code < 0) {
+      Log(2, "%s: %s", command.c_str(), err.c_str());
+      CloseSession();
+    } else {
+      Log(2, "%s refused: %s", command.c_str(), Printable(reply.text).c_str());
+    }
+    return -1;
+  }
+  return SecureData(conn) ? 0 : kTransferNotSecured;
+}
+
+int64_t FtpSession::ReceiveAll(FtpConn* conn, int64_t deadline, int64_t maxBytes,
+                               const std::function<bool(const char*, size_t, std::string*)>& take,
+                               std::string* err) {
+  int64_t total = 0;
+  char buf[16384];
+  for (;;) {
+    int64_t left = deadline - m_clock->NowMs();
+    ssize_t n = conn->Recv(buf, sizeof(buf), left > 0 ? static_cast<int>(left) : 0, err);
+    if (n == 0) return total;
+    if (n < 0) return -1;
+    total += n;
+    if (total > maxBytes) {
+      *err = "more than " + std::to_string(maxBytes) + " bytes";
+      return -1;
+    }
+    if (!take(buf, static_cast<size_t>(n), err)) return -1;
+  }
+}
+
 // Runs one listing command into the record. 0 on success; the refusing reply's code when the
 // server refused the command; -1 on any other failure.
 int FtpSession::RunListing(FtpListFormat fmt) {
@@ -239,22 +283,13 @@ int FtpSession::RunListing(FtpListFormat fmt) {
   }
   m_data.entryCount = 0;
   FtpListingParser parser(fmt, m_name.c_str(), m_data.entries, kFtpListCapacity);
-  int64_t deadline = m_clock->NowMs() + m_limits.listingMs;
-  int64_t total = 0;
-  char buf[16384];
-  ssize_t n;
-  for (;;) {
-    int64_t left = deadline - m_clock->NowMs();
-    n = conn->Recv(buf, sizeof(buf), left > 0 ? static_cast<int>(left) : 0, &err);
-    if (n <= 0) break;
-    total += n;
-    if (total > kMaxListingBytes) {
-      err = "listing too large";
-      n = -1;
-      break;
-    }
-    parser.Feed(buf, static_cast<size_t>(n));
-  }
+  int64_t n = ReceiveAll(
+      conn.get(), m_clock->NowMs() + m_limits.listingMs, kMaxListingBytes,
+      [&parser](const char* buf, size_t len, std::string*) {
+        parser.Feed(buf, len);
+        return true;
+      },
+      &err);
   conn.reset();
   if (n < 0) {
     Log(2, "%s data: %s", command, err.c_str());
@@ -436,27 +471,10 @@ int FtpSession::CreateDataConn(int mode) {
     Close();
     return -1;
   }
-  std::unique_ptr<FtpConn> conn = OpenPassive();
-  if (conn == nullptr) return -1;
-  std::string command = (mode == 0 ? "STOR " : "APPE ") + m_name;
-  std::string err;
-  FtpReply reply;
-  int code = -1;
-  if (m_ctrl.Send(command, m_limits.replyMs, &err) == 0) {
-    code = m_ctrl.ReadReply(&reply, m_limits.replyMs, &err);
-  }
-  if (code != 125 && code != 150) {
-    conn.reset();
-    if (code < 0) {
-      Log(2, "%s: %s", command.c_str(), err.c_str());
-      CloseSession();
-    } else {
-      Log(2, "%s refused: %s", command.c_str(), Printable(reply.text).c_str());
-    }
-    return -1;
-  }
-  if (!SecureData(&conn)) {
-    Close();
+  std::unique_ptr<FtpConn> conn;
+  int r = StartTransfer((mode == 0 ? "STOR " : "APPE ") + m_name, &conn);
+  if (r != 0) {
+    if (r == kTransferNotSecured) Close();
     return -1;
   }
   m_dataConn = std::move(conn);
@@ -485,6 +503,43 @@ int FtpSession::WriteData(int fd, const char* buf, int len, int timeout) {
     return -1;
   }
   return len;
+}
+
+int64_t FtpSession::Retrieve(int fd, int64_t maxBytes, int seconds) {
+  if (!m_ctrl.open()) {
+    Log(2, "RETR without a session");
+    return -1;
+  }
+  if (!IsUsableFtpName(m_name.data(), m_name.size()) || m_dataConn != nullptr) {
+    Log(2, "RETR refused: unusable remote file name or a transfer already open");
+    return -1;
+  }
+  std::unique_ptr<FtpConn> conn;
+  std::string command = "RETR " + m_name;
+  if (StartTransfer(command, &conn) != 0) {
+    CloseSession();
+    return -1;
+  }
+  std::string err;
+  FtpReply reply;
+  int code = -1;
+  int64_t n = ReceiveAll(
+      conn.get(), m_clock->NowMs() + static_cast<int64_t>(seconds) * 1000, maxBytes,
+      [fd](const char* buf, size_t len, std::string* why) {
+        if (WriteAll(fd, buf, len)) return true;
+        *why = std::string("local write: ") + strerror(errno);
+        return false;
+      },
+      &err);
+  conn.reset();
+  if (n >= 0) code = m_ctrl.ReadReply(&reply, m_limits.replyMs, &err);
+  if (n < 0 || !Is2xx(code)) {
+    Log(2, "%s: %s", command.c_str(),
+        n < 0 || code < 0 ? err.c_str() : Printable(reply.text).c_str());
+    CloseSession();
+    return -1;
+  }
+  return n;
 }
 
 // Returns -1 when a transfer was open and the server did not confirm it with a 2xx reply;

@@ -5,6 +5,7 @@
 // its timeout argument. No call waits longer, whatever a server does.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -32,6 +33,7 @@ class FtpSession {
   int64_t GetFileSize();
   int CreateDataConn(int mode);
   int WriteData(int fd, const char* buf, int len, int timeout);
+  int64_t Retrieve(int fd, int64_t maxBytes, int seconds);
   int Close();
 
  private:
@@ -44,6 +46,17 @@ class FtpSession {
   int SecureControl(const std::string& host);
   bool SecureData(std::unique_ptr<FtpConn>* conn);
   int RunListing(FtpListFormat fmt);
+  // Opens a passive data connection, sends command (STOR, APPE, RETR) and waits for the
+  // server's go-ahead (125 or 150); the connection then under TLS when the session is. 0 with
+  // *conn; -1 when the server refused or the session broke (then closed);
+  // kTransferNotSecured when the server accepted but TLS on the data connection failed.
+  static constexpr int kTransferNotSecured = -2;
+  int StartTransfer(const std::string& command, std::unique_ptr<FtpConn>* conn);
+  // Receives a data connection's stream to its end, handing each piece to take, until
+  // deadline and at most maxBytes. The byte count, or -1 with *err.
+  int64_t ReceiveAll(FtpConn* conn, int64_t deadline, int64_t maxBytes,
+                     const std::function<bool(const char*, size_t, std::string*)>& take,
+                     std::string* err);
 
   // Constant after construction.
   const std::unique_ptr<FtpTransport> m_transport;
