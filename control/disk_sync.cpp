@@ -81,9 +81,11 @@ void CFtpCtrlMng::CheckDiskState(uint32_t seconds) {
     if (slot < 0) continue;
     auto it = m_diskMap.find(slot);
     if (it != m_diskMap.end()) {
-      if (!present) {
-        // The disk is gone; its tasks stay queued. An open table may be on it, and a card
-        // put back at the same mount would otherwise be written through the old handle.
+      if (!present || dirs[slot][0] == '\0') {
+        // The disk is gone (or no longer mounted: its directory left the mount lists); its
+        // tasks stay queued, and the next disk can become current. An open table may be on
+        // it, and a card put back at the same mount would otherwise be written through the
+        // old handle.
         m_diskMap.erase(it);
         m_env->TaskDb()->m_bTabOpen = 0;
         continue;

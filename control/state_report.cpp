@@ -43,6 +43,10 @@ void CFtpCtrlMng::PublishState(uint32_t seconds) {
                   std::to_string(m_nLastRefusedSeq.load()) + " " + m_pLastRefusal.load());
   AppendStateLine(&text, "gave_up", std::to_string(m_pEngine->m_nGaveUp.load()));
   AppendStateLine(&text, "last_gave_up", std::to_string(m_pEngine->m_nLastGaveUpSeq.load()));
+  AppendStateLine(&text, "last_gave_up_reason",
+                  m_pEngine->m_nLastGaveUpWhy == CFtpUploadFileMng::kGaveUpStores
+                      ? "stored anew 3 times, never complete on the server"
+                      : "four failed connections");
   if (held.valid == 1) {
     const UserDefServerSet_t& s = held.server;
     AppendStateLine(&text, "seq", std::to_string(held.seq));

@@ -45,6 +45,11 @@ int ParseRecvEvent(const unsigned char* msg, int len, EVENT_E* event, int* reser
 int EncodeEvent(EVENT_E event, const void* data, int len, unsigned char* out, size_t cap);
 
 // Sends the event to every registered receiver whose mask has its bit. A receiver that is
-// gone or full is skipped without delaying the others. Returns the number of receivers
-// reached, or -1 for a bad event or length.
+// gone is skipped at once; one whose queue is full is given up to 2 s to make room (a burst
+// is slowed down, not dropped), then skipped. Returns the number of receivers reached, or -1
+// for a bad event or length.
 int DistributeEvent(EVENT_E event, int len, void* data);
+// The same for the one receiver registered under name (as given to RegisterEventReciever):
+// 1 when it took the event, 0 when it is not registered for it, gone or still full, -1 for a
+// bad event or length. For a sender that must know whether a request arrived.
+int DistributeEventTo(const char* name, EVENT_E event, int len, void* data);

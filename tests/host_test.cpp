@@ -466,6 +466,30 @@ TEST(EventBusTest, EventsReachTheReceiversRegisteredForThemAsWireBytes) {
             "0|-1|-1|0|-1|");
 }
 
+// A burst of requests to a receiver slower than its sender is slowed down, not dropped: every
+// request is taken, and the sender learns of each one that velmar's socket took.
+TEST(EventBusTest, ABurstToASlowReceiverIsDeliveredWhole) {
+  TempRoot root;
+  FakeBus inbox;
+  auto slow = [](int, sockaddr_un*, unsigned*, char* msg, int len, void* in) {
+    usleep(2000);  // a synchronous database write per request
+    return static_cast<FakeBus*>(in)->Distribute(EVENT_FILE_UPLOAD, len, msg), 0;
+  };
+  void* listener = StartUnixDomainListen("/tmp/slow.sock", slow, &inbox);
+  ASSERT_NE(listener, nullptr);
+  ASSERT_EQ(RegisterEventReciever("/tmp/slow.sock", 1 << EVENT_FILE_UPLOAD), 0);
+  uint8_t payload[4] = {};
+  int taken = 0;
+  for (int i = 0; i < 100; ++i)
+    taken += DistributeEventTo("/tmp/slow.sock", EVENT_FILE_UPLOAD, 4, payload);
+  EXPECT_EQ(taken, 100);
+  for (int tries = 0; tries < 3000 && inbox.Events(EVENT_FILE_UPLOAD).size() < 100; ++tries)
+    usleep(10000);  // up to 30 s
+  EXPECT_EQ(inbox.Events(EVENT_FILE_UPLOAD).size(), 100u);
+  EXPECT_EQ(DistributeEventTo("/tmp/other.sock", EVENT_FILE_UPLOAD, 4, payload), 0);
+  StopUnixDomainListen(listener);
+}
+
 // Reads the file of reader r as the service does: "ok" or "no"; the bus gives the receivers
 // reached, the policy the modes for hosts "h" and "x" (0 off, 1 require, 2 refused).
 std::string ReadAs(int r, const std::string& path, CFtpMaintainMng* mng) {

@@ -176,10 +176,13 @@ uint8_t ParseNet(const char* text) {
   return bits;
 }
 
+// A request counts as sent only when velmar's own socket took it; other receivers of the same
+// event (a watch) say nothing about that.
 int Send(EVENT_E event, const uint8_t* payload, int len) {
-  int reached = DistributeEvent(event, len, const_cast<uint8_t*>(payload));
-  if (reached <= 0) {
-    fprintf(stderr, "velmarctl: no receiver for event %u under %s (is velmar running?)\n",
+  if (DistributeEventTo(kRequestSocket, event, len, const_cast<uint8_t*>(payload)) != 1) {
+    fprintf(stderr,
+            "velmarctl: velmar did not take the request (event %u) under %s: not running, or "
+            "busy for over 2 s\n",
             static_cast<unsigned>(event),
             getenv("VELMAR_ROOT") != nullptr ? getenv("VELMAR_ROOT") : "/");
     return 1;

@@ -152,7 +152,7 @@ void CFtpUploadFileMng::RunPass(ftpFileInfo_t* previous) {
   ftpFileInfo_t task = SnapshotTask();
   if (task.connFailTimes > 3) {
     WriteDbgLog(2, "seq:%d given up after four failed connections\n", static_cast<int>(task.seq));
-    GiveUp(task);
+    GiveUp(task, kGaveUpConnections);
     m_nBusy = 0;
     return;  // a task given up gets no further connection
   }
@@ -190,7 +190,8 @@ void CFtpUploadFileMng::RunPass(ftpFileInfo_t* previous) {
   m_env->SleepUs(failed ? kLoginFailPauseUs : kPassPauseUs);
 }
 
-void CFtpUploadFileMng::GiveUp(const ftpFileInfo_t& task) {
+void CFtpUploadFileMng::GiveUp(const ftpFileInfo_t& task, uint8_t why) {
+  m_nLastGaveUpWhy = why;
   m_nLastGaveUpSeq = task.seq;
   ++m_nGaveUp;
   SendTaskStatus(static_cast<int>(task.seq), 1);
@@ -207,7 +208,7 @@ void CFtpUploadFileMng::StoreAnew(const ftpFileInfo_t& task) {
   if (m_nStoresAnew >= kMaxStoresAnew) {
     WriteDbgLog(2, "seq:%d file:%s: stored anew %d times, never complete on the server: given up\n",
                 static_cast<int>(task.seq), task.fullName, kMaxStoresAnew);
-    GiveUp(task);
+    GiveUp(task, kGaveUpStores);
     return;
   }
   SendFile2FtpServer(task.fullName, 0, 0);

@@ -87,6 +87,9 @@ class CFtpUploadFileMng {
   // Tasks given up since the start (four failed connections, stored anew too often), and the
   // last one's seq.
   std::atomic<uint32_t> m_nGaveUp{0}, m_nLastGaveUpSeq{0};
+  // Why the last one was given up: kGaveUpConnections or kGaveUpStores.
+  static constexpr uint8_t kGaveUpConnections = 0, kGaveUpStores = 1;
+  std::atomic<uint8_t> m_nLastGaveUpWhy{kGaveUpConnections};
   // Stores (data connections in mode 0) of the held task since it was handed over.
   std::atomic<int> m_nStoresAnew{0};
   CFtpClient* m_pFtpClient = nullptr;               // owned by the upload thread
@@ -108,7 +111,7 @@ class CFtpUploadFileMng {
   void CountConnFail();
   void ResetConnFail();
   // Announces the task given up (status 1) and has transfer control delete it.
-  void GiveUp(const ftpFileInfo_t& task);
+  void GiveUp(const ftpFileInfo_t& task, uint8_t why);
   // Sends the whole file, unless it was stored anew too often: then gives the task up.
   void StoreAnew(const ftpFileInfo_t& task);
 

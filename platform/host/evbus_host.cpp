@@ -10,6 +10,7 @@
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -35,6 +36,7 @@ const char kMagic[4] = {'E', 'V', 'B', '1'};
 constexpr size_t kRecvBufferSize = 16384;
 constexpr size_t kEntryMaxBytes = 1024;  // a registry entry is one line of some 100 bytes
 constexpr size_t kTrackedEntries = 64;   // unusable entries remembered for the log
+constexpr int64_t kFullWaitMs = 2000;    // how long a full receiver may hold up a sender
 
 std::string RegistryDir() { return RootedPath("/run/evbus"); }
 
@@ -99,23 +101,25 @@ class HostPublisher {
     if (size < 0 || static_cast<unsigned>(event) > 63) return -1;
     DIR* dir = opendir(RegistryDir().c_str());
     if (dir == nullptr) return 0;
-    int sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     int reached = 0;
-    while (sock >= 0) {
-      dirent* entry = readdir(dir);
-      if (entry == nullptr) break;
+    while (dirent* entry = readdir(dir)) {
       if (entry->d_name[0] == '.') continue;
-      if (SendTo(sock, RegistryDir() + "/" + entry->d_name, event, datagram, size)) ++reached;
+      if (SendTo(RegistryDir() + "/" + entry->d_name, event, datagram, size)) ++reached;
     }
-    if (sock >= 0) close(sock);
     closedir(dir);
     return reached;
   }
 
+  int DistributeTo(const char* name, EVENT_E event, int len, const void* data) {
+    unsigned char datagram[kEventHeaderSize + kEventPayloadMax];
+    int size = EncodeEvent(event, data, len, datagram, sizeof(datagram));
+    if (size < 0 || static_cast<unsigned>(event) > 63 || name == nullptr) return -1;
+    return SendTo(RegistryFile(name), event, datagram, size) ? 1 : 0;
+  }
+
  private:
   // Sends to the receiver registered in file when its mask has the event's bit.
-  bool SendTo(int sock, const std::string& file, EVENT_E event, const unsigned char* datagram,
-              int size) {
+  bool SendTo(const std::string& file, EVENT_E event, const unsigned char* datagram, int size) {
     std::string line, why;
     uint64_t mask = 0;
     if (!ReadRegularFile(file.c_str(), kEntryMaxBytes, &line, &why)) {
@@ -131,9 +135,37 @@ class HostPublisher {
     sockaddr_un addr;
     socklen_t addrLen;
     if (!SocketAddress(line.c_str(), &addr, &addrLen)) return false;
-    ssize_t n = sendto(sock, datagram, static_cast<size_t>(size), MSG_DONTWAIT,
-                       reinterpret_cast<sockaddr*>(&addr), addrLen);
-    return n == size;
+    return SendWaiting(addr, addrLen, datagram, size);
+  }
+
+  // A receiver whose queue is full gets up to kFullWaitMs to make room, so that a burst of
+  // requests is slowed down instead of dropped; one that is gone (nobody bound to its path) is
+  // skipped at once. Connected, the socket reports room in the receiver's queue to poll.
+  static bool SendWaiting(const sockaddr_un& addr, socklen_t addrLen, const unsigned char* datagram,
+                          int size) {
+    int sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (sock < 0) return false;
+    bool sent = false;
+    if (connect(sock, reinterpret_cast<const sockaddr*>(&addr), addrLen) == 0) {
+      timespec start;
+      clock_gettime(CLOCK_MONOTONIC, &start);
+      for (;;) {
+        ssize_t n = send(sock, datagram, static_cast<size_t>(size), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (n >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) {
+          sent = n == size;
+          break;
+        }
+        timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        int64_t left = kFullWaitMs - ((now.tv_sec - start.tv_sec) * 1000 +
+                                      (now.tv_nsec - start.tv_nsec) / 1000000);
+        if (left <= 0) break;
+        pollfd pfd{sock, POLLOUT, 0};
+        poll(&pfd, 1, static_cast<int>(left));
+      }
+    }
+    close(sock);
+    return sent;
   }
 
   // Reads "<16 hex digits> <path>\n" and nothing else; leaves the path in *line.
@@ -265,4 +297,8 @@ int ParseRecvEvent(const unsigned char* msg, int len, EVENT_E* event, int* /*res
 
 int DistributeEvent(EVENT_E event, int len, void* data) {
   return g_hostPublisher.Distribute(event, len, data);
+}
+
+int DistributeEventTo(const char* name, EVENT_E event, int len, void* data) {
+  return g_hostPublisher.DistributeTo(name, event, len, data);
 }

@@ -290,8 +290,8 @@ void PrintStateChanges() {
            space == std::string::npos ? "" : last.substr(space + 1).c_str());
   }
   if (gaveUp >= 0 && Num(s, "gave_up") > gaveUp) {
-    printf("%sgave-up seq=%lld reason=\"four failed connections\"\n", tty ? "\n" : "",
-           Num(s, "last_gave_up"));
+    printf("%sgave-up seq=%lld reason=\"%s\"\n", tty ? "\n" : "", Num(s, "last_gave_up"),
+           Str(s, "last_gave_up_reason").c_str());
   }
   refused = Num(s, "refused");
   gaveUp = Num(s, "gave_up");
