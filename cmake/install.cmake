@@ -1,7 +1,15 @@
 # What `cmake --install` lays out for a recorder's root file system (README "Installing on a
 # recorder"). velmar reads fixed device paths (/etc/velmar, /app/diskaccess, /mnt/sd1, ...),
 # so the configuration goes to those absolute places whatever the prefix; the programs, the
-# systemd unit and the ftpget/ftpput links go under the prefix (--prefix /usr for a device).
+# systemd unit and the ftpget/ftpput links go under the prefix: /usr, the recorder's, in place
+# of CMake's /usr/local, also in a build directory configured before these rules (once; a
+# prefix set afterwards, or `cmake --install --prefix`, wins).
+if(NOT DEFINED CACHE{velmar_install_prefix_defaulted})
+  if(CMAKE_INSTALL_PREFIX_INITIALIZED_TO_DEFAULT OR CMAKE_INSTALL_PREFIX STREQUAL "/usr/local")
+    set(CMAKE_INSTALL_PREFIX /usr CACHE PATH "Install prefix (the recorder's /usr)" FORCE)
+  endif()
+  set(velmar_install_prefix_defaulted ON CACHE INTERNAL "")
+endif()
 include(GNUInstallDirs)
 
 # Component "recorder" (the default install): the service and the control tool.
