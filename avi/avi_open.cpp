@@ -125,7 +125,7 @@ bool CReadAvi::Locate(const char* name, RecordItem_t* item, PartAccess_t* access
   item->record_type = static_cast<uint32_t>(type);
   item->record_size = static_cast<uint32_t>(size);
   bool found = FindPartition(m_env, partition, access, item);
-  printf("-------------------item->RecordItem.record_type = %d\n", type);
+  printf("-------------------item.RecordItem.record_type = %d\n", type);
 
   // Refusals: without a partition the reader would be pointed at no path at all, and a span
   // ending before it starts would wrap the duration into a layout of gigabytes.
