@@ -86,16 +86,31 @@ uint64_t PreScan(Env* env, const RecordItem_t& item, const PartAccess_t& access,
 
 }  // namespace
 
-AviFileInfo_t* CReadAvi::ReadAviOpen(const char* name) {
-  puts("--------------------------------ReadAviOpen");
-  RecordItem_t item;
-  memset(&item, 0, sizeof(item));
+bool AviSpanCache::Find(const Key& key, Measure* m) {
+  CAutoLock hold(&m_lock);
+  for (const Entry& e : m_entries) {
+    if (!e.used || memcmp(&e.key, &key, sizeof(key)) != 0) continue;
+    *m = e.measure;
+    return true;
+  }
+  return false;
+}
+
+void AviSpanCache::Store(const Key& key, const Measure& m) {
+  CAutoLock hold(&m_lock);
+  m_entries[m_next] = {true, key, m};
+  m_next = (m_next + 1) % kEntries;
+}
+
+// Parses name into *item and *access (both zeroed first) and finds its partition. False, with a
+// line on standard output, for a name the stream refuses before it asks the reader.
+bool CReadAvi::Locate(const char* name, RecordItem_t* item, PartAccess_t* access) {
+  memset(item, 0, sizeof(*item));
   uint8_t device[kStatusDeviceSize];
   memset(device, 0, sizeof(device));
   m_env->GetStatus(STATUS_DEVICE, device);
-  PartAccess_t access;
-  memset(&access, 0, sizeof(access));
-  access.devWord = LoadLE32(device);
+  memset(access, 0, sizeof(*access));
+  access->devWord = LoadLE32(device);
 
   int channel = 0, partition = 0, start = 0, end = 0, type = 0, size = 0;
   unsigned fileNo = 0;
@@ -103,27 +118,49 @@ AviFileInfo_t* CReadAvi::ReadAviOpen(const char* name) {
     sscanf(name, "/%04d_%08x_%d_%d_%d_%d_%d.avi", &channel, &fileNo, &partition, &start, &end,
            &type, &size);
   }
-  item.channel = static_cast<uint32_t>(channel);
-  item.fileNo = fileNo;
-  item.start_time = static_cast<uint32_t>(start);
-  item.end_time = static_cast<uint32_t>(end);
-  item.record_type = static_cast<uint32_t>(type);
-  item.record_size = static_cast<uint32_t>(size);
-  bool found = FindPartition(m_env, partition, &access, &item);
+  item->channel = static_cast<uint32_t>(channel);
+  item->fileNo = fileNo;
+  item->start_time = static_cast<uint32_t>(start);
+  item->end_time = static_cast<uint32_t>(end);
+  item->record_type = static_cast<uint32_t>(type);
+  item->record_size = static_cast<uint32_t>(size);
+  bool found = FindPartition(m_env, partition, access, item);
   printf("-------------------item.RecordItem.record_type = %d\n", type);
 
   // Refusals: without a partition the reader would be pointed at no path at all, and a span
   // ending before it starts would wrap the duration into a layout of gigabytes.
   if (!found) {
     printf("ReadAviOpen: no partition %d for %s\n", partition, name != nullptr ? name : "(null)");
-    return nullptr;
+    return false;
   }
-  if (item.end_time < item.start_time || item.end_time - item.start_time > kAviMaxDuration) {
-    printf("ReadAviOpen: span %u..%u refused (backwards or longer than %u s)\n", item.start_time,
-           item.end_time, kAviMaxDuration);
-    return nullptr;
+  if (item->end_time < item->start_time || item->end_time - item->start_time > kAviMaxDuration) {
+    printf("ReadAviOpen: span %u..%u refused (backwards or longer than %u s)\n", item->start_time,
+           item->end_time, kAviMaxDuration);
+    return false;
   }
+  return true;
+}
 
+bool CReadAvi::ReadAviProbe(const char* name) {
+  RecordItem_t item;
+  PartAccess_t access;
+  if (!Locate(name, &item, &access)) return false;
+  CReadDisk* reader = m_env->NewReadDisk();
+  if (reader == nullptr) return false;
+  EncodeParam_t param;
+  memset(&param, 0, sizeof(param));
+  reader->Init(&access);
+  bool described = reader->GetInfo(&param, &item, 0) >= 0;
+  reader->Quit();
+  delete reader;
+  return described;
+}
+
+AviFileInfo_t* CReadAvi::ReadAviOpen(const char* name) {
+  puts("--------------------------------ReadAviOpen");
+  RecordItem_t item;
+  PartAccess_t access;
+  if (!Locate(name, &item, &access)) return nullptr;
   AviFileInfo_t* h = static_cast<AviFileInfo_t*>(calloc(1, sizeof(AviFileInfo_t)));
   if (h == nullptr) return nullptr;
   h->reader = m_env->NewReadDisk();
@@ -187,7 +224,7 @@ int CReadAvi::ReadAviInit(AviFileInfo_t* h, const RecordItem_t* item, const Part
     movilen = static_cast<uint64_t>(item->record_size) + 1036 +
               static_cast<uint64_t>(kAviChunkOverhead) * h->video_frametotal;
   } else {
-    movilen = PreScan(m_env, *h->item, *access, h->bt_record) + 1036;
+    movilen = MeasureChunks(h, *access) + 1036;
   }
   movilen = (movilen + 15) & ~static_cast<uint64_t>(15);
   uint64_t indexLen = 16ull * h->index_max;
@@ -210,6 +247,29 @@ int CReadAvi::ReadAviInit(AviFileInfo_t* h, const RecordItem_t* item, const Part
          h->filelen, h->headlen, h->movilen, h->idx1len, h->widxlen,
          static_cast<int>(item->record_size));
   return 0;
+}
+
+// The pre-scan's sum for h's span, which leaves h->bt_record as the scan would. A span the
+// recorder has moved past (kAviSettledSeconds after its end on its clock) is scanned once and
+// then served from m_spans; one that can still grow is scanned at every opening, so that a
+// length announced for it never misses frames that have arrived since.
+uint64_t CReadAvi::MeasureChunks(AviFileInfo_t* h, const PartAccess_t& access) {
+  AviSpanCache::Key key;
+  key.item = *h->item;
+  key.access = access;
+  AviSpanCache::Measure m;
+  if (m_spans != nullptr && m_spans->Find(key, &m)) {
+    memcpy(h->bt_record, m.record, sizeof(h->bt_record));
+    return m.chunks;
+  }
+  m.chunks = PreScan(m_env, *h->item, access, h->bt_record);
+  bool closed = static_cast<int64_t>(m_env->WallSeconds()) >=
+                static_cast<int64_t>(h->item->end_time) + kAviSettledSeconds;
+  if (m_spans != nullptr && closed) {
+    memcpy(m.record, h->bt_record, sizeof(m.record));
+    m_spans->Store(key, m);
+  }
+  return m.chunks;
 }
 
 int CReadAvi::ReadAviClose(AviFileInfo_t* h) {

@@ -9,6 +9,7 @@
 #include <cstdint>
 
 #include "platform/readdisk.h"
+#include "platform/thread.h"
 
 enum AviState_e {
   AVI_STATE_HEADER = 0,
@@ -28,6 +29,9 @@ constexpr uint32_t kAviMaxPayload = kAviOutBufLen - kAviChunkOverhead;
 constexpr uint32_t kAviInfoRecordLen = 68;
 // Longest span the stream accepts; bounds the index arrays (2 x 138 MB at most).
 constexpr uint32_t kAviMaxDuration = 86400;
+// A span is closed (no frame can still enter it) once the recorder's clock is this many seconds
+// past its end; docs/AVI.md says why.
+constexpr uint32_t kAviSettledSeconds = 300;
 
 // One index entry as kept in memory; the chunk id is derived from the type when written.
 struct AviIndexSlot_t {
@@ -100,16 +104,53 @@ struct AviFileInfo_t {
 
 class Env;
 
+// The measured layouts of the last few closed spans, so that a recording is counted once per
+// task rather than once per opening. Safe from any thread.
+class AviSpanCache {
+ public:
+  // What a pre-scan measures: the bytes of the span's frame chunks and the info record as the
+  // scan leaves it, for a span of a recording read through a partition.
+  struct Measure {
+    uint64_t chunks;
+    uint8_t record[kAviInfoRecordLen];
+  };
+  struct Key {
+    RecordItem_t item;
+    PartAccess_t access;
+  };
+  static_assert(sizeof(Key) == sizeof(RecordItem_t) + sizeof(PartAccess_t),
+                "keys compare byte by byte: no padding");
+  // True and *m when key was stored; every byte of key counts.
+  bool Find(const Key& key, Measure* m) EXCLUDES(m_lock);
+  // Keeps m for key, in place of the oldest entry.
+  void Store(const Key& key, const Measure& m) EXCLUDES(m_lock);
+
+ private:
+  static constexpr int kEntries = 4;
+  struct Entry {
+    bool used;
+    Key key;
+    Measure measure;
+  };
+  CLock m_lock;
+  Entry m_entries[kEntries] GUARDED_BY(m_lock) = {};
+  int m_next GUARDED_BY(m_lock) = 0;
+};
+
 // The AVI stream's operations. Holds only its Env (recorder status and frame-store readers):
 // any object on the same Env serves any stream.
 class CReadAvi {
  public:
-  explicit CReadAvi(Env* env) : m_env(env) {}
+  // Measured lengths of closed spans are kept in spans when one is given.
+  explicit CReadAvi(Env* env, AviSpanCache* spans = nullptr) : m_env(env), m_spans(spans) {}
 
   // Opens the recording named "/%04d_%08x_%d_%d_%d_%d_%d.avi" (channel, file number, partition,
   // start, end, record type, record size). Returns a new handle, or null when the name names no
   // partition, the span is empty backwards or too long, or the reader cannot describe it.
   AviFileInfo_t* ReadAviOpen(const char* name);
+  // True when the open of name would find and describe its recording, which is not read:
+  // only a span whose layout exceeds 4 GiB passes here and fails to open.
+  bool ReadAviProbe(const char* name);
   // Total AVI length; 0 for a null handle.
   uint32_t ReadAviGetSize(AviFileInfo_t* h);
   // 0: *data points at the next *length (<= wanted, maybe 0) bytes, valid until the next call on
@@ -140,5 +181,9 @@ class CReadAvi {
                      uint32_t length);
 
  private:
+  bool Locate(const char* name, RecordItem_t* item, PartAccess_t* access);
+  uint64_t MeasureChunks(AviFileInfo_t* h, const PartAccess_t& access);
+
   Env* m_env;
+  AviSpanCache* m_spans;
 };

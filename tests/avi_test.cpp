@@ -338,13 +338,44 @@ TEST_F(AviTest, SeekReproducesAnUninterruptedReading) {
   EXPECT_EQ((Reads{12, 0, 0, 5025}), (Reads{next(100), next(0), next(-5), next(100000)}));
 }
 
+// A span whose recording may still grow is measured at every opening, so that a frame added
+// shows in the length; a closed one (the clock kAviSettledSeconds past its end) is measured once
+// and opened again with the same bytes, its info record included, without reading a frame.
+TEST_F(AviTest, OnlyAClosedSpanIsMeasuredOnce) {
+  FakeClock clock;
+  env.clock = &clock;
+  AddFrames(rec, "1:100 i0 i2 0:50");
+  for (int past : {-5, 0, 299, 300, 4000}) {  // seconds from the span's end to the clock
+    clock.SetMs((2 + past) * 1000);
+    AviSpanCache spans;
+    CReadAvi cached{&env, &spans};
+    std::vector<Bytes> files;
+    Reads reads;
+    for (int opening = 0; opening < 3; ++opening) {
+      if (opening == 2) AddFrames(rec, "0:30");
+      avi.ReadAviClose(h);
+      reads.push_back(rec.reads);
+      h = cached.ReadAviOpen(Name(kT0, kT0 + 2, 1, 0).c_str());
+      reads.back() = rec.reads - reads.back();
+      files.push_back(ReadAll().bytes);
+    }
+    EXPECT_TRUE(files[0] == files[1] && reads[0] > 0) << past;
+    EXPECT_EQ((std::vector<bool>{reads[1] > 0, reads[2] > 0, files[2].size() != files[0].size()}),
+              std::vector<bool>(3, past < 300))
+        << past;
+  }
+}
+
 TEST_F(AviTest, OpenRefusesWhatItCannotServe) {
   // No such partition, a span ending before it starts, longer than a day, beyond 4 GiB.
   // clang-format off
   const std::string names[] = {Name(kT0, kT0 + 10, 1, 0, /*part=*/7), Name(kT0 + 10, kT0, 1, 0),
                                Name(kT0, kT0 + 86401, 0, 0), Name(kT0, kT0 + 10, 0, -1), "", "x"};
   // clang-format on
-  for (const std::string& name : names) EXPECT_EQ(nullptr, avi.ReadAviOpen(name.c_str())) << name;
+  for (const std::string& name : names) {
+    EXPECT_EQ(nullptr, avi.ReadAviOpen(name.c_str())) << name;
+    EXPECT_EQ(name == names[3], avi.ReadAviProbe(name.c_str())) << name;  // 4 GiB: not measured
+  }
   EXPECT_EQ(nullptr, avi.ReadAviOpen(nullptr));
   EXPECT_EQ(rec.created, rec.destroyed);
   // A reader that cannot describe the span is quit, then stopped, quit and destroyed.
@@ -353,6 +384,7 @@ TEST_F(AviTest, OpenRefusesWhatItCannotServe) {
   EXPECT_EQ(nullptr, Open(10));
   EXPECT_EQ((Reads{rec.created - rec.destroyed, rec.quits - quits, rec.stops - stops}),
             (Reads{0, 2, 1}));
+  EXPECT_FALSE(avi.ReadAviProbe(Name(kT0, kT0 + 10, 1, 0).c_str()));
   uint8_t* data = nullptr;
   int32_t n = 0;
   EXPECT_EQ((Reads{avi.ReadAviClose(nullptr), static_cast<int32_t>(avi.ReadAviGetSize(nullptr)),

@@ -399,8 +399,9 @@ TEST_F(UploadEngineTest, SourcesOfEveryKind) {
   EXPECT_EQ(plain.Xclose(), 0);
   {
     CXFile avi(1, &env);
-    EXPECT_EQ((Sizes{avi.Xsize(), avi.XsizeByPath(kBadAvi), avi.Xexist(kBadAvi)}),
-              (Sizes{-1, 0, 0}));
+    EXPECT_EQ((Sizes{avi.Xsize(), avi.XsizeByPath(kBadAvi), avi.Xexist(kBadAvi),
+                     avi.Xexist(kAviName), recording.reads}),
+              (Sizes{-1, 0, 0, 1, 0}));  // existence reads no frame
     ASSERT_EQ(avi.Xopen(kAviName, "r+b"), 0);
     int readers = recording.created, size = static_cast<int>(avi.Xsize());
     ASSERT_GT(size, 4096);
@@ -457,6 +458,9 @@ TEST_F(UploadEngineTest, SendOrResumeFromTheServersSize) {
     EXPECT_EQ((Ints{held.result, held.sendTimes, engine.m_nTransState, engine.m_nBusy}),
               (Ints{c.complete, c.sentBefore + !c.complete, c.complete ? 0 : 2, 0}));
   }
+  // Ten frames: read twice by the probe, counted once for all the engine's openings of the
+  // closed recording, read by each of its three sends.
+  EXPECT_EQ(recording.reads, 10 * (2 + 1 + 3));
 }
 
 // A partial copy is appended to only once its size holds still over two listings 2 s apart

@@ -216,7 +216,7 @@ void CFtpUploadFileMng::StoreAnew(const ftpFileInfo_t& task) {
 }
 
 void CFtpUploadFileMng::ResumeFrom(const ftpFileInfo_t& task, int64_t serverSize) {
-  CXFile source(task.type, m_env);
+  CXFile source(task.type, m_env, &m_spans);
   int64_t localSize = 0;
   if (!source.XsizeIfExists(task.fullName, &localSize)) {
     WriteDbgLog(0, "\n\n%s:%d file:%s not exist!\n\n", "FileSyncProcess", 373, task.fullName);
@@ -296,7 +296,7 @@ void CFtpUploadFileMng::SendFile2FtpServer(const char* path, int mode, int64_t o
   FtpClientData_t* data = client->FtpGetClientData();
   // The source is opened first, for reading only: a source that cannot be read leaves no empty
   // file on the server, and one the service may read but not write is sent.
-  CXFile source(task.type, m_env);
+  CXFile source(task.type, m_env, &m_spans);
   if (source.Xopen(path, "rb") == -1) {
     WriteDbgLog(0, "ftp Xopen file:%s faild\n", path);
     StoreControlByte(&m_stTask.result, 2);

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "avi/read_avi.h"
 #include "platform/ftpclient.h"
 #include "platform/thread.h"
 #include "upload/ftp_records.h"
@@ -92,7 +93,10 @@ class CFtpUploadFileMng {
   std::atomic<uint8_t> m_nLastGaveUpWhy{kGaveUpConnections};
   // Stores (data connections in mode 0) of the held task since it was handed over.
   std::atomic<int> m_nStoresAnew{0};
-  CFtpClient* m_pFtpClient = nullptr;               // owned by the upload thread
+  CFtpClient* m_pFtpClient = nullptr;  // owned by the upload thread
+  // The measured lengths of closed recordings, shared by every opening of a task's sources: its
+  // send and the next pass's completeness check count its frames once between them.
+  AviSpanCache m_spans;
   ftpFileInfo_t m_stTask GUARDED_BY(m_taskLock){};  // see the sharing rules above
   CommonCthread m_thread;
   mutable CLock m_taskLock;

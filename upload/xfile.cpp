@@ -19,8 +19,13 @@ namespace {
 constexpr size_t kPlainReadBuffer = 256 * 1024;
 }  // namespace
 
-CXFile::CXFile(int type, Env* env)
-    : m_env(env), m_nType(type), m_pHandle(nullptr), m_pAviReader(nullptr), m_szPath() {}
+CXFile::CXFile(int type, Env* env, AviSpanCache* spans)
+    : m_env(env),
+      m_spans(spans),
+      m_nType(type),
+      m_pHandle(nullptr),
+      m_pAviReader(nullptr),
+      m_szPath() {}
 
 CXFile::~CXFile() {
   if (m_nType == XFILE_AVI && m_pAviReader != nullptr) {
@@ -33,11 +38,7 @@ int CXFile::Xexist(const char* path) {
   if (m_nType == XFILE_NORMAL) return file_exist(path);
   if (m_nType != XFILE_AVI) return 0;
   if (m_pHandle != nullptr) return 1;
-  CReadAvi reader(m_env);
-  AviFileInfo_t* h = reader.ReadAviOpen(path);
-  if (h == nullptr) return 0;
-  reader.ReadAviClose(h);
-  return 1;
+  return CReadAvi(m_env).ReadAviProbe(path) ? 1 : 0;
 }
 
 int CXFile::Xopen(const char* path, const char* mode) {
@@ -64,7 +65,7 @@ int CXFile::Xopen(const char* path, const char* mode) {
     return 0;
   }
   if (m_nType != XFILE_AVI) return -1;
-  if (m_pAviReader == nullptr) m_pAviReader = new (std::nothrow) CReadAvi(m_env);
+  if (m_pAviReader == nullptr) m_pAviReader = new (std::nothrow) CReadAvi(m_env, m_spans);
   if (m_pAviReader == nullptr) return -1;
   m_pHandle = m_pAviReader->ReadAviOpen(m_szPath);
   return m_pHandle != nullptr ? 0 : -1;
@@ -90,7 +91,7 @@ int64_t CXFile::XsizeByPath(const char* path) {
     return st.st_size;
   }
   if (m_nType != XFILE_AVI) return 0;
-  CReadAvi reader(m_env);
+  CReadAvi reader(m_env, m_spans);
   AviFileInfo_t* h = reader.ReadAviOpen(path);
   int64_t size = h != nullptr ? reader.ReadAviGetSize(h) : 0;
   reader.ReadAviClose(h);
@@ -99,7 +100,7 @@ int64_t CXFile::XsizeByPath(const char* path) {
 
 bool CXFile::XsizeIfExists(const char* path, int64_t* size) {
   if (m_nType == XFILE_AVI && m_pHandle == nullptr) {
-    CReadAvi reader(m_env);
+    CReadAvi reader(m_env, m_spans);
     AviFileInfo_t* h = reader.ReadAviOpen(path);
     if (h == nullptr) return false;
     *size = reader.ReadAviGetSize(h);

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 
+class AviSpanCache;
 class CReadAvi;
 class Env;
 struct AviFileInfo_t;
@@ -18,13 +19,15 @@ enum XFILE_TYPE_E {
 class CXFile {
  public:
   // type 0 plain, 1 recording (read through env's recorder status and frame store); any
-  // other: every operation fails. env must outlive the source.
-  CXFile(int type, Env* env);
+  // other: every operation fails. env must outlive the source, and so must spans, where the
+  // measured lengths of closed recordings are kept when it is given.
+  CXFile(int type, Env* env, AviSpanCache* spans = nullptr);
   ~CXFile();  // releases a recording's stream; a plain file needs Xclose
   CXFile(const CXFile&) = delete;
   CXFile& operator=(const CXFile&) = delete;
 
-  int Xexist(const char* path);  // 1 when the file (recording) can be found
+  // 1 when the file (recording) can be found; a recording's frames are not read for it.
+  int Xexist(const char* path);
   // 0 or -1. A plain file is opened only when it is a regular file, and without waiting (a
   // FIFO or device is refused at once); for reading only unless mode asks to write ("+", "w",
   // "a"), so that a file the service may read but not write can be sent.
@@ -41,6 +44,7 @@ class CXFile {
   const char* XgetPath();  // the open path, or null
 
   Env* const m_env;
+  AviSpanCache* const m_spans;
   int32_t m_nType;
   void* m_pHandle;         // FILE* or AviFileInfo_t*
   CReadAvi* m_pAviReader;  // owned; recordings only

@@ -174,6 +174,7 @@ class FakeReadDisk : public CReadDisk {
     if (h == nullptr || h->first >= Rec()->frames.size()) return -1;
     if (Rec()->failAfter >= 0 && h->second++ >= Rec()->failAfter) return -1;
     const FakeFrame& f = Rec()->frames[h->first++];
+    ++Rec()->reads;
     *info = {f.time_us, f.type, 0, static_cast<uint32_t>(f.data.size()), 0, {}};
     *data = malloc(f.data.size() + 1);
     if (!f.data.empty()) memcpy(*data, f.data.data(), f.data.size());

@@ -282,8 +282,8 @@ class FakeRecording {
   std::vector<FakeFrame> frames;  // in time order
   bool failGetInfo = false;       // fault switch
   int failAfter = -1;  // a started read reports no frame after this many frames (-1: never)
-  // What the stream did with the readers.
-  int created = 0, destroyed = 0, quits = 0, stops = 0;
+  // What the stream did with the readers; reads: frames delivered.
+  int created = 0, destroyed = 0, quits = 0, stops = 0, reads = 0;
   std::vector<PartAccess_t> inits;
   std::vector<RecordItem_t> starts;
 
