@@ -530,9 +530,8 @@ TEST(UploadEngineFaultsTest, PassesThatEndEarly) {
     b.mng.CheckDiskState(100);
     char self[4096] = {};  // the program's own file (under an emulator too, unlike the link)
     ASSERT_GT(readlink("/proc/self/exe", self, sizeof(self) - 1), 0);
-    std::string path = c.size == kSelf
-                           ? self
-                           : b.File("src.bin", Bytes(std::clamp<int64_t>(c.size, 1, 100000)));
+    std::string path =
+        c.size == kSelf ? self : b.File("src.bin", Bytes(std::clamp<int64_t>(c.size, 1, 100000)));
     EXPECT_EQ(c.size >= 0 ? truncate(path.c_str(), c.size) : 0, 0);  // sparse beyond 100000
     struct stat st {};
     stat(path.c_str(), &st);
