@@ -5,7 +5,7 @@ import json
 import os
 import unittest
 
-from harness import FtpServer, ServiceTest, Watch, db_rows, velmarctl, wait_until, write
+from harness import FtpServer, ServiceTest, Watch, db_rows, read, velmarctl, wait_until, write
 
 
 class RequestTest(ServiceTest):
@@ -56,9 +56,9 @@ class RequestTest(ServiceTest):
                         self.velmar.log()[-3000:])
         self.assertIn("fifo.xml refused: not a regular file", self.velmar.log())
         self.ctl("command", "--file", cmd)
-        self.assertTrue(wait_until(lambda: os.path.exists(marker), 40), self.velmar.log())
-        with open(marker) as f:
-            self.assertEqual(f.read(), "ran\n")
+        # The shell makes the file before it writes into it: wait for what it writes.
+        self.assertTrue(wait_until(lambda: os.path.exists(marker) and read(marker) == "ran\n", 40),
+                        self.velmar.log())
 
     def test_queue_and_status_follow_the_sends(self):
         # Five files to a server that reads 1 MiB/s (the first of 24 MiB, so that its send is
