@@ -60,6 +60,9 @@ void CFtpCtrlMng::ScheduleTask(uint32_t seconds) {
   if (seconds != m_lastPublished) {
     PublishState(seconds);
     FlushRefusals();
+    // A database lost under the service gets the queue written back within a second, not only
+    // at the next disk check: a power cut in between would lose every queued task.
+    RestoreRemade();
   }
   if (CurDisk().id == 0) return;
   if (seconds != m_lastSecond && !UpdateNetwork(seconds)) return;

@@ -158,6 +158,17 @@ TEST_F(UploadControlTest, DiskSlotsAndTheCurrentDisk) {
 }
 
 // A disk loads when it comes or moves (queued tasks not twice); an empty queue reloads every 30 s.
+// A database deleted under the service gets the queue back at the next second's pass of the
+// scheduler, not only at the next disk check five seconds later.
+TEST_F(UploadControlTest, ALostDatabaseGetsTheQueueBackWithinASecond) {
+  std::string sd1 = AddDisk(1, "/mnt/sd1");
+  mng.CheckDiskState(100);
+  EXPECT_EQ((Ints{Admit(1, File("a")), Admit(2, File("b"))}), (Ints{0, 0}));
+  ASSERT_EQ(unlink((sd1 + "/new_file_op.db").c_str()), 0);
+  mng.ScheduleTask(101);
+  EXPECT_EQ(Seqs(sd1), (Ints{1, 2}));
+}
+
 TEST_F(UploadControlTest, WhenDisksAreLoaded) {
   std::string sd1 = AddDisk(1, "/mnt/sd1"), moved = root.path() + "/mnt/sd1b";
   mng.CheckDiskState(100);  // loads (nothing) and counts as the reload
