@@ -42,6 +42,13 @@ int SlotOf(int id) {
   }
 }
 
+// True when one of rows is the task of the file at path.
+bool HasPath(const std::list<__ftp_log>& rows, const char* path) {
+  return std::any_of(rows.begin(), rows.end(), [path](const __ftp_log& row) {
+    return strncmp(row.fullpath, path, sizeof(row.fullpath)) == 0;
+  });
+}
+
 int Clamp8(int32_t count) { return count < 0 ? 0 : (count > 8 ? 8 : count); }
 
 // Fills the slot directories from the mount lists: usage 18 for types 1, 6, 5, 7, 8 and
@@ -188,10 +195,7 @@ void CFtpCtrlMng::RestoreRemade() {
     if (db->OpenTable(dir.c_str()) == 0) db->SearchAll(stored);
     CAutoLock guard(&m_lock);
     for (const ftpFileInfo_t& task : m_taskList) {
-      bool found = std::any_of(stored.begin(), stored.end(), [&](const __ftp_log& row) {
-        return strncmp(row.fullpath, task.fullName, sizeof(row.fullpath)) == 0;
-      });
-      if (found) continue;
+      if (HasPath(stored, task.fullName)) continue;
       rows.emplace_back();
       RowFromRecord(task, &rows.back());
     }
@@ -199,11 +203,7 @@ void CFtpCtrlMng::RestoreRemade() {
     if (!rows.empty() && db->InsertMore(rows) < 0) {
       m_unsaved.splice(m_unsaved.end(), rows);  // written at the next checks, to the current disk
     }
-    m_unsaved.remove_if([&](const __ftp_log& row) {  // stored now
-      return std::any_of(rows.begin(), rows.end(), [&](const __ftp_log& written) {
-        return strncmp(row.fullpath, written.fullpath, sizeof(row.fullpath)) == 0;
-      });
-    });
+    m_unsaved.remove_if([&](const __ftp_log& row) { return HasPath(rows, row.fullpath); });
     db->m_bTabOpen = 0;  // the next intake reopens the current disk
     WriteDbgLog(2, "task database on %s was made anew: %zu queued tasks written to it again\n",
                 dir.c_str(), count);

@@ -47,6 +47,10 @@ void ApplyAttribute(const TiXmlAttribute* a, FtpFileItem_t* item) {
 
 }  // namespace
 
+bool IsFileListEntry(const TiXmlElement* e) {
+  return strstr(e->Value(), "FILE") != nullptr && e->GetText() != nullptr;
+}
+
 void LogLoadFailed(const char* path, const std::string& why) {
   WriteDbgLog(0, "LoadFile %s Failed\n", path);
   WriteDbgLog(0, "LoadFile: %s\n", why.c_str());
@@ -94,8 +98,8 @@ int CFtpMaintainMng::ParseFileListText(const char* path, const std::string& byte
   int before = list->count;
   for (const TiXmlElement* e = root->FirstChildElement(); e != nullptr;
        e = e->NextSiblingElement()) {
+    if (!IsFileListEntry(e)) continue;
     const char* text = e->GetText();
-    if (strstr(e->Value(), "FILE") == nullptr || text == nullptr) continue;
     FtpFileItem_t* grown = static_cast<FtpFileItem_t*>(
         realloc(list->pItems, sizeof(FtpFileItem_t) * static_cast<size_t>(list->count + 1)));
     if (grown == nullptr) continue;

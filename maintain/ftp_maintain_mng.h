@@ -9,6 +9,7 @@
 #include "platform/thread.h"
 
 class Env;
+class TiXmlElement;
 
 enum FTP_FILE_TYPE_E {
   FTP_FILE_UPGRADE = 1,  // firmware package, "*.sw"
@@ -147,6 +148,9 @@ class CFtpMaintainMng {
 
 // Empties a list (count, index 0; array freed). Caller holds the manager's lock.
 void ClearFileList(FtpFileList_t* list);
+// True when e is an entry of a file list: its name contains "FILE" and it has text (the file
+// name on the server).
+bool IsFileListEntry(const TiXmlElement* e);
 // Logs that the XML document at path cannot be used: the fixed line, then the reason in a line
 // of its own.
 void LogLoadFailed(const char* path, const std::string& why);

@@ -107,6 +107,11 @@ bool JudgeFileList(const char* listPath, std::string* bytes, std::string* why) {
   return true;
 }
 
+bool EntryNamesSha256(const FtpFileItem_t& item) {
+  std::string hex;
+  return NamedDigest(item, &hex) == Digest::kNamed;
+}
+
 bool EntryIsVerifiable(const FtpFileItem_t& item, std::string* why) {
   std::string hex;
   switch (NamedDigest(item, &hex)) {

@@ -36,6 +36,9 @@ bool JudgeFileList(const char* listPath, std::string* bytes, std::string* why);
 // its file's SHA-256 as "sha256:<64 hex digits>". False with *why.
 bool EntryIsVerifiable(const FtpFileItem_t& item, std::string* why);
 
+// True when the entry names its file's SHA-256 as "sha256:<64 hex digits>" (any case).
+bool EntryNamesSha256(const FtpFileItem_t& item);
+
 // Judges a downloaded file against its entry: the entry's SHA-256, when it names one, must be
 // the file's. True when it may be used; false with *why (the caller deletes the copy).
 bool JudgeDownload(const FtpFileItem_t& item, const char* localPath, std::string* why);

@@ -16,6 +16,10 @@ int getfilesize(const char* path);
 // close-on-exec; or -1 with *why (when not null) saying what was wrong. Every file the
 // service reads that may come from outside is opened through here.
 int OpenRegularFile(const char* path, int flags, std::string* why);
+// True only when nothing at all is at path, not even a dangling link: the one case in which a
+// setting file (TLS policy, trust keys, kept serial) counts as absent. Anything else that is
+// there but cannot be read must be refused, never read as "no setting".
+bool NothingAt(const char* path);
 // Creates (or empties) the regular file at path for writing, mode 0644, without following a
 // symbolic link and without waiting on a FIFO. A descriptor with close-on-exec, or -1 with
 // *why.

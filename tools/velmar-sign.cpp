@@ -10,7 +10,10 @@
 #include <cstring>
 #include <string>
 
+#include "maintain/ftp_maintain_mng.h"
+#include "maintain/trust_gate.h"
 #include "platform/fileutil.h"
+#include "platform/text.h"
 #include "platform/trust.h"
 #include "platform/xml_file.h"
 
@@ -54,10 +57,6 @@ void SetMatching(TiXmlElement* e, const char* part, const std::string& value) {
   if (!set) e->SetAttribute(part, value.c_str());
 }
 
-bool IsEntry(const TiXmlElement* e) {
-  return strstr(e->Value(), "FILE") != nullptr && e->GetText() != nullptr;
-}
-
 int Fill(const char* list, const char* serial) {
   TiXmlDocument doc;
   std::string why;
@@ -76,7 +75,7 @@ int Fill(const char* list, const char* serial) {
     root->SetAttribute("serial", serial);
   }
   for (TiXmlElement* e = root->FirstChildElement(); e != nullptr; e = e->NextSiblingElement()) {
-    if (!IsEntry(e)) continue;
+    if (!IsFileListEntry(e)) continue;
     std::string path = Beside(list, e->GetText());
     std::string hex;
     if (!Sha256OfFile(path.c_str(), &hex, &why)) {
@@ -135,8 +134,10 @@ int Verify(const char* list, const char* trustPath) {
   int unverifiable = 0;
   for (const TiXmlElement* e = root->FirstChildElement(); e != nullptr;
        e = e->NextSiblingElement()) {
+    FtpFileItem_t item{};
     const char* crc = e->Attribute("crcvalue");
-    if (IsEntry(e) && (crc == nullptr || strncmp(crc, "sha256:", 7) != 0)) {
+    CopyText(item.CrcValue, sizeof(item.CrcValue), crc != nullptr ? crc : "");
+    if (IsFileListEntry(e) && !EntryNamesSha256(item)) {
       fprintf(stderr, "velmar-sign: entry %s has no sha256 value: a recorder refuses it\n",
               e->GetText());
       ++unverifiable;

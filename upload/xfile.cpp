@@ -85,30 +85,23 @@ int64_t CXFile::Xsize() {
 }
 
 int64_t CXFile::XsizeByPath(const char* path) {
-  if (m_nType == XFILE_NORMAL) {
-    struct stat st;
-    if (path == nullptr || stat(path, &st) != 0) return 0;
-    return st.st_size;
-  }
-  if (m_nType != XFILE_AVI) return 0;
-  CReadAvi reader(m_env, m_spans);
-  AviFileInfo_t* h = reader.ReadAviOpen(path);
-  int64_t size = h != nullptr ? reader.ReadAviGetSize(h) : 0;
-  reader.ReadAviClose(h);
-  return size;
+  int64_t size = 0;
+  return XsizeIfExists(path, &size) ? size : 0;
 }
 
 bool CXFile::XsizeIfExists(const char* path, int64_t* size) {
-  if (m_nType == XFILE_AVI && m_pHandle == nullptr) {
-    CReadAvi reader(m_env, m_spans);
-    AviFileInfo_t* h = reader.ReadAviOpen(path);
-    if (h == nullptr) return false;
-    *size = reader.ReadAviGetSize(h);
-    reader.ReadAviClose(h);
+  if (m_nType == XFILE_NORMAL) {
+    struct stat st;
+    if (path == nullptr || stat(path, &st) != 0 || !S_ISREG(st.st_mode)) return false;
+    *size = st.st_size;
     return true;
   }
-  if (Xexist(path) != 1) return false;
-  *size = XsizeByPath(path);
+  if (m_nType != XFILE_AVI) return false;
+  CReadAvi reader(m_env, m_spans);
+  AviFileInfo_t* h = reader.ReadAviOpen(path);
+  if (h == nullptr) return false;
+  *size = reader.ReadAviGetSize(h);
+  reader.ReadAviClose(h);
   return true;
 }
 

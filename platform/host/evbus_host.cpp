@@ -10,7 +10,6 @@
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -23,6 +22,7 @@
 #include <string>
 
 #include "platform/byteorder.h"
+#include "platform/clock.h"
 #include "platform/evbus.h"
 #include "platform/fileutil.h"
 #include "platform/host/atomic_file.h"
@@ -147,18 +147,14 @@ class HostPublisher {
     if (sock < 0) return false;
     bool sent = false;
     if (connect(sock, reinterpret_cast<const sockaddr*>(&addr), addrLen) == 0) {
-      timespec start;
-      clock_gettime(CLOCK_MONOTONIC, &start);
+      const int64_t start = msecdiff(0);
       for (;;) {
         ssize_t n = send(sock, datagram, static_cast<size_t>(size), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (n >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) {
           sent = n == size;
           break;
         }
-        timespec now;
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        int64_t left = kFullWaitMs - ((now.tv_sec - start.tv_sec) * 1000 +
-                                      (now.tv_nsec - start.tv_nsec) / 1000000);
+        int64_t left = kFullWaitMs - msecdiff(static_cast<uint64_t>(start));
         if (left <= 0) break;
         pollfd pfd{sock, POLLOUT, 0};
         poll(&pfd, 1, static_cast<int>(left));

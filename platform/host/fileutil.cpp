@@ -179,39 +179,11 @@ int getfilesize(const char* path) {
   return st.st_size > INT_MAX ? INT_MAX : static_cast<int>(st.st_size);
 }
 
-int OpenRegularFile(const char* path, int flags, std::string* why) {
-  std::string ignored;
-  if (why == nullptr) why = &ignored;
-  if (path == nullptr) {
-    *why = "no path";
-    return -1;
-  }
-  // O_NONBLOCK: opening a FIFO must not wait for a writer; it is cleared again below.
-  int fd = open(path, (flags & ~O_CREAT) | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-  if (fd < 0) {
-    *why = strerror(errno);
-    return -1;
-  }
-  struct stat st;
-  if (fstat(fd, &st) != 0) {
-    *why = strerror(errno);
-  } else if (!S_ISREG(st.st_mode)) {
-    *why = "not a regular file";
-  } else if (fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0) {
-    *why = strerror(errno);
-  } else {
-    return fd;
-  }
-  close(fd);
-  return -1;
-}
+namespace {
 
-int CreateRegularFile(const char* path, std::string* why) {
-  if (path == nullptr) {
-    *why = "no path";
-    return -1;
-  }
-  int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
+// Keeps fd when it is a regular file, back in blocking mode; otherwise closes it. fd or -1,
+// with *why.
+int KeepIfRegular(int fd, std::string* why) {
   struct stat st;
   if (fd < 0 || fstat(fd, &st) != 0) {
     *why = strerror(errno);
@@ -224,6 +196,33 @@ int CreateRegularFile(const char* path, std::string* why) {
   }
   if (fd >= 0) close(fd);
   return -1;
+}
+
+}  // namespace
+
+int OpenRegularFile(const char* path, int flags, std::string* why) {
+  std::string ignored;
+  if (why == nullptr) why = &ignored;
+  if (path == nullptr) {
+    *why = "no path";
+    return -1;
+  }
+  // O_NONBLOCK: opening a FIFO must not wait for a writer; it is cleared again for the file.
+  return KeepIfRegular(open(path, (flags & ~O_CREAT) | O_NONBLOCK | O_CLOEXEC | O_NOCTTY), why);
+}
+
+int CreateRegularFile(const char* path, std::string* why) {
+  if (path == nullptr) {
+    *why = "no path";
+    return -1;
+  }
+  return KeepIfRegular(
+      open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644), why);
+}
+
+bool NothingAt(const char* path) {
+  struct stat st;
+  return path != nullptr && lstat(path, &st) != 0 && errno == ENOENT;
 }
 
 bool ReadRegularFile(const char* path, size_t maxBytes, std::string* out, std::string* why) {

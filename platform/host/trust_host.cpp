@@ -86,8 +86,7 @@ std::string Hex(const unsigned char* bytes, size_t n) {
 }  // namespace
 
 TrustFile ReadTrustFile(const char* path, std::string* pem, std::string* why) {
-  struct stat st;
-  if (lstat(path, &st) != 0 && errno == ENOENT) return TrustFile::kAbsent;
+  if (NothingAt(path)) return TrustFile::kAbsent;
   if (!ReadRegularFile(path, kTrustMaxBytes, pem, why)) return TrustFile::kBroken;
   std::vector<Pkey> keys;
   if (!ParsePublicKeys(*pem, &keys, why)) return TrustFile::kBroken;
@@ -176,9 +175,8 @@ std::string Sha256OfText(const std::string& data) {
 
 bool ReadAcceptedSerial(int64_t* serial, std::string* why) {
   std::string path = RootedPath(kMaintainSerialFile);
-  struct stat st;
   *serial = 0;
-  if (lstat(path.c_str(), &st) != 0 && errno == ENOENT) return true;
+  if (NothingAt(path.c_str())) return true;
   std::string text;
   if (!ReadRegularFile(path.c_str(), kSerialMaxBytes, &text, why)) return false;
   char* end = nullptr;

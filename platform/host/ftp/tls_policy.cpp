@@ -119,8 +119,8 @@ Cached g_policy GUARDED_BY(g_policyLock);
 // What identifies one version of the file at path (also a broken one): "" when it does not
 // exist at all. A link is followed for its target's version.
 std::string Signature(const std::string& path) {
+  if (NothingAt(path.c_str())) return "";
   struct stat st;
-  if (lstat(path.c_str(), &st) != 0 && errno == ENOENT) return "";
   char sig[160];
   if (stat(path.c_str(), &st) != 0) {
     snprintf(sig, sizeof(sig), "error %d", errno);
