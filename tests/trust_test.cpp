@@ -38,6 +38,9 @@ TEST(TrustGateTest, FileListsNeedATrustedSignatureAndNoLowerSerial) {
   const std::string newer = "<FileList serial=\"9\"><FILE>a.sw</FILE></FileList>";
   const std::string unnumbered = "<FileList><FILE>a.sw</FILE></FileList>";
   const std::string pubs = std::string(kTestPubA) + kTestPubB;
+  const std::string ed448 =
+      "-----BEGIN PUBLIC KEY-----\nMEMwBQYDK2VxAzoAGSbsYFaooSkpONlsYMepW5IByLuFEFgJ66dGtTlsGpsEUMKq"
+      "mxn2gglKDAIax0GGIdCBXvCEzQkA\n-----END PUBLIC KEY-----\n";
   struct Row {
     const char* what;
     std::string trust;             // "-": no trust file; "dir": a directory in its place
@@ -50,7 +53,12 @@ TEST(TrustGateTest, FileListsNeedATrustedSignatureAndNoLowerSerial) {
       {"signed by the key", kTestPubA, list, Sign(kTestKeyA, list), "-", true, "7\n"},
       {"signed by the second key", pubs, list, Sign(kTestKeyB, list), "7\n", true, "7\n"},
       {"unsigned", kTestPubA, list, "", "-", false, "-"},
+      {"signed by an EC key", pubs + kTestPubEc, list, Sign(kTestKeyEc, list), "-", true, "7\n"},
       {"signed by an unknown key", kTestPubA, list, Sign(kTestKeyB, list), "-", false, "-"},
+      {"an EC key's signature over other bytes", kTestPubEc, list, Sign(kTestKeyEc, other), "-",
+       false, "-"},
+      {"a key velmar cannot check (Ed448)", pubs + ed448, list, Sign(kTestKeyA, list), "-", false,
+       "-"},
       {"changed after signing", kTestPubA, list, Sign(kTestKeyA, other), "-", false, "-"},
       {"a lower serial", kTestPubA, old, Sign(kTestKeyA, old), "7\n", false, "7\n"},
       {"no serial after a serial", kTestPubA, unnumbered, Sign(kTestKeyA, unnumbered), "7\n", false,

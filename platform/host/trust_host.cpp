@@ -1,9 +1,11 @@
 #include <errno.h>
 #include <fcntl.h>
-#include <openssl/bio.h>
-#include <openssl/crypto.h>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
+#include <mbedtls/base64.h>
+#include <mbedtls/ctr_drbg.h>
+#include <mbedtls/entropy.h>
+#include <mbedtls/pk.h>
+#include <mbedtls/sha256.h>
+#include <sodium.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -27,48 +29,147 @@ constexpr size_t kTrustMaxBytes = 64 * 1024;
 constexpr size_t kSerialMaxBytes = 64;
 constexpr const char* kPemBegin = "-----BEGIN ";
 
-struct PkeyFree {
-  void operator()(EVP_PKEY* k) const { EVP_PKEY_free(k); }
-};
-using Pkey = std::unique_ptr<EVP_PKEY, PkeyFree>;
+// The fixed DER forms of Ed25519 and Ed448 keys (RFC 8410): these prefixes, then the key.
+const unsigned char kEd25519Public[] = {0x30, 0x2a, 0x30, 0x05, 0x06, 0x03,
+                                        0x2b, 0x65, 0x70, 0x03, 0x21, 0x00};
+const unsigned char kEd25519Private[] = {0x30, 0x2e, 0x02, 0x01, 0x00, 0x30, 0x05, 0x06,
+                                         0x03, 0x2b, 0x65, 0x70, 0x04, 0x22, 0x04, 0x20};
+const unsigned char kEd448Public[] = {0x30, 0x43, 0x30, 0x05, 0x06, 0x03,
+                                      0x2b, 0x65, 0x71, 0x03, 0x3a, 0x00};
+constexpr size_t kEdKeyBytes = 32;
 
-// Every public key of the PEM text; false unless each "-----BEGIN " block is one.
-bool ParsePublicKeys(const std::string& pem, std::vector<Pkey>* keys, std::string* why) {
-  size_t blocks = 0;
-  for (size_t at = pem.find(kPemBegin); at != std::string::npos; at = pem.find(kPemBegin, at + 1)) {
-    ++blocks;
+// One key that may sign a list: Ed25519 (its 32 bytes) or RSA/EC (parsed).
+struct PublicKey {
+  PublicKey() { mbedtls_pk_init(&pk); }
+  ~PublicKey() { mbedtls_pk_free(&pk); }
+  PublicKey(const PublicKey&) = delete;
+  PublicKey& operator=(const PublicKey&) = delete;
+
+  std::string ed25519;  // empty for an RSA or EC key
+  mbedtls_pk_context pk;
+};
+using Keys = std::vector<std::unique_ptr<PublicKey>>;
+
+bool StartsWith(const std::vector<unsigned char>& der, const unsigned char* prefix, size_t n,
+                size_t total) {
+  return der.size() == total && memcmp(der.data(), prefix, n) == 0;
+}
+
+// The DER bytes of the PEM block of the given label that starts at pem[at]; false when the
+// block is of another label, unterminated or not base64.
+bool PemBlock(const std::string& pem, size_t at, const std::string& label,
+              std::vector<unsigned char>* der) {
+  std::string begin = "-----BEGIN " + label + "-----";
+  std::string end = "-----END " + label + "-----";
+  if (pem.compare(at, begin.size(), begin) != 0) return false;
+  size_t body = at + begin.size();
+  size_t stop = pem.find(end, body);
+  if (stop == std::string::npos) return false;
+  std::string text;
+  for (size_t i = body; i < stop; ++i) {
+    if (pem[i] != '\n' && pem[i] != '\r') text += pem[i];
   }
-  BIO* bio = BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()));
-  if (bio == nullptr) {
-    *why = "out of memory";
+  const auto* in = reinterpret_cast<const unsigned char*>(text.data());
+  size_t len = 0;
+  der->resize(text.size());
+  if (mbedtls_base64_decode(der->data(), der->size(), &len, in, text.size()) != 0 || len == 0) {
     return false;
   }
-  for (;;) {
-    EVP_PKEY* key = PEM_read_bio_PUBKEY(bio, nullptr, nullptr, nullptr);
-    if (key == nullptr) break;
-    keys->emplace_back(key);
-  }
-  BIO_free(bio);
-  if (keys->empty()) {
-    *why = "no public key in PEM form";
+  der->resize(len);
+  return true;
+}
+
+// The public key of one PEM block; false with *why.
+bool ParsePublicKey(const std::string& pem, size_t at, PublicKey* key, std::string* why) {
+  std::vector<unsigned char> der;
+  if (!PemBlock(pem, at, "PUBLIC KEY", &der)) {
+    *why = "a PEM block that is not a public key";
     return false;
   }
-  if (keys->size() != blocks) {
+  if (StartsWith(der, kEd25519Public, sizeof(kEd25519Public),
+                 sizeof(kEd25519Public) + kEdKeyBytes)) {
+    key->ed25519.assign(der.end() - kEdKeyBytes, der.end());
+    return true;
+  }
+  if (StartsWith(der, kEd448Public, sizeof(kEd448Public), sizeof(kEd448Public) + 57)) {
+    *why = "an Ed448 key, which velmar cannot check (use Ed25519, RSA or EC)";
+    return false;
+  }
+  if (mbedtls_pk_parse_public_key(&key->pk, der.data(), der.size()) != 0) {
     *why = "a PEM block that is not a public key";
     return false;
   }
   return true;
 }
 
-bool VerifyWith(EVP_PKEY* key, const std::string& data, const std::string& sig) {
-  EVP_MD_CTX* ctx = EVP_MD_CTX_new();
-  if (ctx == nullptr) return false;
-  int id = EVP_PKEY_get_base_id(key);
-  const EVP_MD* md = (id == EVP_PKEY_ED25519 || id == EVP_PKEY_ED448) ? nullptr : EVP_sha256();
-  bool ok = EVP_DigestVerifyInit(ctx, nullptr, md, nullptr, key) == 1 &&
-            EVP_DigestVerify(ctx, reinterpret_cast<const unsigned char*>(sig.data()), sig.size(),
-                             reinterpret_cast<const unsigned char*>(data.data()), data.size()) == 1;
-  EVP_MD_CTX_free(ctx);
+// Every public key of the PEM text; false unless each "-----BEGIN " block is one.
+bool ParsePublicKeys(const std::string& pem, Keys* keys, std::string* why) {
+  for (size_t at = pem.find(kPemBegin); at != std::string::npos; at = pem.find(kPemBegin, at + 1)) {
+    keys->emplace_back(new PublicKey);
+    if (!ParsePublicKey(pem, at, keys->back().get(), why)) return false;
+  }
+  if (keys->empty()) {
+    *why = "no public key in PEM form";
+    return false;
+  }
+  return true;
+}
+
+bool Sha256(const std::string& data, unsigned char digest[32]) {
+  return mbedtls_sha256_ret(reinterpret_cast<const unsigned char*>(data.data()), data.size(),
+                            digest, 0) == 0;
+}
+
+bool VerifyWith(const PublicKey& key, const std::string& data, const std::string& sig) {
+  const auto* sigBytes = reinterpret_cast<const unsigned char*>(sig.data());
+  if (!key.ed25519.empty()) {
+    return sodium_init() >= 0 && sig.size() == crypto_sign_BYTES &&
+           crypto_sign_verify_detached(
+               sigBytes, reinterpret_cast<const unsigned char*>(data.data()), data.size(),
+               reinterpret_cast<const unsigned char*>(key.ed25519.data())) == 0;
+  }
+  unsigned char digest[32];
+  return Sha256(data, digest) &&
+         mbedtls_pk_verify(const_cast<mbedtls_pk_context*>(&key.pk), MBEDTLS_MD_SHA256, digest,
+                           sizeof(digest), sigBytes, sig.size()) == 0;
+}
+
+bool SignEd25519(const std::vector<unsigned char>& der, const std::string& data, std::string* sig) {
+  unsigned char pk[crypto_sign_PUBLICKEYBYTES];
+  unsigned char sk[crypto_sign_SECRETKEYBYTES];
+  unsigned char out[crypto_sign_BYTES];
+  bool ok = sodium_init() >= 0 &&
+            crypto_sign_seed_keypair(pk, sk, der.data() + sizeof(kEd25519Private)) == 0 &&
+            crypto_sign_detached(out, nullptr, reinterpret_cast<const unsigned char*>(data.data()),
+                                 data.size(), sk) == 0;
+  sodium_memzero(sk, sizeof(sk));
+  if (ok) sig->assign(reinterpret_cast<const char*>(out), sizeof(out));
+  return ok;
+}
+
+// RSA (PKCS#1 v1.5) or ECDSA over the SHA-256 of data, with the key in pem (any PEM form the
+// library reads).
+bool SignWithPk(const std::string& pem, const std::string& data, std::string* sig) {
+  mbedtls_pk_context pk;
+  mbedtls_entropy_context entropy;
+  mbedtls_ctr_drbg_context drbg;
+  mbedtls_pk_init(&pk);
+  mbedtls_entropy_init(&entropy);
+  mbedtls_ctr_drbg_init(&drbg);
+  unsigned char digest[32];
+  unsigned char out[MBEDTLS_PK_SIGNATURE_MAX_SIZE];
+  size_t len = 0;
+  // The library reads PEM only with its final NUL counted.
+  bool ok = mbedtls_pk_parse_key(&pk, reinterpret_cast<const unsigned char*>(pem.c_str()),
+                                 pem.size() + 1, nullptr, 0) == 0 &&
+            mbedtls_ctr_drbg_seed(&drbg, mbedtls_entropy_func, &entropy, nullptr, 0) == 0 &&
+            Sha256(data, digest) &&
+            mbedtls_pk_sign(&pk, MBEDTLS_MD_SHA256, digest, sizeof(digest), out, &len,
+                            mbedtls_ctr_drbg_random, &drbg) == 0;
+  if (ok) sig->assign(reinterpret_cast<const char*>(out), len);
+  mbedtls_ctr_drbg_free(&drbg);
+  mbedtls_entropy_free(&entropy);
+  mbedtls_pk_free(&pk);
   return ok;
 }
 
@@ -88,17 +189,17 @@ std::string Hex(const unsigned char* bytes, size_t n) {
 TrustFile ReadTrustFile(const char* path, std::string* pem, std::string* why) {
   if (NothingAt(path)) return TrustFile::kAbsent;
   if (!ReadRegularFile(path, kTrustMaxBytes, pem, why)) return TrustFile::kBroken;
-  std::vector<Pkey> keys;
+  Keys keys;
   if (!ParsePublicKeys(*pem, &keys, why)) return TrustFile::kBroken;
   return TrustFile::kKeys;
 }
 
 bool VerifyDetachedSignature(const std::string& pem, const std::string& data,
                              const std::string& sig, std::string* why) {
-  std::vector<Pkey> keys;
+  Keys keys;
   if (!ParsePublicKeys(pem, &keys, why)) return false;
-  for (const Pkey& key : keys) {
-    if (VerifyWith(key.get(), data, sig)) return true;
+  for (const auto& key : keys) {
+    if (VerifyWith(*key, data, sig)) return true;
   }
   *why = "no trusted key made this signature";
   return false;
@@ -106,37 +207,28 @@ bool VerifyDetachedSignature(const std::string& pem, const std::string& data,
 
 bool SignDetached(const std::string& privatePem, const std::string& data, std::string* sig,
                   std::string* why) {
-  BIO* bio = BIO_new_mem_buf(privatePem.data(), static_cast<int>(privatePem.size()));
-  Pkey key(bio != nullptr ? PEM_read_bio_PrivateKey(bio, nullptr, nullptr, nullptr) : nullptr);
-  BIO_free(bio);
-  if (!key) {
-    *why = "no private key in PEM form";
-    return false;
+  size_t at = privatePem.find(kPemBegin);
+  std::vector<unsigned char> der;
+  bool ok;
+  if (at != std::string::npos && PemBlock(privatePem, at, "PRIVATE KEY", &der) &&
+      StartsWith(der, kEd25519Private, sizeof(kEd25519Private),
+                 sizeof(kEd25519Private) + kEdKeyBytes)) {
+    ok = SignEd25519(der, data, sig);
+    sodium_memzero(der.data(), der.size());
+  } else {
+    ok = SignWithPk(privatePem, data, sig);
   }
-  EVP_MD_CTX* ctx = EVP_MD_CTX_new();
-  int id = EVP_PKEY_get_base_id(key.get());
-  const EVP_MD* md = (id == EVP_PKEY_ED25519 || id == EVP_PKEY_ED448) ? nullptr : EVP_sha256();
-  const auto* bytes = reinterpret_cast<const unsigned char*>(data.data());
-  size_t len = 0;
-  bool ok = ctx != nullptr && EVP_DigestSignInit(ctx, nullptr, md, nullptr, key.get()) == 1 &&
-            EVP_DigestSign(ctx, nullptr, &len, bytes, data.size()) == 1;
-  if (ok) {
-    sig->resize(len);
-    ok = EVP_DigestSign(ctx, reinterpret_cast<unsigned char*>(&(*sig)[0]), &len, bytes,
-                        data.size()) == 1;
-    sig->resize(len);
-  }
-  EVP_MD_CTX_free(ctx);
-  if (!ok) *why = "the key could not sign";
+  if (!ok) *why = "no private key in PEM form that can sign (Ed25519, RSA or EC)";
   return ok;
 }
 
 bool Sha256OfFile(const char* path, std::string* hex, std::string* why) {
   int fd = OpenRegularFile(path, O_RDONLY, why);
   if (fd < 0) return false;
-  EVP_MD_CTX* ctx = EVP_MD_CTX_new();
-  bool ok = ctx != nullptr && EVP_DigestInit_ex(ctx, EVP_sha256(), nullptr) == 1;
-  std::vector<char> buffer(64 * 1024);
+  mbedtls_sha256_context ctx;
+  mbedtls_sha256_init(&ctx);
+  bool ok = mbedtls_sha256_starts_ret(&ctx, 0) == 0;
+  std::vector<unsigned char> buffer(64 * 1024);
   while (ok) {
     ssize_t n = read(fd, buffer.data(), buffer.size());
     if (n < 0 && errno == EINTR) continue;
@@ -145,21 +237,21 @@ bool Sha256OfFile(const char* path, std::string* hex, std::string* why) {
       ok = false;
     }
     if (n <= 0) break;
-    ok = EVP_DigestUpdate(ctx, buffer.data(), static_cast<size_t>(n)) == 1;
+    ok = mbedtls_sha256_update_ret(&ctx, buffer.data(), static_cast<size_t>(n)) == 0;
   }
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned int len = 0;
-  ok = ok && EVP_DigestFinal_ex(ctx, digest, &len) == 1;
-  EVP_MD_CTX_free(ctx);
+  unsigned char digest[32];
+  ok = ok && mbedtls_sha256_finish_ret(&ctx, digest) == 0;
+  mbedtls_sha256_free(&ctx);
   close(fd);
-  if (ok) *hex = Hex(digest, len);
+  if (ok) *hex = Hex(digest, sizeof(digest));
   return ok;
 }
 
 bool FileHasSha256(const char* path, const std::string& hex, std::string* why) {
   std::string have;
   if (!Sha256OfFile(path, &have, why)) return false;
-  if (have.size() == hex.size() && CRYPTO_memcmp(have.data(), hex.data(), hex.size()) == 0) {
+  if (have.size() == hex.size() && sodium_init() >= 0 &&
+      sodium_memcmp(have.data(), hex.data(), hex.size()) == 0) {
     return true;
   }
   *why = "SHA-256 " + have + " is not the listed " + hex;
@@ -167,10 +259,9 @@ bool FileHasSha256(const char* path, const std::string& hex, std::string* why) {
 }
 
 std::string Sha256OfText(const std::string& data) {
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned int len = 0;
-  if (EVP_Digest(data.data(), data.size(), digest, &len, EVP_sha256(), nullptr) != 1) return "";
-  return Hex(digest, len);
+  unsigned char digest[32];
+  if (!Sha256(data, digest)) return "";
+  return Hex(digest, sizeof(digest));
 }
 
 bool ReadAcceptedSerial(int64_t* serial, std::string* why) {

@@ -47,6 +47,9 @@ extern const char kTestKeyA[];
 extern const char kTestPubA[];
 extern const char kTestKeyB[];
 extern const char kTestPubB[];
+// An EC (P-256) key pair, which signs a list's SHA-256.
+extern const char kTestKeyEc[];
+extern const char kTestPubEc[];
 
 // The whole content of a file; empty when it cannot be read.
 std::string ReadWholeFile(const std::string& path);

@@ -2,11 +2,12 @@
 
 #include <arpa/inet.h>
 #include <errno.h>
-#include <openssl/crypto.h>
-#include <openssl/err.h>
-#include <openssl/evp.h>
-#include <openssl/ssl.h>
-#include <openssl/x509v3.h>
+#include <mbedtls/ctr_drbg.h>
+#include <mbedtls/entropy.h>
+#include <mbedtls/error.h>
+#include <mbedtls/net_sockets.h>
+#include <mbedtls/ssl.h>
+#include <mbedtls/x509_crt.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -16,16 +17,20 @@
 
 namespace {
 
+// The system's CAs when the policy names none: Debian's bundle, else its folder.
+constexpr const char* kSystemCaFile = "/etc/ssl/certs/ca-certificates.crt";
+constexpr const char* kSystemCaDir = "/etc/ssl/certs";
+
 int64_t NowMs() {
   timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);
   return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
-// Waits until fd is ready for what OpenSSL asked (ssl error kind) or deadlineMs passes.
-// 1 ready, 0 time-out, -1 error.
-int WaitFor(int fd, int sslError, int64_t deadlineMs) {
-  short events = sslError == SSL_ERROR_WANT_WRITE ? POLLOUT : POLLIN;
+// Waits until fd is ready for what the TLS library asked (a WANT_READ or WANT_WRITE result)
+// or deadlineMs passes. 1 ready, 0 time-out, -1 error.
+int WaitFor(int fd, int want, int64_t deadlineMs) {
+  short events = want == MBEDTLS_ERR_SSL_WANT_WRITE ? POLLOUT : POLLIN;
   for (;;) {
     int64_t left = deadlineMs - NowMs();
     if (left <= 0) return 0;
@@ -37,101 +42,195 @@ int WaitFor(int fd, int sslError, int64_t deadlineMs) {
   }
 }
 
-// The first queued OpenSSL error as text (the queue is emptied), or fallback.
-std::string SslErrorText(const char* fallback) {
-  unsigned long e = ERR_get_error();
-  ERR_clear_error();
-  if (e == 0) return fallback;
-  char text[256];
-  ERR_error_string_n(e, text, sizeof(text));
+std::string TlsErrorText(int ret) {
+  char text[160];
+  mbedtls_strerror(ret, text, sizeof(text));
   return text;
 }
 
-// Short reasons for the verify results a person has to act on; OpenSSL's text for the rest.
-std::string VerifyReason(long result) {
-  switch (result) {
-    case X509_V_ERR_CERT_HAS_EXPIRED:
-      return "certificate expired";
-    case X509_V_ERR_CERT_NOT_YET_VALID:
-      return "certificate not yet valid";
-    case X509_V_ERR_HOSTNAME_MISMATCH:
-    case X509_V_ERR_IP_ADDRESS_MISMATCH:
-      return "certificate of another host";
-    case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
-    case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
-    case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT:
-    case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
-    case X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE:
-      return "certificate from an unknown CA";
-    default:
-      return std::string("certificate refused: ") + X509_verify_cert_error_string(result);
-  }
+// Short reasons for the verify results a person has to act on; the library's text for the rest.
+std::string VerifyReason(uint32_t flags) {
+  if (flags & MBEDTLS_X509_BADCERT_EXPIRED) return "certificate expired";
+  if (flags & MBEDTLS_X509_BADCERT_FUTURE) return "certificate not yet valid";
+  if (flags & MBEDTLS_X509_BADCERT_CN_MISMATCH) return "certificate of another host";
+  if (flags & MBEDTLS_X509_BADCERT_NOT_TRUSTED) return "certificate from an unknown CA";
+  char text[256];
+  int n = mbedtls_x509_crt_verify_info(text, sizeof(text), "", flags);
+  std::string reason(text, n > 0 ? static_cast<size_t>(n) : 0);
+  while (!reason.empty() && reason.back() == '\n') reason.pop_back();
+  for (char& c : reason) c = c == '\n' ? ';' : c;
+  return "certificate refused: " + reason;
 }
 
-// True when the SHA-256 of the peer's DER certificate is pin (32 bytes).
-bool PinMatches(SSL* ssl, const std::string& pin) {
-  X509* cert = SSL_get0_peer_certificate(ssl);
-  unsigned char* der = nullptr;
-  int len = cert != nullptr ? i2d_X509(cert, &der) : -1;
-  bool same = len > 0 && FtpTlsPinMatches(pin, der, static_cast<size_t>(len));
-  OPENSSL_free(der);
-  return same;
+// What one control connection and its data connections share: the random source, the CAs
+// and the settings, with the host the certificate must name.
+struct TlsContext {
+  TlsContext() {
+    mbedtls_entropy_init(&entropy);
+    mbedtls_ctr_drbg_init(&drbg);
+    mbedtls_x509_crt_init(&ca);
+    mbedtls_ssl_config_init(&conf);
+  }
+  ~TlsContext() {
+    mbedtls_ssl_config_free(&conf);
+    mbedtls_x509_crt_free(&ca);
+    mbedtls_ctr_drbg_free(&drbg);
+    mbedtls_entropy_free(&entropy);
+  }
+  TlsContext(const TlsContext&) = delete;
+  TlsContext& operator=(const TlsContext&) = delete;
+
+  mbedtls_entropy_context entropy;
+  mbedtls_ctr_drbg_context drbg;
+  mbedtls_x509_crt ca;
+  mbedtls_ssl_config conf;
+  bool verifyHost = true;
+  int family = AF_UNSPEC;  // AF_INET or AF_INET6 when the host is an address literal
+  unsigned char addr[16] = {};
+};
+
+// The verify step for the server's own certificate (depth 0): an address literal must be one
+// of its iPAddress names (the library compares DNS names only), and without host checking
+// the name may be any.
+int CheckPeerName(void* data, mbedtls_x509_crt* crt, int depth, uint32_t* flags) {
+  const auto* ctx = static_cast<const TlsContext*>(data);
+  if (depth != 0) return 0;
+  if (!ctx->verifyHost) {
+    *flags &= ~static_cast<uint32_t>(MBEDTLS_X509_BADCERT_CN_MISMATCH);
+    return 0;
+  }
+  if (ctx->family == AF_UNSPEC) return 0;
+  size_t len = ctx->family == AF_INET ? 4 : 16;
+  for (const mbedtls_x509_sequence* san = &crt->subject_alt_names; san != nullptr;
+       san = san->next) {
+    bool ip = san->buf.tag == (MBEDTLS_ASN1_CONTEXT_SPECIFIC | MBEDTLS_X509_SAN_IP_ADDRESS);
+    if (ip && san->buf.len == len && memcmp(san->buf.p, ctx->addr, len) == 0) return 0;
+  }
+  *flags |= MBEDTLS_X509_BADCERT_CN_MISMATCH;
+  return 0;
 }
 
-// A context for one control connection and its data connections.
-SSL_CTX* NewContext(const FtpTlsPolicy& policy, std::string* err) {
-  SSL_CTX* ctx = SSL_CTX_new(TLS_client_method());
-  if (ctx == nullptr) {
-    *err = "TLS: " + SslErrorText("no context");
+// Loads the CAs: policy.ca as a file or a folder, else the system's.
+bool LoadCas(const std::string& ca, mbedtls_x509_crt* chain, std::string* err) {
+  std::string path = ca.empty() ? kSystemCaFile : ca;
+  struct stat st;
+  if (ca.empty() && stat(path.c_str(), &st) != 0) path = kSystemCaDir;
+  bool dir = stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+  // A folder may hold other files besides certificates; a positive result counts those.
+  int r = dir ? mbedtls_x509_crt_parse_path(chain, path.c_str())
+              : mbedtls_x509_crt_parse_file(chain, path.c_str());
+  if (r >= 0 && chain->version != 0) return true;
+  *err = "CA " + (ca.empty() ? std::string("defaults") : ca) +
+         " unusable: " + (r < 0 ? TlsErrorText(r) : std::string("no certificate in it"));
+  return false;
+}
+
+std::shared_ptr<TlsContext> NewContext(const FtpTlsPolicy& policy, const std::string& host,
+                                       std::string* err) {
+  auto ctx = std::make_shared<TlsContext>();
+  if (!LoadCas(policy.ca, &ctx->ca, err)) return nullptr;
+  int r = mbedtls_ctr_drbg_seed(&ctx->drbg, mbedtls_entropy_func, &ctx->entropy, nullptr, 0);
+  if (r == 0) {
+    r = mbedtls_ssl_config_defaults(&ctx->conf, MBEDTLS_SSL_IS_CLIENT, MBEDTLS_SSL_TRANSPORT_STREAM,
+                                    MBEDTLS_SSL_PRESET_DEFAULT);
+  }
+  if (r != 0) {
+    *err = "TLS: " + TlsErrorText(r);
     return nullptr;
   }
-  SSL_CTX_set_min_proto_version(ctx, TLS1_2_VERSION);
-  SSL_CTX_set_mode(ctx, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
-  SSL_CTX_set_verify(ctx, SSL_VERIFY_PEER, nullptr);
-  int ok;
-  if (policy.ca.empty()) {
-    ok = SSL_CTX_set_default_verify_paths(ctx);
-  } else {
-    struct stat st;
-    bool dir = stat(policy.ca.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-    ok = SSL_CTX_load_verify_locations(ctx, dir ? nullptr : policy.ca.c_str(),
-                                       dir ? policy.ca.c_str() : nullptr);
+  ctx->verifyHost = policy.verifyHost;
+  if (inet_pton(AF_INET, host.c_str(), ctx->addr) == 1) {
+    ctx->family = AF_INET;
+  } else if (inet_pton(AF_INET6, host.c_str(), ctx->addr) == 1) {
+    ctx->family = AF_INET6;
   }
-  if (ok != 1) {
-    *err = "CA " + (policy.ca.empty() ? std::string("defaults") : policy.ca) +
-           " unusable: " + SslErrorText("cannot load");
-    SSL_CTX_free(ctx);
-    return nullptr;
-  }
+  mbedtls_ssl_conf_min_version(&ctx->conf, MBEDTLS_SSL_MAJOR_VERSION_3,
+                               MBEDTLS_SSL_MINOR_VERSION_3);  // TLS 1.2 and later
+  mbedtls_ssl_conf_authmode(&ctx->conf, MBEDTLS_SSL_VERIFY_REQUIRED);
+  mbedtls_ssl_conf_ca_chain(&ctx->conf, &ctx->ca, nullptr);
+  mbedtls_ssl_conf_rng(&ctx->conf, mbedtls_ctr_drbg_random, &ctx->drbg);
+  mbedtls_ssl_conf_verify(&ctx->conf, CheckPeerName, ctx.get());
   return ctx;
 }
 
+// The socket under a TLS connection, non-blocking: the library's "want" results when it
+// would wait, so that every wait has a deadline.
+int SendBytes(void* fdp, const unsigned char* buf, size_t len) {
+  ssize_t n = send(*static_cast<int*>(fdp), buf, len, MSG_NOSIGNAL);
+  if (n >= 0) return static_cast<int>(n);
+  if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) {
+    return MBEDTLS_ERR_SSL_WANT_WRITE;
+  }
+  return errno == EPIPE || errno == ECONNRESET ? MBEDTLS_ERR_NET_CONN_RESET
+                                               : MBEDTLS_ERR_NET_SEND_FAILED;
+}
+
+int RecvBytes(void* fdp, unsigned char* buf, size_t len) {
+  ssize_t n = recv(*static_cast<int*>(fdp), buf, len, 0);
+  if (n >= 0) return static_cast<int>(n);
+  if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) {
+    return MBEDTLS_ERR_SSL_WANT_READ;
+  }
+  return errno == ECONNRESET ? MBEDTLS_ERR_NET_CONN_RESET : MBEDTLS_ERR_NET_RECV_FAILED;
+}
+
+bool Wants(int r) { return r == MBEDTLS_ERR_SSL_WANT_READ || r == MBEDTLS_ERR_SSL_WANT_WRITE; }
+
 class TlsConn : public FtpConn {
  public:
-  TlsConn(std::unique_ptr<FtpConn> plain, SSL* ssl)
-      : m_plain(std::move(plain)), m_fd(m_plain->id()), m_ssl(ssl) {}
+  TlsConn(std::unique_ptr<FtpConn> plain, std::shared_ptr<TlsContext> ctx)
+      : m_plain(std::move(plain)), m_fd(m_plain->id()), m_ctx(std::move(ctx)) {
+    mbedtls_ssl_init(&m_ssl);
+  }
 
   ~TlsConn() override {
     // An orderly end tells the peer that nothing was cut off; an armed abortive close (a
     // failed or unfinished bulk send) must not look like a complete file.
-    if (!m_failed && !m_abortive && !m_shutDown && SSL_is_init_finished(m_ssl)) {
-      (void)SSL_shutdown(m_ssl);
+    if (!m_failed && !m_abortive && !m_shutDown && m_established) {
+      (void)mbedtls_ssl_close_notify(&m_ssl);
     }
-    SSL_free(m_ssl);
-    ERR_clear_error();
+    mbedtls_ssl_free(&m_ssl);
   }
 
+  TlsConn(const TlsConn&) = delete;
+  TlsConn& operator=(const TlsConn&) = delete;
+
   int id() const override { return m_fd; }
-  SSL* ssl() const { return m_ssl; }
+  const std::shared_ptr<TlsContext>& context() const { return m_ctx; }
+
+  // Prepares the connection for host. False with *err.
+  bool Setup(const std::string& host, std::string* err) {
+    int r = mbedtls_ssl_setup(&m_ssl, &m_ctx->conf);
+    // A DNS name is sent (SNI) and checked; an address literal is checked in CheckPeerName.
+    if (r == 0 && m_ctx->family == AF_UNSPEC) r = mbedtls_ssl_set_hostname(&m_ssl, host.c_str());
+    if (r != 0) {
+      *err = "TLS set-up: " + TlsErrorText(r);
+      return false;
+    }
+    mbedtls_ssl_set_bio(&m_ssl, const_cast<int*>(&m_fd), SendBytes, RecvBytes, nullptr);
+    return true;
+  }
+
+  // Offers the TLS session of the control connection ctrl again. False with *err.
+  bool ResumeFrom(const TlsConn& ctrl, std::string* err) {
+    mbedtls_ssl_session session;
+    mbedtls_ssl_session_init(&session);
+    int r = mbedtls_ssl_get_session(&ctrl.m_ssl, &session);
+    if (r == 0) r = mbedtls_ssl_set_session(&m_ssl, &session);
+    mbedtls_ssl_session_free(&session);
+    if (r != 0) *err = "TLS set-up: " + TlsErrorText(r);
+    return r == 0;
+  }
 
   int Send(const char* data, size_t len, int idleMs, std::string* err) override {
     if (m_bulkIdleMs >= 0) idleMs = m_bulkIdleMs;
     int64_t deadline = NowMs() + idleMs;
+    const auto* bytes = reinterpret_cast<const unsigned char*>(data);
     while (len > 0) {
-      int chunk = len > (1u << 30) ? (1 << 30) : static_cast<int>(len);
-      int n = SSL_write(m_ssl, data, chunk);
+      // A write the library could not finish is called again with the same bytes.
+      int n = mbedtls_ssl_write(&m_ssl, bytes, len);
       if (n > 0) {
-        data += n;
+        bytes += n;
         len -= static_cast<size_t>(n);
         deadline = NowMs() + idleMs;
         continue;
@@ -149,18 +248,17 @@ class TlsConn : public FtpConn {
   }
 
   // Sends close_notify (the end of the file for a server that checks it) before the close.
-  // What the server sent meanwhile (TLS 1.3 session tickets) is read first: a socket closed
-  // with unread bytes is reset, and a server may then lose the end of the file.
+  // What the server sent meanwhile is read first: a socket closed with unread bytes is reset,
+  // and a server may then lose the end of the file.
   bool EndBulkSend() override {
     int64_t deadline = NowMs() + (m_bulkIdleMs > 0 ? m_bulkIdleMs : 10000);
-    char sink[4096];
+    unsigned char sink[4096];
     std::string err;
-    while (NowMs() < deadline && SSL_read(m_ssl, sink, sizeof(sink)) > 0) {
+    while (NowMs() < deadline && mbedtls_ssl_read(&m_ssl, sink, sizeof(sink)) > 0) {
     }
-    ERR_clear_error();
     for (;;) {
-      int r = SSL_shutdown(m_ssl);
-      if (r >= 0) break;  // sent; the peer's reply is not awaited
+      int r = mbedtls_ssl_close_notify(&m_ssl);
+      if (r == 0) break;  // sent; the peer's reply is not awaited
       if (!Wait(r, deadline, "close", &err)) return false;
     }
     m_shutDown = true;
@@ -171,15 +269,13 @@ class TlsConn : public FtpConn {
 
   ssize_t Recv(char* buf, size_t cap, int timeoutMs, std::string* err) override {
     int64_t deadline = NowMs() + (timeoutMs > 0 ? timeoutMs : 0);
-    int want = cap > (1u << 30) ? (1 << 30) : static_cast<int>(cap);
+    auto* bytes = reinterpret_cast<unsigned char*>(buf);
     for (;;) {
-      int n = SSL_read(m_ssl, buf, want);
+      int n = mbedtls_ssl_read(&m_ssl, bytes, cap);
       if (n > 0) return n;
-      int e = SSL_get_error(m_ssl, n);
-      if (e == SSL_ERROR_ZERO_RETURN) return 0;
-      if (e == SSL_ERROR_SYSCALL && ERR_peek_error() == 0 && n == 0) {
-        ERR_clear_error();
-        return 0;  // closed without close_notify: the end, as on a plain connection
+      // close_notify, or closed without it: the end, as on a plain connection.
+      if (n == 0 || n == MBEDTLS_ERR_SSL_PEER_CLOSE_NOTIFY || n == MBEDTLS_ERR_SSL_CONN_EOF) {
+        return 0;
       }
       if (!Wait(n, deadline, "receive", err)) return -1;
     }
@@ -188,27 +284,38 @@ class TlsConn : public FtpConn {
   // Runs the handshake until deadlineMs. False with *err.
   bool Handshake(int64_t deadlineMs, std::string* err) {
     for (;;) {
-      int r = SSL_connect(m_ssl);
-      if (r == 1) return true;
-      if (!Wait(r, deadlineMs, "handshake", err)) return false;
+      int r = mbedtls_ssl_handshake(&m_ssl);
+      if (r == 0) {
+        m_established = true;
+        return true;
+      }
+      if (!Wait(r, deadlineMs, "handshake", err)) {
+        uint32_t flags = mbedtls_ssl_get_verify_result(&m_ssl);
+        if (r == MBEDTLS_ERR_X509_CERT_VERIFY_FAILED && flags != 0) *err = VerifyReason(flags);
+        return false;
+      }
     }
   }
 
+  // True when the SHA-256 of the server's DER certificate is pin (32 bytes).
+  bool PinMatches(const std::string& pin) const {
+    const mbedtls_x509_crt* cert = mbedtls_ssl_get_peer_cert(&m_ssl);
+    return cert != nullptr && FtpTlsPinMatches(pin, cert->raw.p, cert->raw.len);
+  }
+
  private:
-  // After an OpenSSL call returned r <= 0: waits for the socket when OpenSSL asks for it.
+  // After a library call returned r < 0: waits for the socket when the library asks for it.
   // False with *err (and the connection marked failed) on an error or at deadlineMs.
   bool Wait(int r, int64_t deadlineMs, const char* what, std::string* err) {
-    int e = SSL_get_error(m_ssl, r);
-    if (e == SSL_ERROR_WANT_READ || e == SSL_ERROR_WANT_WRITE) {
-      int w = WaitFor(m_fd, e, deadlineMs);
+    if (Wants(r)) {
+      int w = WaitFor(m_fd, r, deadlineMs);
       if (w > 0) return true;
       *err = std::string(what) + (w == 0 ? ": timed out" : ": poll failed");
-    } else if (e == SSL_ERROR_SYSCALL && ERR_peek_error() == 0) {
-      *err = std::string(what) + ": " + (errno != 0 ? strerror(errno) : "connection closed");
+    } else if (r == MBEDTLS_ERR_NET_CONN_RESET || r == MBEDTLS_ERR_SSL_CONN_EOF) {
+      *err = std::string(what) + ": connection closed";
     } else {
-      *err = std::string(what) + ": " + SslErrorText("TLS error");
+      *err = std::string(what) + ": " + TlsErrorText(r);
     }
-    ERR_clear_error();
     m_failed = true;
     return false;
   }
@@ -221,8 +328,10 @@ class TlsConn : public FtpConn {
 
   const std::unique_ptr<FtpConn> m_plain;  // the socket, closed after m_ssl is freed
   const int m_fd;
-  SSL* const m_ssl;
+  const std::shared_ptr<TlsContext> m_ctx;  // outlives m_ssl, which points into it
+  mbedtls_ssl_context m_ssl;
   int m_bulkIdleMs = -1;
+  bool m_established = false;
   bool m_failed = false;
   bool m_abortive = false;
   bool m_shutDown = false;
@@ -234,45 +343,19 @@ std::unique_ptr<FtpConn> StartTlsClient(std::unique_ptr<FtpConn> plain, const st
                                         const FtpTlsPolicy& policy, const FtpConn* resumeFrom,
                                         int timeoutMs, std::string* err) {
   int64_t deadline = NowMs() + timeoutMs;
-  ERR_clear_error();
   const TlsConn* ctrl = dynamic_cast<const TlsConn*>(resumeFrom);
   if (resumeFrom != nullptr && ctrl == nullptr) {
     *err = "control connection without TLS";
     return nullptr;
   }
-  SSL_CTX* ctx = ctrl != nullptr ? SSL_get_SSL_CTX(ctrl->ssl()) : NewContext(policy, err);
-  if (ctx == nullptr) return nullptr;
-  SSL* ssl = SSL_new(ctx);
-  if (ctrl == nullptr) SSL_CTX_free(ctx);  // the connection holds its own reference
-  if (ssl == nullptr) {
-    *err = "TLS: " + SslErrorText("no connection state");
-    return nullptr;
-  }
-  unsigned char addr[16];
-  bool literal =
-      inet_pton(AF_INET, host.c_str(), addr) == 1 || inet_pton(AF_INET6, host.c_str(), addr) == 1;
-  bool ok = SSL_set_fd(ssl, plain->id()) == 1;
-  if (ok && !literal) ok = SSL_set_tlsext_host_name(ssl, host.c_str()) == 1;
-  if (ok && policy.verifyHost) {
-    ok = literal ? X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl), host.c_str()) == 1
-                 : SSL_set1_host(ssl, host.c_str()) == 1;
-  }
-  if (ok && ctrl != nullptr) {
-    SSL_SESSION* session = SSL_get1_session(ctrl->ssl());
-    if (session != nullptr) ok = SSL_set_session(ssl, session) == 1;
-    SSL_SESSION_free(session);
-  }
-  std::unique_ptr<TlsConn> conn(new TlsConn(std::move(plain), ssl));
-  if (!ok) {
-    *err = "TLS set-up: " + SslErrorText("refused");
-    return nullptr;
-  }
-  if (!conn->Handshake(deadline, err)) {
-    long result = SSL_get_verify_result(ssl);
-    if (result != X509_V_OK) *err = VerifyReason(result);
-    return nullptr;
-  }
-  if (!policy.pin.empty() && !PinMatches(ssl, policy.pin)) {
+  std::shared_ptr<TlsContext> ctx =
+      ctrl != nullptr ? ctrl->context() : NewContext(policy, host, err);
+  if (!ctx) return nullptr;
+  std::unique_ptr<TlsConn> conn(new TlsConn(std::move(plain), std::move(ctx)));
+  if (!conn->Setup(host, err)) return nullptr;
+  if (ctrl != nullptr && !conn->ResumeFrom(*ctrl, err)) return nullptr;
+  if (!conn->Handshake(deadline, err)) return nullptr;
+  if (!policy.pin.empty() && !conn->PinMatches(policy.pin)) {
     *err = "certificate fingerprint mismatch";
     return nullptr;
   }

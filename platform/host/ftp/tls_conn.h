@@ -1,4 +1,4 @@
-// TLS client connections over the host's sockets (OpenSSL), for explicit FTPS: the control
+// TLS client connections over the host's sockets (mbedTLS), for explicit FTPS: the control
 // connection turns to TLS after "AUTH TLS", each data connection right after it is opened,
 // resuming the control connection's TLS session (servers such as vsftpd insist on it, so that
 // nobody else can take over a data connection).

@@ -2,8 +2,8 @@
 
 #include <arpa/inet.h>
 #include <errno.h>
-#include <openssl/crypto.h>
-#include <openssl/sha.h>
+#include <mbedtls/sha256.h>
+#include <sodium.h>
 #include <sys/stat.h>
 
 #include <cctype>
@@ -201,10 +201,10 @@ FtpTlsPolicy ParseFtpTlsPolicy(const std::string& text, const std::string& host,
 }
 
 bool FtpTlsPinMatches(const std::string& pin, const unsigned char* der, size_t len) {
-  unsigned char digest[SHA256_DIGEST_LENGTH];
+  unsigned char digest[32];
   if (pin.size() != sizeof(digest) || der == nullptr) return false;
-  SHA256(der, len, digest);
-  return CRYPTO_memcmp(digest, pin.data(), sizeof(digest)) == 0;
+  return mbedtls_sha256_ret(der, len, digest, 0) == 0 && sodium_init() >= 0 &&
+         sodium_memcmp(digest, pin.data(), sizeof(digest)) == 0;
 }
 
 FtpTlsPolicy LookupFtpTlsPolicy(const std::string& host) {
