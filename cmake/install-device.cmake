@@ -1,5 +1,5 @@
-# Install-time part of cmake/install.cmake: the start script, the systemd unit, the
-# ftpget/ftpput links and the example configuration. Paths given to file(INSTALL) are the
+# Install-time part of cmake/install.cmake: the start script, the systemd unit, the velmarctl,
+# ftpget and ftpput links and the example configuration. Paths given to file(INSTALL) are the
 # device's; DESTDIR is put before them by file(INSTALL) itself.
 set(prefix "${CMAKE_INSTALL_PREFIX}")
 set(helperdir "${prefix}/${VELMAR_LIBEXECDIR}/velmar")
@@ -21,6 +21,11 @@ set(exec_perms OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WOR
                WORLD_EXECUTE)
 file(INSTALL "${staging}/S80velmar" DESTINATION /etc/init.d FILE_PERMISSIONS ${exec_perms})
 file(INSTALL "${staging}/velmar.service" DESTINATION "${prefix}/lib/systemd/system")
+
+# velmarctl: a link to velmar, relative so that it holds under any DESTDIR.
+file(RELATIVE_PATH velmar_from_bin "${prefix}/${VELMAR_BINDIR}" "${prefix}/${VELMAR_SBINDIR}/velmar")
+file(CREATE_LINK "${velmar_from_bin}" "${staging}/velmarctl" SYMBOLIC)
+file(INSTALL "${staging}/velmarctl" DESTINATION "${prefix}/${VELMAR_BINDIR}")
 
 if(NOT VELMAR_TARGET_BUSYBOX STREQUAL "")
   foreach(applet ftpget ftpput)

@@ -12,9 +12,9 @@ if(NOT DEFINED CACHE{velmar_install_prefix_defaulted})
 endif()
 include(GNUInstallDirs)
 
-# Component "recorder" (the default install): the service and the control tool.
+# Component "recorder" (the default install): the service, which is also the control tool
+# under the name velmarctl (a link, laid out by cmake/install-device.cmake).
 install(TARGETS velmar RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT recorder)
-install(TARGETS velmarctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT recorder)
 # Component "tools", only when asked for (--component tools): the operator's list signer and
 # the recording test tools, which a recorder does not need.
 foreach(tool velmar-sign velmar-mkrec velmar-avi)
@@ -35,5 +35,6 @@ install(CODE "set(VELMAR_SOURCE_DIR \"${CMAKE_SOURCE_DIR}\")
 set(VELMAR_BINARY_DIR \"${CMAKE_BINARY_DIR}\")
 set(VELMAR_TARGET_BUSYBOX \"${VELMAR_TARGET_BUSYBOX}\")
 set(VELMAR_SBINDIR \"${CMAKE_INSTALL_SBINDIR}\")
+set(VELMAR_BINDIR \"${CMAKE_INSTALL_BINDIR}\")
 set(VELMAR_LIBEXECDIR \"${CMAKE_INSTALL_LIBEXECDIR}\")" COMPONENT recorder)
 install(SCRIPT ${CMAKE_SOURCE_DIR}/cmake/install-device.cmake COMPONENT recorder)

@@ -313,7 +313,8 @@ TEST(FtpParsersTest, TlsPolicyIsStrictAndNeverFallsBackToOff) {
       {"h require ca=/a ca=/b", 2, "", true, 0}, {"h require pin=sha256:00", 2, "", true, 0},
       {"h require pin=md5:" + std::string(32, '0'), 2, "", true, 0}, {"h off tls", 2, "", true, 0},
       {"h require\nH. off", 2, "", true, 0}, {"x require bogus\nh off", 2, "", true, 0},
-      {"h require pin=sha256:" + std::string(63, '0'), 2, "", true, 0}}) {
+      {"h require pin=sha256:" + std::string(63, '0'), 2, "", true, 0},
+      {" \v#x\f\r\nh\trequire\fca=/c\r\n\n\tx off", 1, "/c", true, 0}}) {
     // clang-format on
     FtpTlsPolicy p = ParseFtpTlsPolicy(text, "h", nullptr);
     EXPECT_EQ(std::make_tuple(int{p.mode}, p.ca, p.verifyHost, FtpTlsPinMatches(p.pin, abc, 3)),

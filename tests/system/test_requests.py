@@ -1,11 +1,27 @@
 """velmarctl talks to the real service: tasks land in the current disk's database, transfer
 control rewrites them, a command file runs its user commands, and watch sees heartbeats. (The
-server switch is shown by the maintenance cycle test.)"""
+server switch is shown by the maintenance cycle test.) Both are one program, chosen by name."""
 import json
 import os
+import subprocess
+import tempfile
 import unittest
 
-from harness import FtpServer, ServiceTest, Watch, db_rows, read, velmarctl, wait_until, write
+from harness import (BUILD_DIR, EXEC_PREFIX, FtpServer, ServiceTest, Watch, db_rows, read,
+                     velmarctl, wait_until, write)
+
+
+class ProgramNameTest(unittest.TestCase):
+    def test_a_name_ending_in_velmarctl_is_the_control_tool(self):
+        # A link's name, its arguments, the exit code and the usage it prints (tool or service).
+        with tempfile.TemporaryDirectory(prefix="velmar-names-") as links:
+            for name, args, code, usage in [("armhf-velmarctl", ["bogus"], 2, "usage: velmarctl"),
+                                            ("velmar", ["-h"], 0, "usage: velmar\n"),
+                                            ("velmarctl-old", ["status"], 2, "usage: velmar\n")]:
+                os.symlink(os.path.join(BUILD_DIR, "velmar"), os.path.join(links, name))
+                r = subprocess.run(EXEC_PREFIX + [os.path.join(links, name)] + args,
+                                   capture_output=True, text=True, timeout=60)
+                self.assertEqual((r.returncode, usage in r.stdout + r.stderr), (code, True), name)
 
 
 class RequestTest(ServiceTest):

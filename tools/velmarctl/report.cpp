@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <fstream>
 #include <list>
 #include <map>
 #include <string>
@@ -68,14 +67,20 @@ std::vector<std::string> UploadDisks() {
 
 // The last n level-2 (notable) lines of the debug log.
 std::vector<std::string> LastNotableLines(size_t n) {
-  std::ifstream in(RootedPath("/var/log/velmar/velmar.log"), std::ios::binary);
   std::vector<std::string> lines;
-  std::string line;
-  while (std::getline(in, line)) {
+  FILE* in = fopen(RootedPath("/var/log/velmar/velmar.log").c_str(), "rb");
+  if (in == nullptr) return lines;
+  char* buf = nullptr;
+  size_t cap = 0;
+  for (ssize_t len; (len = getline(&buf, &cap, in)) > 0;) {
+    std::string line(buf, static_cast<size_t>(len));
     if (line.find(" [2] ") == std::string::npos) continue;
+    if (line.back() == '\n') line.pop_back();
     lines.push_back(line);
     if (lines.size() > n) lines.erase(lines.begin());
   }
+  free(buf);
+  fclose(in);
   return lines;
 }
 

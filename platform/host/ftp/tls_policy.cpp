@@ -6,10 +6,10 @@
 #include <sodium.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <set>
-#include <sstream>
 #include <vector>
 
 #include "platform/fileutil.h"
@@ -159,6 +159,18 @@ void ReadPolicy(const std::string& path, Cached* c) {
   }
 }
 
+// The words of a line: runs of anything but blanks (space, tab, CR, LF, VT, FF).
+std::vector<std::string> Words(const std::string& line) {
+  static const char kBlanks[] = " \t\r\n\v\f";
+  std::vector<std::string> words;
+  for (size_t at = line.find_first_not_of(kBlanks); at != std::string::npos;) {
+    size_t end = line.find_first_of(kBlanks, at);
+    words.push_back(line.substr(at, end - at));
+    at = line.find_first_not_of(kBlanks, end);
+  }
+  return words;
+}
+
 }  // namespace
 
 FtpTlsPolicy ParseFtpTlsPolicy(const std::string& text, const std::string& host,
@@ -168,12 +180,10 @@ FtpTlsPolicy ParseFtpTlsPolicy(const std::string& text, const std::string& host,
   broken.mode = FtpTlsPolicy::kBroken;
   const std::string key = HostKey(host);
   std::set<std::string> seen;
-  std::istringstream lines(text);
-  std::string line;
-  for (int number = 1; std::getline(lines, line); ++number) {
-    std::istringstream in(line);
-    std::vector<std::string> words;
-    for (std::string w; in >> w;) words.push_back(w);
+  for (size_t start = 0, number = 1; start < text.size(); ++number) {
+    size_t end = std::min(text.find('\n', start), text.size());
+    const std::vector<std::string> words = Words(text.substr(start, end - start));
+    start = end + 1;
     if (words.empty() || words[0][0] == '#') continue;
     FtpTlsPolicy p;
     bool star = words[0] == "*";

@@ -1,6 +1,6 @@
 // velmarctl: builds velmar's requests from named options and sends them on the event bus, or
 // watches the bus for heartbeats and task status events. The sandbox root is VELMAR_ROOT,
-// as for the service.
+// as for the service. It is part of the velmar program (core/main.cpp starts it by name).
 #include <getopt.h>
 #include <signal.h>
 #include <unistd.h>
@@ -15,6 +15,7 @@
 
 #include "core/ftp_upload_interface.h"
 #include "core/request_codec.h"
+#include "core/velmarctl_main.h"
 #include "platform/byteorder.h"
 #include "platform/evbus.h"
 #include "platform/text.h"
@@ -408,7 +409,7 @@ int Watch(int argc, char** argv) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int VelmarctlMain(int argc, char** argv) {
   if (argc < 2) {
     fputs(kUsage, stderr);
     return 2;
