@@ -2,12 +2,14 @@
 # Debian's cross compiler (g++-arm-linux-gnueabihf).
 #
 # The C library and libstdc++ come with the cross compiler (/usr/arm-linux-gnueabihf). The
-# libraries velmar links (SQLite3, TinyXML, OpenSSL, GoogleTest/GoogleMock) come from Debian's armhf
-# packages unpacked into a sysroot folder, which scripts/cross-build prepares:
+# libraries velmar links (TinyXML, the TLS and crypto libraries, GoogleTest/GoogleMock) come
+# from Debian's armhf packages unpacked into a sysroot folder, and SQLite from its
+# amalgamation, both of which scripts/cross-build prepares:
 #
 #   cmake -S . -B build-armhf -G Ninja \
 #         -DCMAKE_TOOLCHAIN_FILE=cmake/armhf-toolchain.cmake \
-#         -DVELMAR_ARMHF_SYSROOT=$PWD/build-armhf/sysroot -DVELMAR_BENCH=OFF
+#         -DVELMAR_ARMHF_SYSROOT=$PWD/build-armhf/sysroot \
+#         -DVELMAR_SQLITE_SOURCE=$PWD/build-armhf/sqlite -DVELMAR_BENCH=OFF
 #
 # With qemu-arm installed, CTest and gtest_discover_tests run the test programs under it.
 
@@ -52,7 +54,8 @@ set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,-rpath-link,${VELMAR_ARMHF_LIBDIR}")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "-Wl,-rpath-link,${VELMAR_ARMHF_LIBDIR}")
 
 # Test programs run under user-mode QEMU with the cross C library as the root for the
-# dynamic loader.
+# dynamic loader. A fully static build (VELMAR_FULLY_STATIC, the default of a cross build)
+# needs no loader: CMakeLists.txt gives it an empty folder as the root instead.
 find_program(VELMAR_QEMU_ARM NAMES qemu-arm qemu-arm-static)
 if(VELMAR_QEMU_ARM)
   set(CMAKE_CROSSCOMPILING_EMULATOR "${VELMAR_QEMU_ARM};-L;/usr/${VELMAR_ARMHF_TRIPLET}")
