@@ -21,4 +21,4 @@ add_library(velmar_tinyxml STATIC
 target_compile_options(velmar_tinyxml PRIVATE -Os -w)
 set(TINYXML_INCLUDE_DIR "${VELMAR_TINYXML_SOURCE}")
 set(TINYXML_LIBRARY velmar_tinyxml)
-set(TINYXML_DEFINITIONS "")
+set(TINYXML_DEFINITIONS VELMAR_TINYXML_STL=0)

@@ -6,6 +6,12 @@
 
 #include <tinyxml.h>
 
+// TinyXML's classes have another layout with TIXML_USE_STL than without: code compiled against
+// one header and linked with the other library crashes. The build says which library it links.
+#if defined(VELMAR_TINYXML_STL) && VELMAR_TINYXML_STL != defined(TIXML_USE_STL)
+#error "tinyxml.h found is not the header of the TinyXML library linked"
+#endif
+
 #include <cstddef>
 #include <string>
 
