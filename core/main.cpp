@@ -30,8 +30,10 @@ const char kUsage[] =
 // The control tool is the program started under a name (a path) that ends in "velmarctl":
 // "/usr/bin/velmarctl", a wrapper's "armhf-velmarctl". No name, or an empty one, is the service.
 bool StartedAsVelmarctl(const char* argv0) {
-  const size_t len = argv0 != nullptr ? strlen(argv0) : 0, suffix = strlen("velmarctl");
-  return len >= suffix && strcmp(argv0 + len - suffix, "velmarctl") == 0;
+  const char kName[] = "velmarctl";
+  const size_t suffix = sizeof(kName) - 1;
+  const size_t len = argv0 != nullptr ? strlen(argv0) : 0;
+  return len >= suffix && strcmp(argv0 + len - suffix, kName) == 0;
 }
 
 }  // namespace
