@@ -3,13 +3,14 @@
 #
 # The C library and libstdc++ come with the cross compiler (/usr/arm-linux-gnueabihf). The
 # libraries velmar links (TinyXML, the TLS and crypto libraries, GoogleTest/GoogleMock) come
-# from Debian's armhf packages unpacked into a sysroot folder, and SQLite from its
-# amalgamation, both of which scripts/cross-build prepares:
+# from Debian's armhf packages unpacked into a sysroot folder; SQLite from its amalgamation
+# and TinyXML from its sources for the static program. scripts/cross-build prepares them all:
 #
 #   cmake -S . -B build-armhf -G Ninja \
 #         -DCMAKE_TOOLCHAIN_FILE=cmake/armhf-toolchain.cmake \
 #         -DVELMAR_ARMHF_SYSROOT=$PWD/build-armhf/sysroot \
-#         -DVELMAR_SQLITE_SOURCE=$PWD/build-armhf/sqlite -DVELMAR_BENCH=OFF
+#         -DVELMAR_SQLITE_SOURCE=$PWD/build-armhf/sqlite \
+#         -DVELMAR_TINYXML_SOURCE=$PWD/build-armhf/tinyxml -DVELMAR_BENCH=OFF
 #
 # With qemu-arm installed, CTest and gtest_discover_tests run the test programs under it.
 
@@ -43,7 +44,8 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# Headers that differ by architecture (OpenSSL's configuration.h) sit in the multiarch folder.
+# Headers that differ by architecture (a library's configuration header) sit in the multiarch
+# folder.
 set(CMAKE_C_STANDARD_INCLUDE_DIRECTORIES "${VELMAR_ARMHF_SYSROOT}/usr/include/${VELMAR_ARMHF_TRIPLET}")
 set(CMAKE_CXX_STANDARD_INCLUDE_DIRECTORIES "${VELMAR_ARMHF_SYSROOT}/usr/include/${VELMAR_ARMHF_TRIPLET}")
 
