@@ -51,6 +51,16 @@ bool IsFileListEntry(const TiXmlElement* e) {
   return strstr(e->Value(), "FILE") != nullptr && e->GetText() != nullptr;
 }
 
+bool ReadFileListEntry(const TiXmlElement* e, FtpFileItem_t* item) {
+  if (!IsFileListEntry(e)) return false;
+  memset(item, 0, sizeof(*item));
+  for (const TiXmlAttribute* a = e->FirstAttribute(); a != nullptr; a = a->Next()) {
+    ApplyAttribute(a, item);
+  }
+  CopyText(item->FileName, sizeof(item->FileName), e->GetText());
+  return true;
+}
+
 void LogLoadFailed(const char* path, const std::string& why) {
   WriteDbgLog(0, "LoadFile %s Failed\n", path);
   WriteDbgLog(0, "LoadFile: %s\n", why.c_str());
@@ -99,17 +109,12 @@ int CFtpMaintainMng::ParseFileListText(const char* path, const std::string& byte
   for (const TiXmlElement* e = root->FirstChildElement(); e != nullptr;
        e = e->NextSiblingElement()) {
     if (!IsFileListEntry(e)) continue;
-    const char* text = e->GetText();
     FtpFileItem_t* grown = static_cast<FtpFileItem_t*>(
         realloc(list->pItems, sizeof(FtpFileItem_t) * static_cast<size_t>(list->count + 1)));
     if (grown == nullptr) continue;
     list->pItems = grown;
     FtpFileItem_t* item = &grown[list->count];
-    memset(item, 0, sizeof(*item));
-    for (const TiXmlAttribute* a = e->FirstAttribute(); a != nullptr; a = a->Next()) {
-      ApplyAttribute(a, item);
-    }
-    CopyText(item->FileName, sizeof(item->FileName), text);
+    ReadFileListEntry(e, item);
     printf("FtpFileItem [%d]: %d, %d, %d, %s, %s, %s, %s\n", list->count, item->FileType,
            item->FileSize, item->DevType, item->ExpiryDate, item->Scope, item->CrcValue,
            item->FileName);

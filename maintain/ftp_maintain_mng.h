@@ -151,6 +151,9 @@ void ClearFileList(FtpFileList_t* list);
 // True when e is an entry of a file list: its name contains "FILE" and it has text (the file
 // name on the server).
 bool IsFileListEntry(const TiXmlElement* e);
+// Reads the entry e into *item (zeroed first) as the service reads a list: attributes matched
+// by part of their name. False, item untouched, when e is no entry.
+bool ReadFileListEntry(const TiXmlElement* e, FtpFileItem_t* item);
 // Logs that the XML document at path cannot be used: the fixed line, then the reason in a line
 // of its own.
 void LogLoadFailed(const char* path, const std::string& why);

@@ -80,7 +80,8 @@ void TlsFetch(Env* env, const UpgradeSet_t& account, const char* local, const ch
               static_cast<long long>(got));
 }
 
-void TlsSend(Env* env, const UpgradeSet_t& account, const char* remote, const char* local) {
+void TlsSend(Env* env, const UpgradeSet_t& account, const char* remote, const char* local,
+             int seconds) {
   std::string why;
   int fd = OpenRegularFile(local, O_RDONLY, &why);
   if (fd < 0) {
@@ -90,8 +91,13 @@ void TlsSend(Env* env, const UpgradeSet_t& account, const char* remote, const ch
   std::unique_ptr<CFtpClient> client = LoggedIn(env, account, remote);
   int data = client != nullptr ? client->FtpCreateDateSockFd(0) : -1;
   bool ok = data >= 0;
+  const int64_t deadline = env->NowMs() + static_cast<int64_t>(seconds) * 1000;
   char buf[kSendBlock];
   while (ok) {
+    if (env->NowMs() > deadline) {  // a server that takes each block slowly, but takes it
+      ok = false;
+      break;
+    }
     ssize_t n = read(fd, buf, sizeof(buf));
     if (n <= 0) {
       ok = n == 0;
@@ -139,7 +145,7 @@ FtpCommandResult MaintainSend(Env* env, const UpgradeSet_t& account, const char*
                               const char* local, int seconds) {
   if (NeedsTls(account)) {
     if (!IsSafeFileName(remote) || local == nullptr) return FTP_COMMAND_BAD_FIRST;
-    TlsSend(env, account, remote, local);
+    TlsSend(env, account, remote, local, seconds);
     return FTP_COMMAND_OK;
   }
   return ViaBusybox(env, "ftpput", account, remote, local, seconds, 2);

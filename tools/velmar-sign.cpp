@@ -13,7 +13,6 @@
 #include "maintain/ftp_maintain_mng.h"
 #include "maintain/trust_gate.h"
 #include "platform/fileutil.h"
-#include "platform/text.h"
 #include "platform/trust.h"
 #include "platform/xml_file.h"
 
@@ -126,7 +125,7 @@ int Verify(const char* list, const char* trustPath) {
     return 1;
   }
   TiXmlDocument doc;
-  if (!LoadXmlFile(list, &doc, &why)) {
+  if (!ParseXmlText(data, &doc, &why)) {
     fprintf(stderr, "velmar-sign: %s: %s\n", list, why.c_str());
     return 1;
   }
@@ -134,12 +133,10 @@ int Verify(const char* list, const char* trustPath) {
   int unverifiable = 0;
   for (const TiXmlElement* e = root->FirstChildElement(); e != nullptr;
        e = e->NextSiblingElement()) {
-    FtpFileItem_t item{};
-    const char* crc = e->Attribute("crcvalue");
-    CopyText(item.CrcValue, sizeof(item.CrcValue), crc != nullptr ? crc : "");
-    if (IsFileListEntry(e) && !EntryNamesSha256(item)) {
+    FtpFileItem_t item;
+    if (ReadFileListEntry(e, &item) && !EntryNamesSha256(item)) {
       fprintf(stderr, "velmar-sign: entry %s has no sha256 value: a recorder refuses it\n",
-              e->GetText());
+              item.FileName);
       ++unverifiable;
     }
   }

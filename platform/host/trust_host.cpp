@@ -250,8 +250,7 @@ bool Sha256OfFile(const char* path, std::string* hex, std::string* why) {
 bool FileHasSha256(const char* path, const std::string& hex, std::string* why) {
   std::string have;
   if (!Sha256OfFile(path, &have, why)) return false;
-  if (have.size() == hex.size() && sodium_init() >= 0 &&
-      sodium_memcmp(have.data(), hex.data(), hex.size()) == 0) {
+  if (have.size() == hex.size() && sodium_memcmp(have.data(), hex.data(), hex.size()) == 0) {
     return true;
   }
   *why = "SHA-256 " + have + " is not the listed " + hex;

@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
-#include <set>
+#include <map>
 #include <vector>
 
 #include "platform/fileutil.h"
@@ -106,10 +106,17 @@ std::string HostKey(const std::string& host) {
   return "n:" + name;
 }
 
-// The policy file as last read: what it was (its signature) and its text, or why it is unusable.
+// Every entry of a policy text, keyed by HostKey (or "*"), or why the text is unusable.
+struct ParsedPolicy {
+  std::map<std::string, FtpTlsPolicy> entries;
+  FtpTlsPolicy broken;  // kBroken, with why, when one line is unusable
+};
+
+// The policy file as last read: what it was (its signature) and its entries, or why it is
+// unusable. Parsed once per version of the file, not once per connection.
 struct Cached {
   std::string signature;  // empty: never read; "absent": no file
-  std::string text;
+  ParsedPolicy parsed;
   std::string unusable;  // why the whole file refuses every host; empty when it is usable
 };
 
@@ -133,32 +140,6 @@ std::string Signature(const std::string& path) {
   return sig;
 }
 
-// Reads the file at path into *c and logs what makes it unusable or what was changed.
-void ReadPolicy(const std::string& path, Cached* c) {
-  std::string why;
-  if (!ReadRegularFile(path.c_str(), kMaxPolicyBytes, &c->text, &why)) {
-    c->unusable = why;
-  } else if (c->text.empty()) {
-    // A file cut to nothing is a failed edit far more often than a wish for clear text.
-    c->unusable = "empty";
-  } else {
-    if (c->text.compare(0, 3, kUtf8Bom) == 0) {
-      WriteDbgLog(2, "TLS policy %s: UTF-8 byte-order mark ignored\n", path.c_str());
-      c->text.erase(0, 3);
-    }
-    std::string problems;
-    ParseFtpTlsPolicy(c->text, "", &problems);
-    if (!problems.empty()) {
-      WriteDbgLog(2, "TLS policy %s: entries refused:\n%s", path.c_str(), problems.c_str());
-      c->unusable = "unusable entries";
-    }
-  }
-  if (!c->unusable.empty()) {
-    WriteDbgLog(2, "TLS policy %s unusable (%s): every FTP connection refused\n", path.c_str(),
-                c->unusable.c_str());
-  }
-}
-
 // The words of a line: runs of anything but blanks (space, tab, CR, LF, VT, FF).
 std::vector<std::string> Words(const std::string& line) {
   static const char kBlanks[] = " \t\r\n\v\f";
@@ -171,49 +152,79 @@ std::vector<std::string> Words(const std::string& line) {
   return words;
 }
 
-}  // namespace
-
-FtpTlsPolicy ParseFtpTlsPolicy(const std::string& text, const std::string& host,
-                               std::string* problems) {
-  FtpTlsPolicy own, any, broken;
-  bool haveOwn = false, haveAny = false;
-  broken.mode = FtpTlsPolicy::kBroken;
-  const std::string key = HostKey(host);
-  std::set<std::string> seen;
+// Every entry of text; each unusable line appends one line to *problems (when not null), and
+// the first makes the whole text unusable.
+ParsedPolicy ParseAll(const std::string& text, std::string* problems) {
+  ParsedPolicy parsed;
+  parsed.broken.mode = FtpTlsPolicy::kBroken;
   for (size_t start = 0, number = 1; start < text.size(); ++number) {
     size_t end = std::min(text.find('\n', start), text.size());
     const std::vector<std::string> words = Words(text.substr(start, end - start));
     start = end + 1;
     if (words.empty() || words[0][0] == '#') continue;
     FtpTlsPolicy p;
-    bool star = words[0] == "*";
-    std::string entryKey = star ? "*" : HostKey(words[0]);
+    std::string entryKey = words[0] == "*" ? "*" : HostKey(words[0]);
     bool ok = ParseEntry(words, &p);
-    if (ok && !seen.insert(entryKey).second) {
+    if (ok && !parsed.entries.emplace(entryKey, p).second) {
       ok = false;
       p.why = "second entry for " + words[0].substr(0, 64);
     }
     if (!ok) {  // one unusable line makes the whole file unusable, for every host
       std::string why = "line " + std::to_string(number) + ": " + p.why;
       if (problems != nullptr) *problems += why + "\n";
-      if (broken.why.empty()) broken.why = why;
-    } else if (star) {
-      any = p;
-      haveAny = true;
-    } else if (entryKey == key) {
-      own = p;
-      haveOwn = true;
+      if (parsed.broken.why.empty()) parsed.broken.why = why;
     }
   }
-  if (!broken.why.empty()) return broken;
-  if (haveOwn) return own;
-  return haveAny ? any : FtpTlsPolicy();
+  return parsed;
+}
+
+// The policy for host: its own entry, else the "*" entry, else kOff.
+FtpTlsPolicy PolicyFor(const ParsedPolicy& parsed, const std::string& host) {
+  if (!parsed.broken.why.empty()) return parsed.broken;
+  auto own = parsed.entries.find(HostKey(host));
+  if (own != parsed.entries.end()) return own->second;
+  auto any = parsed.entries.find("*");
+  return any != parsed.entries.end() ? any->second : FtpTlsPolicy();
+}
+
+// Reads the file at path into *c and logs what makes it unusable or what was changed.
+void ReadPolicy(const std::string& path, Cached* c) {
+  std::string why;
+  std::string text;
+  if (!ReadRegularFile(path.c_str(), kMaxPolicyBytes, &text, &why)) {
+    c->unusable = why;
+  } else if (text.empty()) {
+    // A file cut to nothing is a failed edit far more often than a wish for clear text.
+    c->unusable = "empty";
+  } else {
+    if (text.compare(0, 3, kUtf8Bom) == 0) {
+      WriteDbgLog(2, "TLS policy %s: UTF-8 byte-order mark ignored\n", path.c_str());
+      text.erase(0, 3);
+    }
+    std::string problems;
+    c->parsed = ParseAll(text, &problems);
+    if (!problems.empty()) {
+      WriteDbgLog(2, "TLS policy %s: entries refused:\n%s", path.c_str(), problems.c_str());
+      c->unusable = "unusable entries";
+    }
+  }
+  if (!c->unusable.empty()) {
+    WriteDbgLog(2, "TLS policy %s unusable (%s): every FTP connection refused\n", path.c_str(),
+                c->unusable.c_str());
+  }
+}
+
+}  // namespace
+
+FtpTlsPolicy ParseFtpTlsPolicy(const std::string& text, const std::string& host,
+                               std::string* problems) {
+  return PolicyFor(ParseAll(text, problems), host);
 }
 
 bool FtpTlsPinMatches(const std::string& pin, const unsigned char* der, size_t len) {
   unsigned char digest[32];
   if (pin.size() != sizeof(digest) || der == nullptr) return false;
-  return mbedtls_sha256_ret(der, len, digest, 0) == 0 && sodium_init() >= 0 &&
+  return mbedtls_sha256_ret(der, len, digest, 0) == 0 &&
          sodium_memcmp(digest, pin.data(), sizeof(digest)) == 0;
 }
 
@@ -236,5 +247,5 @@ FtpTlsPolicy LookupFtpTlsPolicy(const std::string& host) {
     p.why = "policy file unusable: " + cache.unusable;
     return p;
   }
-  return ParseFtpTlsPolicy(cache.text, host, nullptr);
+  return PolicyFor(cache.parsed, host);
 }
